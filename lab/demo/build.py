@@ -1,0 +1,44 @@
+"""The Release build of the daemon, in build/."""
+
+from __future__ import annotations
+
+import os
+import signal
+import subprocess
+import sys
+from pathlib import Path
+
+from lab.demo.stop import Interrupted, StopRequest
+
+
+class BuildFailed(Exception):
+    pass
+
+
+def _run(command: list[str], stop: StopRequest) -> None:
+    """Runs in a session of its own, so that a stop signal ends the compilers with the build."""
+    process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=sys.stderr, start_new_session=True)
+    while process.poll() is None:
+        try:
+            process.wait(0.1)
+        except subprocess.TimeoutExpired:
+            if stop.number:
+                os.killpg(process.pid, signal.SIGTERM)
+                process.wait()
+    if stop.number:
+        raise Interrupted
+    if process.returncode != 0:
+        raise BuildFailed(f"{' '.join(command)}: status {process.returncode}")
+
+
+def build_daemon(root: Path, stop: StopRequest) -> Path:
+    folder = root / "build"
+    fresh = not (folder / "CMakeCache.txt").exists()
+    configure = ["cmake", "-S", str(root), "-B", str(folder), "-DCMAKE_BUILD_TYPE=Release"]
+    if fresh:
+        # The demo's own packages do without the test libraries; a build of scripts/test keeps its tests.
+        configure += ["-G", "Ninja", "-DBRIDGE_TESTS=OFF"]
+    if fresh or not (folder / "build.ninja").exists():
+        _run(configure + ["--log-level=WARNING"], stop)
+    _run(["cmake", "--build", str(folder), "--target", "snv_mqtt_bridge"], stop)
+    return folder / "snv_mqtt_bridge"

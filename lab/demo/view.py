@@ -1,0 +1,53 @@
+"""The log that a person reads: an aligned table, with colour on a terminal and without on a pipe."""
+
+from __future__ import annotations
+
+import os
+import sys
+from datetime import datetime
+
+_STYLES = {
+    "up": "32", "down": "36", "tx_ack": "36", "stats": "35", "total": "1", "daemon": "2",
+    "bad": "31;1", "warn": "33", "title": "1", "head": "1;4",
+}  # fmt: skip
+
+_COLUMNS = (
+    ("TIME", "<", 12), ("EVENT", "<", 6), ("DEVADDR", "<", 8), ("FCNT", ">", 5), ("FREQ MHZ", ">", 8),
+    ("DATA RATE", "<", 10), ("RSSI", ">", 4), ("SNR", ">", 5), ("SIZE", ">", 4), ("ACK MS", ">", 6),
+    ("NOTE", "<", 0),
+)  # fmt: skip
+_ROWS_BETWEEN_HEADINGS = 40
+
+
+class View:
+    def __init__(self) -> None:
+        terminal = sys.stdout.isatty() and os.environ.get("TERM", "dumb") != "dumb"
+        self._colour = terminal and "NO_COLOR" not in os.environ
+        self._rows = 0
+
+    def text(self, text: str = "", style: str = "") -> None:
+        if self._colour and style in _STYLES:
+            text = f"\033[{_STYLES[style]}m{text}\033[0m"
+        print(text, flush=True)
+
+    def row(self, event: str, *cells: str, note: str, style: str = "") -> None:
+        """One line of the table; `cells` are the columns from DEVADDR on, and missing ones stay blank."""
+        if self._rows % _ROWS_BETWEEN_HEADINGS == 0:
+            self.text(self._line([name for name, _, _ in _COLUMNS]), "head")
+        blanks = [""] * (len(_COLUMNS) - 3 - len(cells))
+        self.text(self._line([self._now(), event, *cells, *blanks, note]), style or event)
+        self._rows += 1
+
+    def remark(self, event: str, note: str, style: str = "") -> None:
+        """A line of the log that has no use for the columns."""
+        self.text(self._line([self._now(), event, note]), style or event)
+        self._rows += 1 if self._rows else 0
+
+    @staticmethod
+    def _now() -> str:
+        return datetime.now().strftime("%H:%M:%S.%f")[:-3]
+
+    @staticmethod
+    def _line(cells: list[str]) -> str:
+        parts = [f"{cell:{align}{width}}" for cell, (_, align, width) in zip(cells, _COLUMNS)]
+        return "  ".join(parts).rstrip()

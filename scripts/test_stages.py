@@ -1,0 +1,211 @@
+"""The stages of scripts/test. Each runs whatever became of the others, and all are counted in the last line."""
+
+from __future__ import annotations
+
+import argparse
+import os
+import re
+import subprocess
+import sys
+import time
+import xml.etree.ElementTree as xml
+from dataclasses import dataclass
+from pathlib import Path
+
+ROOT = Path(__file__).resolve().parent.parent
+JOBS = str(os.cpu_count() or 2)
+SYSTEM_WORKERS = "4"  # system tests wait more than they work
+
+
+@dataclass(frozen=True)
+class Variant:
+    """A way to build and run."""
+
+    folder: str
+    sanitizers: str
+    environment: dict[str, str]
+    # ThreadSanitizer's shadow memory collides with a strongly randomised address space.
+    prefix: tuple[str, ...] = ()
+
+
+PLAIN = Variant("build", "", {})
+ASAN = Variant(
+    "build-asan",
+    "address,undefined",
+    {
+        "ASAN_OPTIONS": "detect_stack_use_after_return=1:strict_string_checks=1",
+        "UBSAN_OPTIONS": "print_stacktrace=1",
+    },
+)
+TSAN = Variant("build-tsan", "thread", {"TSAN_OPTIONS": "second_deadlock_stack=1"}, ("setarch", "-R"))
+
+
+@dataclass
+class Outcome:
+    stage: str
+    passed: int
+    failed: int
+    seconds: float
+    remark: str = ""
+
+
+def announce(words: str) -> None:
+    print(f"\n=== {words}", flush=True)
+
+
+def run(command: list[str], environment: dict[str, str] | None = None) -> int:
+    """Output goes straight through. The child ends with this process."""
+    whole = ["setpriv", "--pdeathsig", "TERM", "--", *command]
+    return subprocess.run(
+        whole, cwd=ROOT, stdin=subprocess.DEVNULL, env={**os.environ, **(environment or {})}
+    ).returncode
+
+
+def sources(*folders: str) -> list[str]:
+    found = [path for folder in folders for path in (ROOT / folder).rglob("*") if path.suffix in (".cpp", ".h")]
+    return sorted(str(path.relative_to(ROOT)) for path in found)
+
+
+def count_cases(report: Path) -> tuple[int, int]:
+    """Passed and failed test cases of a JUnit report. Only a case that ran to its end has passed: a skipped test, or
+    one that could not be started, counts as failed."""
+    if not report.exists():
+        return 0, 0
+    cases = list(xml.parse(report).getroot().iter("testcase"))
+    passed = sum(1 for case in cases if case.get("status", "run") == "run" and not _has_verdict(case))
+    return passed, len(cases) - passed
+
+
+def _has_verdict(case: xml.Element) -> bool:
+    return any(case.find(verdict) is not None for verdict in ("failure", "error", "skipped"))
+
+
+def outcome_of_report(stage: str, report: Path, status: int, started: float) -> Outcome:
+    """A runner that complains although all its cases passed, or that ran none, is a failure too."""
+    passed, failed = count_cases(report)
+    remark = ""
+    if passed + failed == 0:
+        failed, remark = 1, "nothing ran"
+    elif status != 0 and failed == 0:
+        failed, remark = 1, f"the runner ended with status {status}"
+    return Outcome(stage, passed, failed, time.monotonic() - started, remark)
+
+
+class Build:
+    def __init__(self, variant: Variant) -> None:
+        self.variant = variant
+        self.folder = ROOT / variant.folder
+        self.daemon = self.folder / "snv_mqtt_bridge"
+
+    def configure(self) -> bool:
+        announce(f"configuring {self.variant.folder}")
+        kind = "RelWithDebInfo" if self.variant.sanitizers else "Release"
+        command = ["cmake", "-S", ".", "-B", self.variant.folder, f"-DCMAKE_BUILD_TYPE={kind}"]
+        if not (self.folder / "CMakeCache.txt").exists():
+            command += ["-G", "Ninja"]
+        command += ["-DBRIDGE_TESTS=ON", "-DBRIDGE_COVERAGE=OFF", f"-DBRIDGE_SANITIZE={self.variant.sanitizers}"]
+        return run(command) == 0
+
+    def build(self, target: str) -> bool:
+        announce(f"building {self.variant.folder}: {target}")
+        command = ["cmake", "--build", self.variant.folder, "--target", target, "--", "-k", "0"]
+        return run([*self.variant.prefix, *command]) == 0
+
+    def report(self, stage: str) -> Path:
+        """An old report must not speak for a run that wrote none."""
+        path = self.folder / f"report-{stage}.xml"
+        path.unlink(missing_ok=True)
+        return path
+
+
+def unit_stage(build: Build) -> list[Outcome]:
+    started = time.monotonic()
+    complete = build.build("all")
+    announce("unit tests")
+    report = build.report("unit")
+    command = ["ctest", "--test-dir", build.variant.folder, "-j", JOBS, "--output-on-failure"]
+    command += ["--no-tests=error", "--timeout", "120", "--output-junit", str(report)]
+    status = run([*build.variant.prefix, *command], build.variant.environment)
+    outcomes = [outcome_of_report("unit tests", report, status, started)]
+    if not complete:
+        outcomes.append(Outcome("build of the unit tests", 0, 1, 0.0))
+    return outcomes
+
+
+def system_stage(build: Build) -> list[Outcome]:
+    started = time.monotonic()
+    if not build.build("snv_mqtt_bridge"):
+        return [Outcome("system tests", 0, 1, time.monotonic() - started, "the daemon does not build")]
+    announce("system tests")
+    report = build.report("system")
+    command = ["/usr/bin/python3", "-B", "-m", "pytest", "tests/system", "-n", SYSTEM_WORKERS]
+    command += ["--dist", "loadgroup", "-p", "no:cacheprovider", f"--junitxml={report}"]
+    environment = {**build.variant.environment, "SNV_BRIDGE": str(build.daemon)}
+    status = run([*build.variant.prefix, *command], environment)
+    return [outcome_of_report("system tests", report, status, started)]
+
+
+def check_stage(build: Build) -> list[Outcome]:
+    tidy_files = f"^{re.escape(str(ROOT))}/src/"
+    checks = {
+        "clang-format": ["clang-format", "--dry-run", "-Werror", *sources("src", "tests", "bench", "fuzz")],
+        "clang-tidy": ["run-clang-tidy", "-quiet", "-j", JOBS, "-p", build.variant.folder, tidy_files],
+        "cppcheck": [
+            "cppcheck", "--quiet", "--error-exitcode=1", "-j", JOBS, "--std=c++20", "--language=c++",
+            "--enable=warning,performance,portability", "--inline-suppr", "--library=posix",
+            "--suppressions-list=scripts/cppcheck.suppressions", "-I", "src", "src",
+        ],
+    }  # fmt: skip
+    outcomes = []
+    for name, command in checks.items():
+        announce(name)
+        started = time.monotonic()
+        failed = int(run(command) != 0)
+        outcomes.append(Outcome(name, 1 - failed, failed, time.monotonic() - started))
+    return outcomes
+
+
+def summarise(outcomes: list[Outcome]) -> int:
+    announce("summary")
+    for outcome in outcomes:
+        words = f"{outcome.stage:<24} {outcome.passed:>5} passed {outcome.failed:>4} failed {outcome.seconds:>6.0f} s"
+        print(f"{words}  {outcome.remark}".rstrip())
+    failed = sum(outcome.failed for outcome in outcomes)
+    print(f"{sum(outcome.passed for outcome in outcomes)} passed, {failed} failed", flush=True)
+    return 1 if failed else 0
+
+
+def arguments() -> argparse.Namespace:
+    parser = argparse.ArgumentParser(
+        prog="scripts/test",
+        description="Builds everything and runs the unit tests, the system tests and the static checks, or only the"
+        " stages that are named. The last line counts what passed and what failed.",
+    )
+    variant = parser.add_mutually_exclusive_group()
+    variant.add_argument("--asan", action="store_true", help="with the address and undefined behaviour sanitizers")
+    variant.add_argument("--tsan", action="store_true", help="with the thread sanitizer")
+    parser.add_argument("--unit", action="store_true", help="the unit tests")
+    parser.add_argument("--system", action="store_true", help="the system tests")
+    parser.add_argument("--checks", action="store_true", help="clang-format, clang-tidy and cppcheck")
+    return parser.parse_args()
+
+
+def main() -> int:
+    args = arguments()
+    variant = ASAN if args.asan else TSAN if args.tsan else PLAIN
+    every = not (args.unit or args.system or args.checks)
+    build = Build(variant)
+    outcomes = []
+    if not build.configure():
+        outcomes.append(Outcome("configuration", 0, 1, 0.0))
+    if args.unit or every:
+        outcomes += unit_stage(build)
+    if args.system or every:
+        outcomes += system_stage(build)
+    if args.checks or (every and not variant.sanitizers):
+        outcomes += check_stage(build)
+    return summarise(outcomes)
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,817 @@
+/* Which client carries which endpoint, who is connected through it, and who gets its messages. */
+#include "mqtt/bridge_mqtt.h"
+
+#include "common/bridge_config.h"
+#include "common/bridge_log.h"
+#include "common/bridge_wait.h"
+#include "mqtt/bridge_mqtt_delivery.h"
+
+#include <MQTTClient.h>
+#include <array>
+#include <atomic>
+#include <cstring>
+#include <mutex>
+#include <span>
+
+static constexpr size_t MAX_SUBSCRIPTIONS = 128;
+static constexpr uint32_t LARGE_PAYLOAD = 2048;
+static constexpr int DISCONNECT_TIMEOUT_MS = 1000;
+static constexpr int PUBLISH_QOS = 1;
+static constexpr int SUBSCRIBE_QOS = 2;
+
+/* The library lets this many publishes be unacknowledged and then sleeps in steps of 100 ms. */
+static constexpr uint32_t MAX_INFLIGHT = 10;
+static constexpr uint32_t INFLIGHT_LOOK_US = 50;
+
+/* A library call that lasts longer than this waits for the library's own thread. */
+static constexpr uint32_t STUCK_CALL_MS = 50;
+static constexpr uint32_t STUCK_CALL_STEP_MS = 1;
+
+static constexpr uint32_t CALLBACK_RETURN_MS = 5;
+static constexpr uint32_t DEINIT_LIMIT_MS = 5000;
+static constexpr uint32_t DEINIT_STEP_MS = 10;
+
+struct bridge_mqtt_ep_cfg {
+    const char *(*uri)(const bridge_config_root *);
+    const char *(*user)(const bridge_config_root *);
+    const char *(*pass)(const bridge_config_root *);
+    bool (*validate_server_cert)(const bridge_config_root *);
+    const char *(*pkey_path)(const bridge_config_root *);
+    const char *(*cert_path)(const bridge_config_root *);
+    bool (*is_enabled)(const bridge_config_root *);
+    bool enabled;
+};
+
+/* Endpoints that share one client. */
+struct bridge_mqtt_ep_group {
+    MQTTClient handle;
+    uint32_t ep_bits;                     /* 0 marks a free row */
+    std::atomic<uint32_t> connected_bits; /* who uses the connection; stale after a loss */
+    const char *uri;
+    const char *user;
+    const char *pass;
+    const char *pkey_path;
+    const char *cert_path;
+    bool validate_server_cert;
+    uint32_t publish_room;      /* publishes that surely fit before the library's limit */
+    std::atomic<bool> closing;  /* the client is being ended: its messages reach nobody */
+    std::atomic<int> callbacks; /* message-arrived calls under way */
+};
+
+struct bridge_mqtt_sub {
+    const char *topic; /* the subscriber's; null marks a free row */
+    bridge_mqtt_handler_t handler;
+    void *context;
+    uint32_t endpoint;
+    bool pending; /* set while its bridge_mqtt_subscribe runs */
+};
+
+/* Rows in the order of bridge_mqtt_endpoint_t. */
+/* clang-format off */
+static bridge_mqtt_ep_cfg ep_cfgs[] = {
+    {config_get_ns_url, config_get_gw_user, config_get_gw_pass,
+     config_get_ns_cert_validation_enabled,
+     config_get_private_key_path, config_get_cert_path, config_get_ns_enabled, false},
+    {config_get_oam_scs_url, config_get_oam_scs_gw_user, config_get_oam_scs_gw_pass,
+     config_get_oam_scs_cert_validation_enabled,
+     config_get_private_key_path, config_get_cert_path, config_get_oam_scs_enabled, false},
+    {config_get_geoloc_url, config_get_geoloc_gw_user, config_get_geoloc_gw_pass,
+     config_get_geoloc_cert_validation_enabled,
+     config_get_private_key_path, config_get_cert_path, config_get_geoloc_enabled, false},
+};
+/* clang-format on */
+static_assert(std::size(ep_cfgs) == BRIDGE_MQTT_EP_GEOLOC + 1);
+
+static struct {
+    uint32_t free_subs;
+    std::mutex ep_lock;   /* groups and client calls; taken before subs_lock */
+    std::mutex subs_lock; /* subs and free_subs; never held across a client call or a handler */
+    std::array<bridge_mqtt_ep_group, std::size(ep_cfgs)> ep_handles;
+    std::array<bridge_mqtt_sub, MAX_SUBSCRIPTIONS> subs;
+    std::atomic<bool> initialized;
+    bridge_mqtt_connection_cb_t connection_cb;
+} mqtt_ctx;
+
+/* The process ends with the planes still running: from then on their calls fail instead of asserting. */
+static std::atomic<bool> torn_down;
+
+/* Odd while a call into the library runs; ep_lock serialises the calls. */
+static std::atomic<uint32_t> library_calls;
+
+/* Held while the library may free a message that it has handed to message-arrived: a failing publish does. */
+static std::mutex message_lock;
+
+class library_call
+{
+  public:
+    library_call()
+    {
+        library_calls.fetch_add(1);
+    }
+    ~library_call()
+    {
+        library_calls.fetch_add(1);
+    }
+    library_call(const library_call &) = delete;
+    library_call &operator=(const library_call &) = delete;
+};
+
+static constexpr uint32_t ep_bit(uint32_t endpoint)
+{
+    return 1U << endpoint;
+}
+
+static bool is_usable()
+{
+    if (torn_down)
+        return false;
+    BRIDGE_ASSERT(mqtt_ctx.initialized);
+    return true;
+}
+
+static bridge_mqtt_ep_group *find_group(bridge_mqtt_endpoint_t endpoint, bool connected)
+{
+    for (bridge_mqtt_ep_group &group : mqtt_ctx.ep_handles) {
+        const uint32_t mask = connected ? group.ep_bits & group.connected_bits : group.ep_bits;
+        if ((mask & ep_bit(endpoint)) != 0) {
+            BRIDGE_TRACE("endpoint: [%d] is found in endpoint group [%#x]", endpoint, mask);
+            return &group;
+        }
+    }
+    return nullptr;
+}
+
+static bridge_mqtt_ep_group *find_connected_group(bridge_mqtt_endpoint_t endpoint)
+{
+    bridge_mqtt_ep_group *group = find_group(endpoint, true);
+    if (group == nullptr)
+        BRIDGE_ERROR("no connected handle exists for given endpoint: [%d]", endpoint);
+    return group;
+}
+
+/* ---- messages ---- */
+
+/* Waits until no publish is inside the library. A publish that stays there waits for the library's thread,
+ * which is the caller, and so frees nothing: the caller then goes on without the lock. */
+static std::unique_lock<std::mutex> lock_messages()
+{
+    std::unique_lock<std::mutex> guard(message_lock, std::try_to_lock);
+    for (uint32_t waited = 0; !guard.owns_lock() && waited < STUCK_CALL_MS; waited += STUCK_CALL_STEP_MS) {
+        bridge_wait_ms(STUCK_CALL_STEP_MS);
+        guard.try_lock();
+    }
+    return guard;
+}
+
+/* Holds the library's thread while the delivery queue is full, so that the server feels it; but a library
+ * call that waits for this very thread to bring an acknowledgement is let through. */
+static void wait_for_delivery_room(const bridge_mqtt_ep_group *group)
+{
+    uint32_t call = library_calls;
+    uint32_t waited = 0;
+    while (!group->closing && bridge_mqtt_delivery_is_full()) {
+        bridge_wait_ms(STUCK_CALL_STEP_MS);
+        const uint32_t now = library_calls;
+        if (now != call || now % 2 == 0) {
+            call = now;
+            waited = 0;
+        } else if (++waited >= STUCK_CALL_MS) {
+            return;
+        }
+    }
+}
+
+static int take_message(bridge_mqtt_ep_group *group, char *topic, MQTTClient_message *message)
+{
+    bridge_mqtt_delivery_item *item = nullptr;
+    {
+        const std::unique_lock<std::mutex> guard = lock_messages();
+        if (group->closing)
+            return 0; /* ending the client frees the message */
+        BRIDGE_TRACE("received a publish on topic: %s", topic);
+        item = bridge_mqtt_delivery_item_new(topic, message->payload,
+                                             static_cast<uint32_t>(message->payloadlen));
+        MQTTClient_freeMessage(&message);
+        MQTTClient_free(topic);
+    }
+    if (item == nullptr)
+        return 1;
+    item->group = group;
+    wait_for_delivery_room(group);
+    bridge_mqtt_delivery_push(item);
+    return 1;
+}
+
+/* Library thread. Returns 1 when the message has been taken, 0 to leave it with the client. */
+static int on_message_arrived(void *context, char *topic, int topic_length, MQTTClient_message *message)
+{
+    /* A length is given only for a topic that holds a NUL character. */
+    if (topic == nullptr || message == nullptr || topic_length != 0)
+        return 0;
+    auto *handle = static_cast<bridge_mqtt_ep_group *>(context);
+    BRIDGE_ASSERT_TEXT(handle != nullptr, "handle != NULL");
+
+    handle->callbacks++;
+    const int taken = take_message(handle, topic, message);
+    handle->callbacks--;
+    return taken;
+}
+
+/* Delivery thread. While a handler runs the table may change; the walk goes on with the rows as they stand.
+ */
+static void deliver(const bridge_mqtt_delivery_item *item)
+{
+    const uint32_t mask = item->group->connected_bits;
+    bool matched = false;
+    std::unique_lock<std::mutex> guard(mqtt_ctx.subs_lock);
+    for (size_t i = 0; i < mqtt_ctx.subs.size(); i++) {
+        const bridge_mqtt_sub sub = mqtt_ctx.subs[i];
+        if (sub.topic == nullptr)
+            continue;
+        BRIDGE_ASSERT_TEXT(sub.handler, "mqtt_ctx.subs[i].handler");
+        if ((mask & ep_bit(sub.endpoint)) == 0 || strcasecmp(sub.topic, item->topic) != 0)
+            continue;
+        matched = true;
+        guard.unlock();
+        sub.handler(item->topic, sub.context, item->payload, item->payload_size);
+        guard.lock();
+    }
+    guard.unlock();
+    if (!matched)
+        BRIDGE_WARN("no handler found for topic: %s and endpoint mask: [%#x]", item->topic, mask);
+}
+
+/* A thread of the library's own; changes no bits, since the supervisor loop decides what a loss means. */
+static void on_connection_lost(void *context, char *cause)
+{
+    if (cause != nullptr)
+        BRIDGE_WARN("mqtt connection lost due to: %s", cause);
+    else
+        BRIDGE_WARN("mqtt connection lost");
+    mqtt_ctx.connection_cb(0, context);
+}
+
+/* ---- initialisation ---- */
+
+static const char *shown(const char *text, const char *instead)
+{
+    if (*text == '\0')
+        return "<empty>";
+    return instead != nullptr ? instead : text;
+}
+
+static bool is_same_server(const bridge_mqtt_ep_group &a, const bridge_mqtt_ep_group &b)
+{
+    return strcmp(a.uri, b.uri) == 0 && strcmp(a.user, b.user) == 0 && strcmp(a.pass, b.pass) == 0 &&
+           strcmp(a.pkey_path, b.pkey_path) == 0 && strcmp(a.cert_path, b.cert_path) == 0 &&
+           a.validate_server_cert == b.validate_server_cert;
+}
+
+static void create_group(bridge_mqtt_ep_group *group, size_t index, const bridge_mqtt_ep_group &wanted,
+                         uint32_t bit)
+{
+    BRIDGE_ASSERT_TEXT(group->handle == nullptr, "mqtt_ctx.ep_handles[j].handle == NULL");
+    group->ep_bits |= bit;
+    group->uri = wanted.uri;
+    group->user = wanted.user;
+    group->pass = wanted.pass;
+    group->pkey_path = wanted.pkey_path;
+    group->cert_path = wanted.cert_path;
+    group->validate_server_cert = wanted.validate_server_cert;
+    BRIDGE_TRACE("creating new endpoint group [%zu] with bit [%#x]", index, bit);
+    BRIDGE_TRACE("uri: %s, user: %s, pass: %s, pkey_path: %s, cert_path: %s, validate_server_cert: %s",
+                 shown(group->uri, nullptr), shown(group->user, "****"), shown(group->pass, "****"),
+                 shown(group->pkey_path, nullptr), shown(group->cert_path, nullptr),
+                 group->validate_server_cert ? "yes" : "no");
+}
+
+static void join_group(const bridge_mqtt_ep_group &wanted, uint32_t bit)
+{
+    for (size_t i = 0; i < mqtt_ctx.ep_handles.size(); i++) {
+        bridge_mqtt_ep_group *group = &mqtt_ctx.ep_handles[i];
+        if (group->ep_bits == 0) {
+            create_group(group, i, wanted, bit);
+            return;
+        }
+        if (is_same_server(*group, wanted)) {
+            BRIDGE_ASSERT_TEXT(group->ep_bits != 0, "mqtt_ctx.ep_handles[j].ep_bits");
+            group->ep_bits |= bit;
+            BRIDGE_TRACE("merging [%#x] endpoint with existing group [%zu]. resulting bits: [%#x]", bit, i,
+                         group->ep_bits);
+            return;
+        }
+    }
+}
+
+static bool init_endpoint(bridge_mqtt_ep_cfg *cfg, uint32_t bit, const bridge_config_root *root)
+{
+    bridge_mqtt_ep_group wanted = {};
+    wanted.uri = cfg->uri(root);
+    wanted.user = cfg->user(root);
+    wanted.pass = cfg->pass(root);
+    wanted.pkey_path = cfg->pkey_path(root);
+    wanted.cert_path = cfg->cert_path(root);
+    wanted.validate_server_cert = cfg->validate_server_cert(root);
+    BRIDGE_ASSERT_TEXT(wanted.uri, "uri");
+    BRIDGE_ASSERT_TEXT(wanted.user, "user");
+    BRIDGE_ASSERT_TEXT(wanted.pass, "pass");
+    BRIDGE_ASSERT_TEXT(wanted.pkey_path, "pkey_path");
+    BRIDGE_ASSERT_TEXT(wanted.cert_path, "cert_path");
+    if (!cfg->is_enabled(root))
+        return false;
+    cfg->enabled = true;
+    join_group(wanted, bit);
+    return true;
+}
+
+int bridge_mqtt_init(bridge_mqtt_connection_cb_t connection_cb)
+{
+    BRIDGE_ASSERT(!mqtt_ctx.initialized);
+    BRIDGE_DEBUG("initializing MQTT subsystem");
+
+    const bridge_config_root *root = bridge_config_get_root_checked();
+    bool any_enabled = false;
+    for (size_t i = 0; i < std::size(ep_cfgs); i++) {
+        if (ep_cfgs[i].uri == nullptr) {
+            BRIDGE_DEBUG("endpoint [%zu] is disabled", i);
+            continue;
+        }
+        any_enabled |= init_endpoint(&ep_cfgs[i], ep_bit(static_cast<uint32_t>(i)), root);
+    }
+    if (!any_enabled) {
+        BRIDGE_ERROR("no endpoints are enabled, check your configuration");
+        return -1;
+    }
+    if (bridge_mqtt_delivery_start(deliver) < 0)
+        return -1;
+    mqtt_ctx.connection_cb = connection_cb;
+    mqtt_ctx.free_subs = MAX_SUBSCRIPTIONS;
+    mqtt_ctx.initialized = true;
+    torn_down = false;
+    return 0;
+}
+
+/* The library's thread touches the client once more after a callback has returned, so none may be under way
+ * and the last one gets a moment to be back. */
+static void destroy_client(bridge_mqtt_ep_group *group)
+{
+    while (group->callbacks != 0)
+        bridge_wait_ms(STUCK_CALL_STEP_MS);
+    bridge_wait_ms(CALLBACK_RETURN_MS);
+    MQTTClient_destroy(&group->handle);
+    group->handle = nullptr;
+}
+
+/* Ending a client frees the messages it holds: no callback may be reading one then. */
+static void close_messages(bridge_mqtt_ep_group *group)
+{
+    group->closing = true;
+    const std::lock_guard<std::mutex> guard(message_lock);
+}
+
+static void clear_group(bridge_mqtt_ep_group *group)
+{
+    group->handle = nullptr;
+    group->ep_bits = 0;
+    group->connected_bits = 0;
+    group->uri = group->user = group->pass = group->pkey_path = group->cert_path = nullptr;
+    group->validate_server_cert = false;
+    group->publish_room = 0;
+}
+
+/* A publish may sit in the library for as long as a silent server is believed alive. */
+static bool lock_for_deinit()
+{
+    for (uint32_t waited = 0; waited < DEINIT_LIMIT_MS; waited += DEINIT_STEP_MS) {
+        if (mqtt_ctx.ep_lock.try_lock())
+            return true;
+        bridge_wait_ms(DEINIT_STEP_MS);
+    }
+    return false;
+}
+
+int bridge_mqtt_deinit()
+{
+    BRIDGE_ASSERT(mqtt_ctx.initialized);
+    BRIDGE_DEBUG("de-initializing MQTT subsystem");
+
+    torn_down = true;
+    if (!lock_for_deinit())
+        return -1;
+    const std::lock_guard<std::mutex> guard(mqtt_ctx.ep_lock, std::adopt_lock);
+    for (bridge_mqtt_ep_group &group : mqtt_ctx.ep_handles) {
+        if (group.handle == nullptr)
+            continue;
+        close_messages(&group);
+        destroy_client(&group);
+    }
+    bridge_mqtt_delivery_stop();
+    for (bridge_mqtt_ep_group &group : mqtt_ctx.ep_handles)
+        clear_group(&group);
+    const std::lock_guard<std::mutex> subs_guard(mqtt_ctx.subs_lock);
+    mqtt_ctx.subs = {};
+    mqtt_ctx.free_subs = 0;
+    mqtt_ctx.connection_cb = nullptr;
+    mqtt_ctx.initialized = false;
+    return 0;
+}
+
+bool bridge_mqtt_is_ep_enabled(bridge_mqtt_endpoint_t endpoint)
+{
+    (void)is_usable(); /* the answer stays true to the end: an uplink must fail then, not pass as unwanted */
+    BRIDGE_ASSERT_TEXT(endpoint < std::size(ep_cfgs), "ep < COUNT_OF(ep_cfgs)");
+    return ep_cfgs[endpoint].enabled;
+}
+
+/* ---- connections ---- */
+
+static int on_tls_error(const char *text, size_t, void *)
+{
+    BRIDGE_ERROR("%s", text);
+    return 0;
+}
+
+static int create_client(bridge_mqtt_ep_group *group)
+{
+    const char *client_id = bridge_config_get_root_checked()->generic.client_id;
+    int result =
+        MQTTClient_create(&group->handle, group->uri, client_id, MQTTCLIENT_PERSISTENCE_NONE, nullptr);
+    if (result != 0) {
+        group->handle = nullptr;
+        return result;
+    }
+    group->closing = false;
+    result = MQTTClient_setCallbacks(group->handle, group, on_connection_lost, on_message_arrived, nullptr);
+    if (result != 0)
+        BRIDGE_ERROR("failed to set callbacks for endpoints [%#x]", group->ep_bits);
+    return result;
+}
+
+static const char *path_or_none(const char *path)
+{
+    return *path != '\0' ? path : nullptr;
+}
+
+static int open_connection(bridge_mqtt_ep_group *group)
+{
+    MQTTClient_SSLOptions tls = MQTTClient_SSLOptions_initializer;
+    tls.keyStore = path_or_none(group->cert_path);
+    tls.privateKey = path_or_none(group->pkey_path);
+    tls.enableServerCertAuth = group->validate_server_cert ? 1 : 0;
+    tls.verify = group->validate_server_cert ? 1 : 0;
+    tls.ssl_error_cb = on_tls_error;
+    if (!group->validate_server_cert)
+        BRIDGE_WARN("skipping server certificate validation");
+
+    MQTTClient_connectOptions options = MQTTClient_connectOptions_initializer;
+    options.keepAliveInterval =
+        static_cast<int>(bridge_config_get_root_checked()->generic.mqtt_keepalive_interval);
+    options.reliable = 0;
+    options.username = group->user;
+    options.password = group->pass;
+    options.ssl = &tls;
+
+    const library_call call;
+    const int result = MQTTClient_connect(group->handle, &options);
+    if (result != 0) {
+        BRIDGE_ERROR("failed to connect with MQTT code: [%d]", result);
+        return -1;
+    }
+    group->publish_room = 0;
+    return 0;
+}
+
+/* Returns 1 when the endpoint has joined a live connection, 0 when one must be opened, -1 on a failure. */
+static int join_connection(bridge_mqtt_ep_group *group, bridge_mqtt_endpoint_t endpoint)
+{
+    if ((group->connected_bits & ep_bit(endpoint)) != 0) {
+        BRIDGE_ERROR("endpoint: [%d] is already connected", endpoint);
+        return -1;
+    }
+    if (group->connected_bits == 0)
+        return 0;
+    BRIDGE_ASSERT_TEXT(group->handle != nullptr, "mqtt_ctx.ep_handles[i].handle != NULL");
+    if (MQTTClient_isConnected(group->handle)) {
+        group->connected_bits |= ep_bit(endpoint);
+        BRIDGE_DEBUG("adding endpoint to already connected group");
+        return 1;
+    }
+    BRIDGE_WARN("endpoint group: [%zu] seems not participating in MQTT connection",
+                static_cast<size_t>(group - mqtt_ctx.ep_handles.data()));
+    group->connected_bits = 0;
+    return 0;
+}
+
+static void destroy_failed_clients(uint32_t bit)
+{
+    for (bridge_mqtt_ep_group &group : mqtt_ctx.ep_handles) {
+        if (group.handle == nullptr || (group.ep_bits & bit) == 0)
+            continue;
+        BRIDGE_DEBUG("destroying MQTT handle in connect call");
+        close_messages(&group);
+        destroy_client(&group);
+    }
+}
+
+static bridge_mqtt_ep_group *group_of_bit(uint32_t bit)
+{
+    for (bridge_mqtt_ep_group &group : mqtt_ctx.ep_handles) {
+        if ((group.ep_bits & bit) != 0)
+            return &group;
+    }
+    return nullptr;
+}
+
+int bridge_mqtt_connect(bridge_mqtt_endpoint_t endpoint)
+{
+    if (!is_usable())
+        return -1;
+    BRIDGE_DEBUG("connecting [%d] endpoint", endpoint);
+    if (!bridge_mqtt_is_ep_enabled(endpoint)) {
+        BRIDGE_ERROR("endpoint [%d] is disabled, connection failed", endpoint);
+        return -1;
+    }
+    const std::lock_guard<std::mutex> guard(mqtt_ctx.ep_lock);
+    const uint32_t bit = ep_bit(endpoint);
+    for (bridge_mqtt_ep_group &group : mqtt_ctx.ep_handles) {
+        if ((group.ep_bits & bit) == 0 || group.handle != nullptr)
+            continue;
+        const int result = create_client(&group);
+        if (group.handle == nullptr)
+            return result;
+        if (result != 0) {
+            destroy_failed_clients(bit);
+            return result;
+        }
+    }
+    bridge_mqtt_ep_group *group = group_of_bit(bit);
+    if (group == nullptr) {
+        BRIDGE_ERROR("no handle exists for given endpoint: [%d]", endpoint);
+        return -1;
+    }
+    const int joined = join_connection(group, endpoint);
+    if (joined != 0)
+        return joined < 0 ? joined : 0;
+    if (open_connection(group) < 0) {
+        destroy_failed_clients(bit);
+        return -1;
+    }
+    group->connected_bits |= bit;
+    return 0;
+}
+
+static int close_connection(bridge_mqtt_ep_group *group)
+{
+    BRIDGE_ASSERT_TEXT(group->handle, "ep_handle->handle");
+    close_messages(group);
+    const library_call call;
+    const int result = MQTTClient_disconnect(group->handle, DISCONNECT_TIMEOUT_MS);
+    if (result != 0)
+        BRIDGE_DEBUG("failed to disconnect from MQTT with code: [%d]", result);
+    return result;
+}
+
+static void release_subscriptions(uint32_t endpoint)
+{
+    const std::lock_guard<std::mutex> guard(mqtt_ctx.subs_lock);
+    for (bridge_mqtt_sub &sub : mqtt_ctx.subs) {
+        if (sub.topic == nullptr || sub.endpoint != endpoint)
+            continue;
+        sub = {};
+        mqtt_ctx.free_subs++;
+    }
+}
+
+int bridge_mqtt_disconnect(bridge_mqtt_endpoint_t endpoint)
+{
+    if (!is_usable())
+        return -1;
+    BRIDGE_DEBUG("disconnecting [%d] endpoint", endpoint);
+    const std::lock_guard<std::mutex> guard(mqtt_ctx.ep_lock);
+    int result = 0;
+    bridge_mqtt_ep_group *connected = find_group(endpoint, true);
+    if (connected != nullptr) {
+        connected->connected_bits &= ~ep_bit(endpoint);
+        if (connected->connected_bits == 0)
+            result = close_connection(connected);
+    }
+    bridge_mqtt_ep_group *group = find_group(endpoint, false);
+    if (group == nullptr) {
+        BRIDGE_ERROR("given endpoint: [%d] not found in any group", endpoint);
+        result = -1;
+    } else if (group->connected_bits == 0 && group->handle != nullptr) {
+        BRIDGE_DEBUG("destroying MQTT handle in disconnect call");
+        close_messages(group);
+        destroy_client(group);
+        bridge_mqtt_delivery_drop(group);
+    }
+    release_subscriptions(endpoint);
+    return result;
+}
+
+/* ---- publishing ---- */
+
+static uint32_t count_pending(MQTTClient handle)
+{
+    MQTTClient_deliveryToken *tokens = nullptr;
+    if (MQTTClient_getPendingDeliveryTokens(handle, &tokens) != MQTTCLIENT_SUCCESS || tokens == nullptr)
+        return 0;
+    uint32_t count = 0;
+    while (tokens[count] != -1)
+        count++;
+    MQTTClient_free(tokens);
+    return count;
+}
+
+/* Left to itself the library waits for an acknowledgement in sleeps of 100 ms: looking often keeps the same
+ * messages in flight and loses no time. It ends where the library's own wait would, with the connection. */
+static void wait_for_publish_room(bridge_mqtt_ep_group *group)
+{
+    while (group->publish_room == 0 && !torn_down) {
+        const uint32_t pending = count_pending(group->handle);
+        if (pending < MAX_INFLIGHT) {
+            group->publish_room = MAX_INFLIGHT - pending;
+            break;
+        }
+        if (!MQTTClient_isConnected(group->handle))
+            return;
+        bridge_wait_us(INFLIGHT_LOOK_US);
+    }
+    if (group->publish_room > 0)
+        group->publish_room--;
+}
+
+static int publish_through(bridge_mqtt_ep_group *group, const char *topic, const void *payload,
+                           uint32_t payload_size, bool retained)
+{
+    MQTTClient_message message = MQTTClient_message_initializer;
+    message.payload = const_cast<void *>(payload);
+    message.payloadlen = static_cast<int>(payload_size);
+    message.qos = PUBLISH_QOS;
+    message.retained = retained ? 1 : 0;
+
+    const library_call call;
+    wait_for_publish_room(group);
+    if (torn_down)
+        return -1;
+    const std::lock_guard<std::mutex> guard(message_lock);
+    return MQTTClient_publishMessage(group->handle, topic, &message, nullptr);
+}
+
+int bridge_mqtt_publish(bridge_mqtt_endpoint_t endpoint, const char *topic, const void *payload,
+                        uint32_t payload_size, bool retained)
+{
+    if (!is_usable())
+        return -1;
+    BRIDGE_DEBUG("publish for [%d] endpoint, with size: %zu", endpoint, static_cast<size_t>(payload_size));
+    if (payload_size > LARGE_PAYLOAD)
+        BRIDGE_DEBUG("publish message size is too big (> 2 KB), and may not get written to the log");
+    BRIDGE_ASSERT_TEXT(topic != nullptr, "topic != NULL");
+    BRIDGE_ASSERT_TEXT(payload != nullptr, "payload != NULL");
+    BRIDGE_ASSERT(payload_size > 0);
+
+    const std::lock_guard<std::mutex> guard(mqtt_ctx.ep_lock);
+    bridge_mqtt_ep_group *group = find_connected_group(endpoint);
+    if (group == nullptr)
+        return -1;
+    const int result = publish_through(group, topic, payload, payload_size, retained);
+    if (result != 0)
+        BRIDGE_ERROR("can't publish a message to the endpoint: [%d] with error: [%d]", endpoint, result);
+    return result;
+}
+
+/* ---- subscriptions ---- */
+
+static void fill_subscriptions(bridge_mqtt_endpoint_t endpoint, std::span<const char *const> topics,
+                               bridge_mqtt_handler_t handler, void *context)
+{
+    const std::lock_guard<std::mutex> guard(mqtt_ctx.subs_lock);
+    size_t next = 0;
+    for (bridge_mqtt_sub &sub : mqtt_ctx.subs) {
+        if (next == topics.size())
+            return;
+        if (sub.topic != nullptr)
+            continue;
+        sub = {topics[next++], handler, context, endpoint, true};
+        mqtt_ctx.free_subs--;
+    }
+}
+
+static void settle_pending_subscriptions(bool keep)
+{
+    const std::lock_guard<std::mutex> guard(mqtt_ctx.subs_lock);
+    for (bridge_mqtt_sub &sub : mqtt_ctx.subs) {
+        if (!sub.pending)
+            continue;
+        if (keep) {
+            sub.pending = false;
+        } else {
+            sub = {};
+            mqtt_ctx.free_subs++;
+        }
+    }
+}
+
+static int subscribe_at_server(MQTTClient handle, std::span<const char *const> topics)
+{
+    for (size_t i = 0; i < topics.size(); i++) {
+        BRIDGE_TRACE("subscribing for [%s] topic", topics[i]);
+        const int result = MQTTClient_subscribe(handle, topics[i], SUBSCRIBE_QOS);
+        if (result == 0) {
+            BRIDGE_TRACE("subscribing for [%s] topic complete", topics[i]);
+            continue;
+        }
+        BRIDGE_ERROR("failed to subscribe for topic: %s with error: [%d]", topics[i], result);
+        for (const char *topic : topics.first(i))
+            MQTTClient_unsubscribe(handle, topic);
+        return -1;
+    }
+    return 0;
+}
+
+static uint32_t count_free_subscriptions()
+{
+    const std::lock_guard<std::mutex> guard(mqtt_ctx.subs_lock);
+    return mqtt_ctx.free_subs;
+}
+
+int bridge_mqtt_subscribe(bridge_mqtt_endpoint_t endpoint, const char *const *topics, size_t topics_size,
+                          bridge_mqtt_handler_t handler, void *context)
+{
+    if (!is_usable())
+        return -1;
+    BRIDGE_DEBUG("subscribe for [%d] endpoint", endpoint);
+    BRIDGE_ASSERT_TEXT(topics != nullptr, "topics != NULL");
+    BRIDGE_ASSERT_TEXT(handler != nullptr, "handler != NULL");
+    BRIDGE_ASSERT(topics_size > 0);
+
+    const std::lock_guard<std::mutex> guard(mqtt_ctx.ep_lock);
+    if (topics_size > count_free_subscriptions()) {
+        BRIDGE_ERROR("no free subsriptions available");
+        return -1;
+    }
+    const bridge_mqtt_ep_group *group = find_connected_group(endpoint);
+    if (group == nullptr)
+        return -1;
+    /* Rows go first: a retained message may arrive before the server's answer. */
+    const std::span<const char *const> wanted(topics, topics_size);
+    fill_subscriptions(endpoint, wanted, handler, context);
+    const library_call call;
+    const int result = subscribe_at_server(group->handle, wanted);
+    settle_pending_subscriptions(result == 0);
+    return result;
+}
+
+static bool is_subscribed(const bridge_mqtt_sub &sub, bridge_mqtt_endpoint_t endpoint, const char *topic)
+{
+    const std::lock_guard<std::mutex> guard(mqtt_ctx.subs_lock);
+    return sub.topic != nullptr && sub.endpoint == endpoint && strcasecmp(sub.topic, topic) == 0;
+}
+
+static void release_subscription(bridge_mqtt_sub *sub)
+{
+    const std::lock_guard<std::mutex> guard(mqtt_ctx.subs_lock);
+    sub->topic = nullptr;
+    sub->handler = nullptr;
+    sub->context = nullptr;
+    mqtt_ctx.free_subs++;
+}
+
+static int unsubscribe_topic(MQTTClient handle, bridge_mqtt_endpoint_t endpoint, const char *topic,
+                             uint32_t *released)
+{
+    for (bridge_mqtt_sub &sub : mqtt_ctx.subs) {
+        if (!is_subscribed(sub, endpoint, topic))
+            continue;
+        const int result = MQTTClient_unsubscribe(handle, topic);
+        if (result != 0)
+            return result;
+        release_subscription(&sub);
+        (*released)++;
+    }
+    return 0;
+}
+
+int bridge_mqtt_unsubscribe(bridge_mqtt_endpoint_t endpoint, const char *const *topics, uint32_t *topics_size)
+{
+    if (!is_usable())
+        return -1;
+    BRIDGE_DEBUG("unsubscribe for [%d] endpoint", endpoint);
+    BRIDGE_ASSERT_TEXT(topics != nullptr, "topics != NULL");
+    BRIDGE_ASSERT_TEXT(topics_size != nullptr, "topics_size != NULL");
+    BRIDGE_ASSERT(*topics_size > 0);
+
+    const std::lock_guard<std::mutex> guard(mqtt_ctx.ep_lock);
+    const std::span<const char *const> wanted(topics, *topics_size);
+    *topics_size = 0;
+    const bridge_mqtt_ep_group *group = find_connected_group(endpoint);
+    if (group == nullptr)
+        return -1;
+    const library_call call;
+    for (const char *topic : wanted) {
+        const int result = unsubscribe_topic(group->handle, endpoint, topic, topics_size);
+        if (result != 0)
+            return result;
+    }
+    return 0;
+}

@@ -1,0 +1,101 @@
+"""The daemon under test, in a sandbox of its own."""
+import os
+import re
+import signal
+import subprocess
+from datetime import datetime
+from pathlib import Path
+from typing import Optional
+
+from .log_reader import LogReader, Wanted
+from .waiting import PATIENCE
+
+REPOSITORY = Path(__file__).resolve().parents[3]
+BINARY = Path(os.environ.get("SNV_BRIDGE", REPOSITORY / "build" / "snv_mqtt_bridge")).resolve()
+SANDBOX = Path(__file__).resolve().parent / "sandbox.sh"
+
+SANITIZER_REPORTS = re.compile(r"ERROR: \w+Sanitizer|WARNING: \w+Sanitizer|runtime error:")
+CONNECTED = "UDP bridge is connected to NS"
+TIMESTAMP = re.compile(r"^(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3})")
+
+
+def sandboxed(work: Path, arguments: list[str]) -> list[str]:
+    """The command line that runs the daemon in its own mount and IPC namespaces, as the same process."""
+    as_user = [] if os.geteuid() == 0 else ["--user", "--map-root-user"]
+    return ["unshare", *as_user, "--mount", "--ipc", "--propagation", "private", "--",
+            "/bin/sh", str(SANDBOX), str(work), str(BINARY), *arguments]
+
+
+def environment(extra: Optional[dict[str, str]] = None) -> dict[str, str]:
+    """No proxy, no locale, no time zone of the host; the sanitizers' options pass."""
+    kept = {key: value for key, value in os.environ.items() if key.endswith("SAN_OPTIONS")}
+    return {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C", **kept, **(extra or {})}
+
+
+def log_time(line: str) -> float:
+    """When the daemon wrote the line, in seconds."""
+    match = TIMESTAMP.match(line)
+    assert match, f"no timestamp in: {line}"
+    return datetime.strptime(match.group(1), "%Y-%m-%d %H:%M:%S.%f").timestamp()
+
+
+class Bridge:
+    """One run of the daemon. Its lines on standard error are in `log`, those on standard output in `out`."""
+
+    def __init__(self, work: Path, arguments: list[str], extra_env: Optional[dict[str, str]] = None) -> None:
+        assert BINARY.exists(), f"no daemon at {BINARY}: build it, or set SNV_BRIDGE"
+        self.work = work
+        self.process = subprocess.Popen(sandboxed(work, arguments), cwd=work, env=environment(extra_env),
+                                        stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                                        stderr=subprocess.PIPE)
+        assert self.process.stdout and self.process.stderr
+        self.log = LogReader(self.process.stderr)
+        self.out = LogReader(self.process.stdout)
+        self.ended_as_expected = False
+
+    def wait_for_log(self, wanted: Wanted, timeout: float = PATIENCE, after: int = 0, count: int = 1) -> str:
+        return self.log.wait_for(wanted, timeout, after, count)
+
+    def wait_connected(self, timeout: float = PATIENCE, after: int = 0) -> None:
+        self.wait_for_log(CONNECTED, timeout, after)
+
+    def running(self) -> bool:
+        return self.process.poll() is None
+
+    def signal(self, number: int) -> None:
+        assert self.running(), f"the daemon ended early, with {self.process.returncode}:\n{self.tail()}"
+        self.process.send_signal(number)
+
+    def wait_exit(self, timeout: float = PATIENCE) -> int:
+        """The exit status of a daemon that ends by itself or after a signal of the test's own."""
+        try:
+            status = self.process.wait(timeout)
+        except subprocess.TimeoutExpired:
+            raise AssertionError(f"the daemon did not end within {timeout} s:\n{self.tail()}") from None
+        self.log.join()
+        self.out.join()
+        self.ended_as_expected = True
+        return status
+
+    def stop(self, timeout: float = PATIENCE) -> None:
+        """The stop signal, and the clean end that follows."""
+        self.signal(signal.SIGUSR2)
+        status = self.wait_exit(timeout)
+        assert status == 0, f"the daemon ended with {status}:\n{self.tail()}"
+
+    def close(self) -> None:
+        """At the end of every test: stops the daemon if it runs, and judges how it ended."""
+        try:
+            if self.running():
+                self.stop()
+            assert self.ended_as_expected, \
+                f"the daemon ended unexpectedly, with {self.process.wait()}:\n{self.tail()}"
+            reports = [line for line in self.log.lines + self.out.lines if SANITIZER_REPORTS.search(line)]
+            assert not reports, "sanitizer reports:\n" + "\n".join(self.log.lines[-400:])
+        finally:
+            if self.running():
+                self.process.kill()
+                self.process.wait()
+
+    def tail(self) -> str:
+        return "\n".join(self.log.lines[-60:] + self.out.lines[-5:])

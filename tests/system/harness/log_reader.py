@@ -1,0 +1,72 @@
+"""Collects the lines of a pipe while a process runs."""
+import re
+import threading
+from typing import IO, Optional, Union
+
+from .waiting import PATIENCE, wait_on
+
+Wanted = Union[str, re.Pattern[str]]
+
+TAIL = 60
+
+
+def matches(wanted: Wanted, line: str) -> bool:
+    return wanted in line if isinstance(wanted, str) else wanted.search(line) is not None
+
+
+class LogReader:
+    """The lines so far, in order, without their line ends; a line is found by text or regular expression."""
+
+    def __init__(self, pipe: IO[bytes]) -> None:
+        self.lines: list[str] = []
+        self.closed = False
+        self._changed = threading.Condition()
+        self._thread = threading.Thread(target=self._read, args=(pipe,), daemon=True)
+        self._thread.start()
+
+    def _read(self, pipe: IO[bytes]) -> None:
+        for raw in pipe:
+            with self._changed:
+                self.lines.append(raw.rstrip(b"\n").decode(errors="backslashreplace"))
+                self._changed.notify_all()
+        pipe.close()
+        with self._changed:
+            self.closed = True
+            self._changed.notify_all()
+
+    def join(self) -> None:
+        self._thread.join()
+
+    def mark(self) -> int:
+        """The place from which a later search may start."""
+        with self._changed:
+            return len(self.lines)
+
+    def since(self, mark: int) -> list[str]:
+        with self._changed:
+            return self.lines[mark:]
+
+    def find(self, wanted: Wanted, after: int = 0) -> list[str]:
+        return [line for line in self.since(after) if matches(wanted, line)]
+
+    def wait_for(self, wanted: Wanted, timeout: float = PATIENCE, after: int = 0, count: int = 1) -> str:
+        """The `count`-th line behind the mark `after` that holds `wanted`."""
+        scan = {"next": after, "found": 0}
+
+        def look() -> Optional[str]:
+            while scan["next"] < len(self.lines):
+                line = self.lines[scan["next"]]
+                scan["next"] += 1
+                if matches(wanted, line):
+                    scan["found"] += 1
+                    if scan["found"] == count:
+                        return line + "\0"  # true also for an empty line
+            if self.closed:
+                raise AssertionError("the process ended" + describe())
+            return None
+
+        def describe() -> str:
+            tail = "\n".join(self.lines[-TAIL:])
+            return f" before line {count} with {wanted!r} came; its last lines:\n{tail}"
+
+        return wait_on(self._changed, look, describe, timeout)[:-1]
