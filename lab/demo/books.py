@@ -116,12 +116,11 @@ class Books:
         self._view.row(
             "down", f"{parsed.dev_addr:08X}", str(parsed.fcnt), f"{txpk['freq']:.3f}", txpk["datr"], "", "",
             str(txpk["size"]), "",
-            note=f"{downlink.device.name}: {txpk['powe']} dBm, PULL_RESP after {took} ms",
+            note=f"{downlink.device.name}, PULL_RESP in {took} ms",
         )  # fmt: skip
         if not self._dialect.ack_topic:
             downlink.acknowledged = downlink.transmitted
-            words = f"the forwarder's word: {event.error}, token {event.token}"
-            self._view.row("tx_ack", f"{parsed.dev_addr:08X}", str(parsed.fcnt), note=words)
+            self._show_tx_ack(downlink, parsed, f"{event.error}, token {event.token} (forwarder only)")
 
     # The server's side.
 
@@ -181,11 +180,14 @@ class Books:
         for frame, downlink in self._downlinks.items():
             if downlink.token == ack.token and not downlink.acknowledged:
                 downlink.acknowledged = ack.status == "OK"
-                parsed = parse_frame(frame)
-                words = f"{downlink.device.name}: {ack.status}, token {ack.token}"
-                self._view.row("tx_ack", f"{parsed.dev_addr:08X}", str(parsed.fcnt), note=words)
+                self._show_tx_ack(downlink, parse_frame(frame), f"{ack.status}, token {ack.token}")
                 return
         self._note_strange(f"acknowledgement of token {ack.token}, which no downlink has")
+
+    def _show_tx_ack(self, downlink: _Downlink, parsed: DataFrame, words: str) -> None:
+        self._view.row(
+            "tx_ack", f"{parsed.dev_addr:08X}", str(parsed.fcnt), note=f"{downlink.device.name}, {words}"
+        )
 
     def _statistics_arrived(self, stats: Statistics) -> None:
         self._stats_arrived += 1

@@ -213,7 +213,8 @@ class Forwarder:
             if word == "stop":
                 return False
             self._pushing = word == "push"
-            self._next_uplink = now if self._pushing and self._rate > 0 else float("inf")
+            hears = self._pushing and self._rate > 0
+            self._next_uplink = now + self._radio.wait(self._rate) if hears else float("inf")
             self._next_stat = now + self._stat_seconds if self._pushing else float("inf")
             if not self._pushing:
                 self._report(PushingStopped())

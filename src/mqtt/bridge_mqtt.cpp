@@ -1,23 +1,16 @@
-/* Which client carries which endpoint, who is connected through it, and who gets its messages. */
-#include "mqtt/bridge_mqtt.h"
+/* Which client carries which endpoint and who is connected through it; publishing; incoming messages up to
+ * the delivery queue. */
+#include "mqtt/bridge_mqtt_ctx.h"
 
 #include "common/bridge_config.h"
 #include "common/bridge_log.h"
 #include "common/bridge_wait.h"
-#include "mqtt/bridge_mqtt_delivery.h"
 
-#include <MQTTClient.h>
-#include <array>
-#include <atomic>
 #include <cstring>
-#include <mutex>
-#include <span>
 
-static constexpr size_t MAX_SUBSCRIPTIONS = 128;
 static constexpr uint32_t LARGE_PAYLOAD = 2048;
 static constexpr int DISCONNECT_TIMEOUT_MS = 1000;
 static constexpr int PUBLISH_QOS = 1;
-static constexpr int SUBSCRIBE_QOS = 2;
 
 /* The library lets this many publishes be unacknowledged and then sleeps in steps of 100 ms. */
 static constexpr uint32_t MAX_INFLIGHT = 10;
@@ -42,30 +35,6 @@ struct bridge_mqtt_ep_cfg {
     bool enabled;
 };
 
-/* Endpoints that share one client. */
-struct bridge_mqtt_ep_group {
-    MQTTClient handle;
-    uint32_t ep_bits;                     /* 0 marks a free row */
-    std::atomic<uint32_t> connected_bits; /* who uses the connection; stale after a loss */
-    const char *uri;
-    const char *user;
-    const char *pass;
-    const char *pkey_path;
-    const char *cert_path;
-    bool validate_server_cert;
-    uint32_t publish_room;      /* publishes that surely fit before the library's limit */
-    std::atomic<bool> closing;  /* the client is being ended: its messages reach nobody */
-    std::atomic<int> callbacks; /* message-arrived calls under way */
-};
-
-struct bridge_mqtt_sub {
-    const char *topic; /* the subscriber's; null marks a free row */
-    bridge_mqtt_handler_t handler;
-    void *context;
-    uint32_t endpoint;
-    bool pending; /* set while its bridge_mqtt_subscribe runs */
-};
-
 /* Rows in the order of bridge_mqtt_endpoint_t. */
 /* clang-format off */
 static bridge_mqtt_ep_cfg ep_cfgs[] = {
@@ -80,50 +49,13 @@ static bridge_mqtt_ep_cfg ep_cfgs[] = {
      config_get_private_key_path, config_get_cert_path, config_get_geoloc_enabled, false},
 };
 /* clang-format on */
-static_assert(std::size(ep_cfgs) == BRIDGE_MQTT_EP_GEOLOC + 1);
+static_assert(std::size(ep_cfgs) == BRIDGE_MQTT_ENDPOINTS);
 
-static struct {
-    uint32_t free_subs;
-    std::mutex ep_lock;   /* groups and client calls; taken before subs_lock */
-    std::mutex subs_lock; /* subs and free_subs; never held across a client call or a handler */
-    std::array<bridge_mqtt_ep_group, std::size(ep_cfgs)> ep_handles;
-    std::array<bridge_mqtt_sub, MAX_SUBSCRIPTIONS> subs;
-    std::atomic<bool> initialized;
-    bridge_mqtt_connection_cb_t connection_cb;
-} mqtt_ctx;
+bridge_mqtt_context mqtt_ctx;
 
-/* The process ends with the planes still running: from then on their calls fail instead of asserting. */
-static std::atomic<bool> torn_down;
-
-/* Odd while a call into the library runs; ep_lock serialises the calls. */
-static std::atomic<uint32_t> library_calls;
-
-/* Held while the library may free a message that it has handed to message-arrived: a failing publish does. */
-static std::mutex message_lock;
-
-class library_call
+bool bridge_mqtt_is_usable()
 {
-  public:
-    library_call()
-    {
-        library_calls.fetch_add(1);
-    }
-    ~library_call()
-    {
-        library_calls.fetch_add(1);
-    }
-    library_call(const library_call &) = delete;
-    library_call &operator=(const library_call &) = delete;
-};
-
-static constexpr uint32_t ep_bit(uint32_t endpoint)
-{
-    return 1U << endpoint;
-}
-
-static bool is_usable()
-{
-    if (torn_down)
+    if (mqtt_ctx.torn_down)
         return false;
     BRIDGE_ASSERT(mqtt_ctx.initialized);
     return true;
@@ -133,7 +65,7 @@ static bridge_mqtt_ep_group *find_group(bridge_mqtt_endpoint_t endpoint, bool co
 {
     for (bridge_mqtt_ep_group &group : mqtt_ctx.ep_handles) {
         const uint32_t mask = connected ? group.ep_bits & group.connected_bits : group.ep_bits;
-        if ((mask & ep_bit(endpoint)) != 0) {
+        if ((mask & bridge_mqtt_ep_bit(endpoint)) != 0) {
             BRIDGE_TRACE("endpoint: [%d] is found in endpoint group [%#x]", endpoint, mask);
             return &group;
         }
@@ -141,7 +73,7 @@ static bridge_mqtt_ep_group *find_group(bridge_mqtt_endpoint_t endpoint, bool co
     return nullptr;
 }
 
-static bridge_mqtt_ep_group *find_connected_group(bridge_mqtt_endpoint_t endpoint)
+bridge_mqtt_ep_group *bridge_mqtt_find_connected_group(bridge_mqtt_endpoint_t endpoint)
 {
     bridge_mqtt_ep_group *group = find_group(endpoint, true);
     if (group == nullptr)
@@ -155,7 +87,7 @@ static bridge_mqtt_ep_group *find_connected_group(bridge_mqtt_endpoint_t endpoin
  * which is the caller, and so frees nothing: the caller then goes on without the lock. */
 static std::unique_lock<std::mutex> lock_messages()
 {
-    std::unique_lock<std::mutex> guard(message_lock, std::try_to_lock);
+    std::unique_lock<std::mutex> guard(mqtt_ctx.message_lock, std::try_to_lock);
     for (uint32_t waited = 0; !guard.owns_lock() && waited < STUCK_CALL_MS; waited += STUCK_CALL_STEP_MS) {
         bridge_wait_ms(STUCK_CALL_STEP_MS);
         guard.try_lock();
@@ -167,11 +99,11 @@ static std::unique_lock<std::mutex> lock_messages()
  * call that waits for this very thread to bring an acknowledgement is let through. */
 static void wait_for_delivery_room(const bridge_mqtt_ep_group *group)
 {
-    uint32_t call = library_calls;
+    uint32_t call = mqtt_ctx.library_calls;
     uint32_t waited = 0;
     while (!group->closing && bridge_mqtt_delivery_is_full()) {
         bridge_wait_ms(STUCK_CALL_STEP_MS);
-        const uint32_t now = library_calls;
+        const uint32_t now = mqtt_ctx.library_calls;
         if (now != call || now % 2 == 0) {
             call = now;
             waited = 0;
@@ -215,30 +147,6 @@ static int on_message_arrived(void *context, char *topic, int topic_length, MQTT
     const int taken = take_message(handle, topic, message);
     handle->callbacks--;
     return taken;
-}
-
-/* Delivery thread. While a handler runs the table may change; the walk goes on with the rows as they stand.
- */
-static void deliver(const bridge_mqtt_delivery_item *item)
-{
-    const uint32_t mask = item->group->connected_bits;
-    bool matched = false;
-    std::unique_lock<std::mutex> guard(mqtt_ctx.subs_lock);
-    for (size_t i = 0; i < mqtt_ctx.subs.size(); i++) {
-        const bridge_mqtt_sub sub = mqtt_ctx.subs[i];
-        if (sub.topic == nullptr)
-            continue;
-        BRIDGE_ASSERT_TEXT(sub.handler, "mqtt_ctx.subs[i].handler");
-        if ((mask & ep_bit(sub.endpoint)) == 0 || strcasecmp(sub.topic, item->topic) != 0)
-            continue;
-        matched = true;
-        guard.unlock();
-        sub.handler(item->topic, sub.context, item->payload, item->payload_size);
-        guard.lock();
-    }
-    guard.unlock();
-    if (!matched)
-        BRIDGE_WARN("no handler found for topic: %s and endpoint mask: [%#x]", item->topic, mask);
 }
 
 /* A thread of the library's own; changes no bits, since the supervisor loop decides what a loss means. */
@@ -336,18 +244,18 @@ int bridge_mqtt_init(bridge_mqtt_connection_cb_t connection_cb)
             BRIDGE_DEBUG("endpoint [%zu] is disabled", i);
             continue;
         }
-        any_enabled |= init_endpoint(&ep_cfgs[i], ep_bit(static_cast<uint32_t>(i)), root);
+        any_enabled |= init_endpoint(&ep_cfgs[i], bridge_mqtt_ep_bit(static_cast<uint32_t>(i)), root);
     }
     if (!any_enabled) {
         BRIDGE_ERROR("no endpoints are enabled, check your configuration");
         return -1;
     }
-    if (bridge_mqtt_delivery_start(deliver) < 0)
+    if (bridge_mqtt_delivery_start(bridge_mqtt_deliver) < 0)
         return -1;
     mqtt_ctx.connection_cb = connection_cb;
-    mqtt_ctx.free_subs = MAX_SUBSCRIPTIONS;
+    mqtt_ctx.free_subs = BRIDGE_MQTT_MAX_SUBS;
     mqtt_ctx.initialized = true;
-    torn_down = false;
+    mqtt_ctx.torn_down = false;
     return 0;
 }
 
@@ -366,7 +274,7 @@ static void destroy_client(bridge_mqtt_ep_group *group)
 static void close_messages(bridge_mqtt_ep_group *group)
 {
     group->closing = true;
-    const std::lock_guard<std::mutex> guard(message_lock);
+    const std::lock_guard<std::mutex> guard(mqtt_ctx.message_lock);
 }
 
 static void clear_group(bridge_mqtt_ep_group *group)
@@ -377,6 +285,17 @@ static void clear_group(bridge_mqtt_ep_group *group)
     group->uri = group->user = group->pass = group->pkey_path = group->cert_path = nullptr;
     group->validate_server_cert = false;
     group->publish_room = 0;
+}
+
+static void destroy_all_clients()
+{
+    for (bridge_mqtt_ep_group &group : mqtt_ctx.ep_handles) {
+        if (group.handle != nullptr) {
+            close_messages(&group);
+            destroy_client(&group);
+        }
+        clear_group(&group);
+    }
 }
 
 /* A publish may sit in the library for as long as a silent server is believed alive. */
@@ -395,20 +314,14 @@ int bridge_mqtt_deinit()
     BRIDGE_ASSERT(mqtt_ctx.initialized);
     BRIDGE_DEBUG("de-initializing MQTT subsystem");
 
-    torn_down = true;
+    mqtt_ctx.torn_down = true;
     if (!lock_for_deinit())
         return -1;
-    const std::lock_guard<std::mutex> guard(mqtt_ctx.ep_lock, std::adopt_lock);
-    for (bridge_mqtt_ep_group &group : mqtt_ctx.ep_handles) {
-        if (group.handle == nullptr)
-            continue;
-        close_messages(&group);
-        destroy_client(&group);
-    }
+    destroy_all_clients();
+    mqtt_ctx.ep_lock.unlock();
     bridge_mqtt_delivery_stop();
-    for (bridge_mqtt_ep_group &group : mqtt_ctx.ep_handles)
-        clear_group(&group);
-    const std::lock_guard<std::mutex> subs_guard(mqtt_ctx.subs_lock);
+
+    const std::lock_guard<std::mutex> guard(mqtt_ctx.subs_lock);
     mqtt_ctx.subs = {};
     mqtt_ctx.free_subs = 0;
     mqtt_ctx.connection_cb = nullptr;
@@ -418,7 +331,8 @@ int bridge_mqtt_deinit()
 
 bool bridge_mqtt_is_ep_enabled(bridge_mqtt_endpoint_t endpoint)
 {
-    (void)is_usable(); /* the answer stays true to the end: an uplink must fail then, not pass as unwanted */
+    (void)bridge_mqtt_is_usable(); /* the answer stays true to the end: an uplink must fail then, not pass as
+                                      unwanted */
     BRIDGE_ASSERT_TEXT(endpoint < std::size(ep_cfgs), "ep < COUNT_OF(ep_cfgs)");
     return ep_cfgs[endpoint].enabled;
 }
@@ -484,7 +398,7 @@ static int open_connection(bridge_mqtt_ep_group *group)
 /* Returns 1 when the endpoint has joined a live connection, 0 when one must be opened, -1 on a failure. */
 static int join_connection(bridge_mqtt_ep_group *group, bridge_mqtt_endpoint_t endpoint)
 {
-    if ((group->connected_bits & ep_bit(endpoint)) != 0) {
+    if ((group->connected_bits & bridge_mqtt_ep_bit(endpoint)) != 0) {
         BRIDGE_ERROR("endpoint: [%d] is already connected", endpoint);
         return -1;
     }
@@ -492,7 +406,7 @@ static int join_connection(bridge_mqtt_ep_group *group, bridge_mqtt_endpoint_t e
         return 0;
     BRIDGE_ASSERT_TEXT(group->handle != nullptr, "mqtt_ctx.ep_handles[i].handle != NULL");
     if (MQTTClient_isConnected(group->handle)) {
-        group->connected_bits |= ep_bit(endpoint);
+        group->connected_bits |= bridge_mqtt_ep_bit(endpoint);
         BRIDGE_DEBUG("adding endpoint to already connected group");
         return 1;
     }
@@ -524,7 +438,7 @@ static bridge_mqtt_ep_group *group_of_bit(uint32_t bit)
 
 int bridge_mqtt_connect(bridge_mqtt_endpoint_t endpoint)
 {
-    if (!is_usable())
+    if (!bridge_mqtt_is_usable())
         return -1;
     BRIDGE_DEBUG("connecting [%d] endpoint", endpoint);
     if (!bridge_mqtt_is_ep_enabled(endpoint)) {
@@ -532,7 +446,7 @@ int bridge_mqtt_connect(bridge_mqtt_endpoint_t endpoint)
         return -1;
     }
     const std::lock_guard<std::mutex> guard(mqtt_ctx.ep_lock);
-    const uint32_t bit = ep_bit(endpoint);
+    const uint32_t bit = bridge_mqtt_ep_bit(endpoint);
     for (bridge_mqtt_ep_group &group : mqtt_ctx.ep_handles) {
         if ((group.ep_bits & bit) == 0 || group.handle != nullptr)
             continue;
@@ -571,27 +485,16 @@ static int close_connection(bridge_mqtt_ep_group *group)
     return result;
 }
 
-static void release_subscriptions(uint32_t endpoint)
-{
-    const std::lock_guard<std::mutex> guard(mqtt_ctx.subs_lock);
-    for (bridge_mqtt_sub &sub : mqtt_ctx.subs) {
-        if (sub.topic == nullptr || sub.endpoint != endpoint)
-            continue;
-        sub = {};
-        mqtt_ctx.free_subs++;
-    }
-}
-
 int bridge_mqtt_disconnect(bridge_mqtt_endpoint_t endpoint)
 {
-    if (!is_usable())
+    if (!bridge_mqtt_is_usable())
         return -1;
     BRIDGE_DEBUG("disconnecting [%d] endpoint", endpoint);
     const std::lock_guard<std::mutex> guard(mqtt_ctx.ep_lock);
     int result = 0;
     bridge_mqtt_ep_group *connected = find_group(endpoint, true);
     if (connected != nullptr) {
-        connected->connected_bits &= ~ep_bit(endpoint);
+        connected->connected_bits &= ~bridge_mqtt_ep_bit(endpoint);
         if (connected->connected_bits == 0)
             result = close_connection(connected);
     }
@@ -605,7 +508,7 @@ int bridge_mqtt_disconnect(bridge_mqtt_endpoint_t endpoint)
         destroy_client(group);
         bridge_mqtt_delivery_drop(group);
     }
-    release_subscriptions(endpoint);
+    bridge_mqtt_release_subscriptions(endpoint);
     return result;
 }
 
@@ -627,7 +530,7 @@ static uint32_t count_pending(MQTTClient handle)
  * messages in flight and loses no time. It ends where the library's own wait would, with the connection. */
 static void wait_for_publish_room(bridge_mqtt_ep_group *group)
 {
-    while (group->publish_room == 0 && !torn_down) {
+    while (group->publish_room == 0 && !mqtt_ctx.torn_down) {
         const uint32_t pending = count_pending(group->handle);
         if (pending < MAX_INFLIGHT) {
             group->publish_room = MAX_INFLIGHT - pending;
@@ -652,16 +555,16 @@ static int publish_through(bridge_mqtt_ep_group *group, const char *topic, const
 
     const library_call call;
     wait_for_publish_room(group);
-    if (torn_down)
+    if (mqtt_ctx.torn_down)
         return -1;
-    const std::lock_guard<std::mutex> guard(message_lock);
+    const std::lock_guard<std::mutex> guard(mqtt_ctx.message_lock);
     return MQTTClient_publishMessage(group->handle, topic, &message, nullptr);
 }
 
 int bridge_mqtt_publish(bridge_mqtt_endpoint_t endpoint, const char *topic, const void *payload,
                         uint32_t payload_size, bool retained)
 {
-    if (!is_usable())
+    if (!bridge_mqtt_is_usable())
         return -1;
     BRIDGE_DEBUG("publish for [%d] endpoint, with size: %zu", endpoint, static_cast<size_t>(payload_size));
     if (payload_size > LARGE_PAYLOAD)
@@ -671,147 +574,11 @@ int bridge_mqtt_publish(bridge_mqtt_endpoint_t endpoint, const char *topic, cons
     BRIDGE_ASSERT(payload_size > 0);
 
     const std::lock_guard<std::mutex> guard(mqtt_ctx.ep_lock);
-    bridge_mqtt_ep_group *group = find_connected_group(endpoint);
+    bridge_mqtt_ep_group *group = bridge_mqtt_find_connected_group(endpoint);
     if (group == nullptr)
         return -1;
     const int result = publish_through(group, topic, payload, payload_size, retained);
     if (result != 0)
         BRIDGE_ERROR("can't publish a message to the endpoint: [%d] with error: [%d]", endpoint, result);
     return result;
-}
-
-/* ---- subscriptions ---- */
-
-static void fill_subscriptions(bridge_mqtt_endpoint_t endpoint, std::span<const char *const> topics,
-                               bridge_mqtt_handler_t handler, void *context)
-{
-    const std::lock_guard<std::mutex> guard(mqtt_ctx.subs_lock);
-    size_t next = 0;
-    for (bridge_mqtt_sub &sub : mqtt_ctx.subs) {
-        if (next == topics.size())
-            return;
-        if (sub.topic != nullptr)
-            continue;
-        sub = {topics[next++], handler, context, endpoint, true};
-        mqtt_ctx.free_subs--;
-    }
-}
-
-static void settle_pending_subscriptions(bool keep)
-{
-    const std::lock_guard<std::mutex> guard(mqtt_ctx.subs_lock);
-    for (bridge_mqtt_sub &sub : mqtt_ctx.subs) {
-        if (!sub.pending)
-            continue;
-        if (keep) {
-            sub.pending = false;
-        } else {
-            sub = {};
-            mqtt_ctx.free_subs++;
-        }
-    }
-}
-
-static int subscribe_at_server(MQTTClient handle, std::span<const char *const> topics)
-{
-    for (size_t i = 0; i < topics.size(); i++) {
-        BRIDGE_TRACE("subscribing for [%s] topic", topics[i]);
-        const int result = MQTTClient_subscribe(handle, topics[i], SUBSCRIBE_QOS);
-        if (result == 0) {
-            BRIDGE_TRACE("subscribing for [%s] topic complete", topics[i]);
-            continue;
-        }
-        BRIDGE_ERROR("failed to subscribe for topic: %s with error: [%d]", topics[i], result);
-        for (const char *topic : topics.first(i))
-            MQTTClient_unsubscribe(handle, topic);
-        return -1;
-    }
-    return 0;
-}
-
-static uint32_t count_free_subscriptions()
-{
-    const std::lock_guard<std::mutex> guard(mqtt_ctx.subs_lock);
-    return mqtt_ctx.free_subs;
-}
-
-int bridge_mqtt_subscribe(bridge_mqtt_endpoint_t endpoint, const char *const *topics, size_t topics_size,
-                          bridge_mqtt_handler_t handler, void *context)
-{
-    if (!is_usable())
-        return -1;
-    BRIDGE_DEBUG("subscribe for [%d] endpoint", endpoint);
-    BRIDGE_ASSERT_TEXT(topics != nullptr, "topics != NULL");
-    BRIDGE_ASSERT_TEXT(handler != nullptr, "handler != NULL");
-    BRIDGE_ASSERT(topics_size > 0);
-
-    const std::lock_guard<std::mutex> guard(mqtt_ctx.ep_lock);
-    if (topics_size > count_free_subscriptions()) {
-        BRIDGE_ERROR("no free subsriptions available");
-        return -1;
-    }
-    const bridge_mqtt_ep_group *group = find_connected_group(endpoint);
-    if (group == nullptr)
-        return -1;
-    /* Rows go first: a retained message may arrive before the server's answer. */
-    const std::span<const char *const> wanted(topics, topics_size);
-    fill_subscriptions(endpoint, wanted, handler, context);
-    const library_call call;
-    const int result = subscribe_at_server(group->handle, wanted);
-    settle_pending_subscriptions(result == 0);
-    return result;
-}
-
-static bool is_subscribed(const bridge_mqtt_sub &sub, bridge_mqtt_endpoint_t endpoint, const char *topic)
-{
-    const std::lock_guard<std::mutex> guard(mqtt_ctx.subs_lock);
-    return sub.topic != nullptr && sub.endpoint == endpoint && strcasecmp(sub.topic, topic) == 0;
-}
-
-static void release_subscription(bridge_mqtt_sub *sub)
-{
-    const std::lock_guard<std::mutex> guard(mqtt_ctx.subs_lock);
-    sub->topic = nullptr;
-    sub->handler = nullptr;
-    sub->context = nullptr;
-    mqtt_ctx.free_subs++;
-}
-
-static int unsubscribe_topic(MQTTClient handle, bridge_mqtt_endpoint_t endpoint, const char *topic,
-                             uint32_t *released)
-{
-    for (bridge_mqtt_sub &sub : mqtt_ctx.subs) {
-        if (!is_subscribed(sub, endpoint, topic))
-            continue;
-        const int result = MQTTClient_unsubscribe(handle, topic);
-        if (result != 0)
-            return result;
-        release_subscription(&sub);
-        (*released)++;
-    }
-    return 0;
-}
-
-int bridge_mqtt_unsubscribe(bridge_mqtt_endpoint_t endpoint, const char *const *topics, uint32_t *topics_size)
-{
-    if (!is_usable())
-        return -1;
-    BRIDGE_DEBUG("unsubscribe for [%d] endpoint", endpoint);
-    BRIDGE_ASSERT_TEXT(topics != nullptr, "topics != NULL");
-    BRIDGE_ASSERT_TEXT(topics_size != nullptr, "topics_size != NULL");
-    BRIDGE_ASSERT(*topics_size > 0);
-
-    const std::lock_guard<std::mutex> guard(mqtt_ctx.ep_lock);
-    const std::span<const char *const> wanted(topics, *topics_size);
-    *topics_size = 0;
-    const bridge_mqtt_ep_group *group = find_connected_group(endpoint);
-    if (group == nullptr)
-        return -1;
-    const library_call call;
-    for (const char *topic : wanted) {
-        const int result = unsubscribe_topic(group->handle, endpoint, topic, topics_size);
-        if (result != 0)
-            return result;
-    }
-    return 0;
 }

@@ -75,8 +75,9 @@ def own_road(tmp_path: Path, cleanup: Cleanup) -> Callable[..., Road]:
     not yet connected."""
     numbers = itertools.count()
 
-    def road(dialect: Dialect, changes: Optional[Sections] = None, arguments: tuple[str, ...] = ()) -> Road:
-        made = Road(tmp_path / f"road{next(numbers)}", dialect, changes, arguments)
+    def road(dialect: Dialect, changes: Optional[Sections] = None, arguments: tuple[str, ...] = (),
+             shares_geolocation: bool = False) -> Road:
+        made = Road(tmp_path / f"road{next(numbers)}", dialect, changes, arguments, shares_geolocation)
         cleanup.add(made)
         return made
 

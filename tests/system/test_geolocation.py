@@ -16,22 +16,15 @@ RECORDS_PRINTED = '[{"lat":48.10,"b":[1,2],"a":"x\\/y","n":null},5]'
 
 
 @pytest.mark.parametrize("dialect", DIALECTS, ids=str)
-def test_records_go_out_untranslated_on_the_shared_connection(own_road: OwnRoad, broker: Mosquitto,
-                                                              make_peer: Callable[..., MqttPeer],
-                                                              dialect: Dialect) -> None:
-    servers = {"ns": {"url": broker.url}, "geoloc": {"url": broker.url}}
-    road = own_road(dialect, servers)
-    peer = make_peer(broker, "#")
-    road.peer.close()
-    road.peer = peer
-    road.wait_ready()
+def test_records_go_out_untranslated_on_the_shared_connection(own_road: OwnRoad, dialect: Dialect) -> None:
+    road = own_road(dialect, shares_geolocation=True).wait_ready()
+    road.bridge.wait_for_log("adding endpoint to already connected group")
     road.bridge.wait_for_log("UDP bridge is connected to geoloc")
-    assert road.bridge.log.find("adding endpoint to already connected group")
 
     outcome = road.push('{"locpk": %s}' % RECORDS)
     assert [(message.topic, message.text) for message in outcome.published] == [("gateway/geoloc", RECORDS_PRINTED)]
     assert outcome.acked
-    assert len(broker.connections(road.client_id)) == 1
+    assert len(road.broker.connections(road.client_id)) == 1
 
     outcome = road.push({"stat": stat(), "locpk": [1], "rxpk": [rxpk_v2()]})
     assert [message.topic for message in outcome.published] == [dialect.uplink, "gateway/geoloc",

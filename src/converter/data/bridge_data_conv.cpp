@@ -1,11 +1,9 @@
-/* Socket, worker and connections of the data plane, and the road of every uplink datagram. */
-#include "converter/data/bridge_data_conv.h"
+/* Socket, worker, topics and connections of the data plane. */
+#include "converter/data/bridge_data_ctx.h"
 
 #include "common/bridge_config.h"
-#include "common/bridge_json_helpers.h"
 #include "common/bridge_log.h"
 #include "common/bridge_release.h"
-#include "common/bridge_utils.h"
 #include "common/bridge_wait.h"
 #include "converter/data/bridge_translator.h"
 #include "mqtt/bridge_mqtt.h"
@@ -13,83 +11,22 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <memory>
 #include <netdb.h>
 #include <sys/select.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 static constexpr size_t DATAGRAM_SIZE = 1024; /* one byte is kept for the terminator */
-static constexpr size_t PIPE_SIZE = 4096;
-static constexpr size_t ENDPOINT_TEXT = 128;
-static constexpr size_t MAC_SIZE = 8;
-static constexpr size_t HEADER_SIZE = 4;
 static constexpr int WORKERS = 2;
 static constexpr char STOP_WORD = 'X';
 static constexpr uint32_t WRITER_POLL_MS = 1;
 
-/* Sizes below count the terminator behind the datagram, and no header. */
-static constexpr size_t MIN_PUSH_DATA = MAC_SIZE + 3;
-static constexpr size_t MIN_TX_ACK = MAC_SIZE + 1;
-static constexpr size_t MIN_TX_ACK_JSON = MAC_SIZE + 3;
+bridge_data_ctx converter_ctx;
 
-enum semtech_packet : uint8_t {
-    SEMTECH_PUSH_DATA = 0,
-    SEMTECH_PUSH_ACK = 1,
-    SEMTECH_PULL_DATA = 2,
-    SEMTECH_PULL_RESP = 3,
-    SEMTECH_PULL_ACK = 4,
-    SEMTECH_TX_ACK = 5,
-};
-
-/* Numeric host and port of a sender; asked for again only when its address changes. */
-struct sender_name {
-    sockaddr_in address;
-    char host[ENDPOINT_TEXT];
-    char port[ENDPOINT_TEXT];
-};
-
-/* The socket address of a host and port text; resolved again only when the text changes. */
-struct resolved_name {
-    char host[ENDPOINT_TEXT];
-    char port[ENDPOINT_TEXT];
-    sockaddr_storage address;
-    socklen_t address_size; /* 0 when nothing is resolved */
-};
-
-static struct {
-    char gw_host[ENDPOINT_TEXT];
-    char pull_port[ENDPOINT_TEXT];
-    char push_port[ENDPOINT_TEXT];
-    thpool *pool;
-    std::atomic<bool> rx_allowed; /* a PULL_DATA has told where downlinks go */
-    bridge_dataplane_cb_t cb;
-    void *cb_context;
-    int pipe_fds[2];
-    std::atomic<uint32_t> semtech_version; /* of the last valid datagram */
-    int sock;
-    std::atomic<bool> inited;
-    std::atomic<bool> geo_connected;
-    std::atomic<bool> ns_connected;
-    std::atomic<bool> stop;
-    std::atomic<int> pipe_writers; /* downlink callbacks under way: the pipe outlives them */
-
-    char uplink_topic[BRIDGE_TOPIC_SIZE];
-    char downlink_topic[BRIDGE_TOPIC_SIZE];
-    char ack_topic[BRIDGE_TOPIC_SIZE];
-    char stats_topic[BRIDGE_TOPIC_SIZE];
-
-    sender_name push_sender;
-    sender_name pull_sender;
-    resolved_name push_target;
-    resolved_name pull_target;
-} converter_ctx;
-
-using tokener_owned = std::unique_ptr<json_tokener, bridge_release<json_tokener_free>>;
 using addresses_owned = std::unique_ptr<addrinfo, bridge_release<freeaddrinfo>>;
 
 /* ---- topics and dialects ---- */
@@ -168,7 +105,7 @@ static int resolve_target(resolved_name *target, const char *host, const char *p
     return 0;
 }
 
-static int bridge_udp_send(const uint8_t *data, size_t data_size, bool use_pull_port)
+int bridge_udp_send(const uint8_t *data, size_t data_size, bool use_pull_port)
 {
     BRIDGE_ASSERT(data);
     BRIDGE_ASSERT(data_size > 0);
@@ -190,296 +127,9 @@ static int bridge_udp_send(const uint8_t *data, size_t data_size, bool use_pull_
 
 static int send_acknowledgement(const uint8_t *token, semtech_packet identifier)
 {
-    const uint8_t ack[HEADER_SIZE] = {static_cast<uint8_t>(converter_ctx.semtech_version), token[0], token[1],
-                                      identifier};
+    const uint8_t ack[SEMTECH_HEADER_SIZE] = {static_cast<uint8_t>(converter_ctx.semtech_version), token[0],
+                                              token[1], identifier};
     return bridge_udp_send(ack, sizeof(ack), identifier == SEMTECH_PULL_ACK);
-}
-
-int bridge_send_downlink(const uint8_t *data, size_t data_size)
-{
-    BRIDGE_ASSERT(data);
-    BRIDGE_ASSERT(data_size > 0);
-    if (!converter_ctx.rx_allowed) {
-        BRIDGE_WARN("RX is not yet allowed");
-        return 0;
-    }
-    return bridge_udp_send(data, data_size, true);
-}
-
-/* ---- publishing ---- */
-
-/* A server that is not ready is asked all the same: its failure is what starts the reconnection. */
-static int bridge_ns_publish(const char *body, size_t size, const char *topic)
-{
-    if (!bridge_mqtt_is_ep_enabled(BRIDGE_MQTT_EP_NS)) {
-        BRIDGE_DEBUG("NS packet is dropped: endpoint is disabled");
-        return 0;
-    }
-    if (!converter_ctx.ns_connected)
-        BRIDGE_DEBUG("NS endpoint is enabled but not yet ready, skipping sending packet");
-    BRIDGE_DEBUG("Publish to: %s, message body: %s", topic, body);
-    return bridge_mqtt_publish(BRIDGE_MQTT_EP_NS, topic, body, static_cast<uint32_t>(size), false);
-}
-
-static int bridge_geoloc_publish(const char *body, size_t size)
-{
-    if (!bridge_mqtt_is_ep_enabled(BRIDGE_MQTT_EP_GEOLOC)) {
-        BRIDGE_DEBUG("geoloc packet is dropped: endpoint is disabled");
-        return 0;
-    }
-    if (!converter_ctx.geo_connected)
-        BRIDGE_DEBUG("geoloc endpoint is enabled but not yet ready, skipping sending packet");
-    const char *topic = bridge_config_get_root_checked()->geoloc.topic;
-    BRIDGE_DEBUG("Publish to: %s, message body: %s", topic, body);
-    return bridge_mqtt_publish(BRIDGE_MQTT_EP_GEOLOC, topic, body, static_cast<uint32_t>(size), false);
-}
-
-static void report_ns_failure()
-{
-    BRIDGE_ASSERT(converter_ctx.cb);
-    converter_ctx.cb(0, converter_ctx.cb_context);
-}
-
-static int publish_object_to_ns(json_object *object, const char *topic)
-{
-    size_t length = 0;
-    const char *text = json_object_to_json_string_length(object, JSON_C_TO_STRING_PLAIN, &length);
-    return text != nullptr ? bridge_ns_publish(text, length, topic) : -1;
-}
-
-/* ---- PUSH_DATA ---- */
-
-/* A parsed PUSH_DATA and what its parts have in common. */
-struct push_data {
-    uint8_t mac[MAC_SIZE];
-    uint32_t version;
-    const char *text;
-    json_object *parsed;
-};
-
-static int translate(const push_data &push, bridge_direction direction, json_object *input,
-                     json_object *output)
-{
-    uint32_t ns_version = 0;
-    uint32_t ns_format = 0;
-    const int result = get_version_and_ns_format(&ns_version, &ns_format);
-    if (result < 0) {
-        BRIDGE_ERROR("failed to extract NS version and data format");
-        return result;
-    }
-    bridge_translate_msg from = {
-        .format = FORMAT_SEMTECH, .direction = direction, .version = push.version, .json = input};
-    bridge_translate_msg to = {
-        .format = ns_format, .direction = direction, .version = ns_version, .json = output};
-    memcpy(from.mac, push.mac, sizeof(from.mac));
-    memcpy(to.mac, push.mac, sizeof(to.mac));
-    errno = 0; /* the publish before may have left one, which a number's read would take for its own */
-    const int translated = bridge_translate_generic(&from, &to);
-    if (translated < 0)
-        BRIDGE_TRACE("failed to translate message");
-    return translated;
-}
-
-static int publish_uplink(const push_data &push, json_object *rxpk, json_object *out)
-{
-    if (rxpk == nullptr) {
-        BRIDGE_ERROR("failed to deserialize uplink packet: %s", "null");
-        BRIDGE_TRACE("failed to translate message");
-        return -1;
-    }
-    const int translated = translate(push, DIRECTION_UPLINK, rxpk, out);
-    if (translated < 0)
-        return translated;
-    bridge_topic_build(converter_ctx.uplink_topic, TOPIC_UPLINK);
-    const int result = publish_object_to_ns(out, converter_ctx.uplink_topic);
-    if (result < 0) {
-        BRIDGE_ERROR("failed to send message over MQTT");
-        report_ns_failure();
-    }
-    return result;
-}
-
-/* One output object serves every element: each translation replaces the keys of the one before. */
-static int publish_uplinks(const push_data &push, json_object *out)
-{
-    json_object *rxpk = nullptr;
-    if (!json_object_object_get_ex(push.parsed, "rxpk", &rxpk))
-        BRIDGE_TRACE("no rxpk array in %s", push.text);
-    if (!json_object_is_type(rxpk, json_type_array))
-        return 0;
-    int result = 0;
-    const size_t count = json_object_array_length(rxpk);
-    for (size_t i = 0; i < count && result >= 0; i++)
-        result = publish_uplink(push, json_object_array_get_idx(rxpk, i), out);
-    return result;
-}
-
-static int publish_geolocation(const push_data &push)
-{
-    json_object *locpk = nullptr;
-    if (!json_object_object_get_ex(push.parsed, "locpk", &locpk))
-        BRIDGE_TRACE("no geoloc object in %s", push.text);
-    if (!json_object_is_type(locpk, json_type_array) || json_object_array_length(locpk) == 0)
-        return 0;
-    size_t length = 0;
-    const char *text = json_object_to_json_string_length(locpk, JSON_C_TO_STRING_PLAIN, &length);
-    if (text == nullptr) {
-        BRIDGE_ERROR("failed to allocate geoloc string");
-        return -1;
-    }
-    const int result = bridge_geoloc_publish(text, length);
-    if (result < 0 && converter_ctx.cb != nullptr)
-        converter_ctx.cb(1, converter_ctx.cb_context);
-    return result;
-}
-
-static int publish_statistics(const push_data &push)
-{
-    json_object *stat = nullptr;
-    const bool found = json_object_object_get_ex(push.parsed, "stat", &stat);
-    if (!json_object_is_type(stat, json_type_object))
-        BRIDGE_TRACE("no statistics object in %s", push.text);
-    if (!found)
-        return 0;
-    if (stat == nullptr) {
-        BRIDGE_ERROR("failed to deserialize statistics: %s", "null");
-        BRIDGE_TRACE("failed to translate message");
-        return -1;
-    }
-    const json_owned out(json_object_new_object());
-    if (!out) {
-        BRIDGE_DEBUG("failed to create statistics object");
-        return 0;
-    }
-    const int translated = translate(push, DIRECTION_STATISTICS, stat, out.get());
-    if (translated < 0)
-        return translated;
-    BRIDGE_TRACE("sending statistics: %s", json_object_to_json_string_ext(out.get(), JSON_C_TO_STRING_PLAIN));
-    bridge_topic_build(converter_ctx.stats_topic, TOPIC_STATISTICS);
-    const int result = publish_object_to_ns(out.get(), converter_ctx.stats_topic);
-    if (result < 0) {
-        BRIDGE_ERROR("failed to send stats message over mqtt");
-        report_ns_failure();
-    }
-    return result;
-}
-
-/* `size` counts the MAC, the JSON text and its terminator. A negative result means no PUSH_ACK, although
- * earlier elements may have been published. */
-static int bridge_handle_push_data(uint32_t version, const uint8_t *data, size_t data_size)
-{
-    BRIDGE_ASSERT(data);
-    BRIDGE_ASSERT(data_size > 0);
-    if (data_size < MIN_PUSH_DATA) {
-        BRIDGE_DEBUG("no data to handle");
-        return -1;
-    }
-    push_data push = {.version = version, .text = reinterpret_cast<const char *>(data + MAC_SIZE)};
-    memcpy(push.mac, data, sizeof(push.mac));
-    const json_owned out(json_object_new_object());
-    if (!out) {
-        BRIDGE_ERROR("failed to create object");
-        return -1;
-    }
-    BRIDGE_DEBUG("PUSH_DATA message body: %s", push.text);
-    const json_owned parsed(json_tokener_parse(push.text));
-    if (!parsed) {
-        BRIDGE_ERROR("failed to allocate tokener");
-        return -1;
-    }
-    push.parsed = parsed.get();
-
-    int result = publish_uplinks(push, out.get());
-    if (result < 0)
-        return result;
-    result = publish_geolocation(push);
-    if (result < 0)
-        return result;
-    return publish_statistics(push);
-}
-
-/* ---- TX_ACK ---- */
-
-static constexpr size_t ACK_MESSAGE_SIZE = 512;
-/* What surrounds the status, at its longest: Base64 of the MAC and five digits of the token. */
-static constexpr size_t ACK_STATUS_SIZE = ACK_MESSAGE_SIZE - 96;
-
-static int copy_status(const char *text, char (&status)[ACK_STATUS_SIZE])
-{
-    const char *shown = strcmp(text, "NONE") == 0 ? "OK" : text;
-    const size_t length = strlen(shown);
-    if (length >= sizeof(status)) {
-        BRIDGE_ERROR("status of TX_ACK is too long: %zu", length);
-        return -1;
-    }
-    memcpy(status, shown, length + 1);
-    return 0;
-}
-
-/* An acknowledgement that says nothing of an error is forwarded all the same, with the status "(null)". */
-static int read_tx_ack_status(const char *text, char (&status)[ACK_STATUS_SIZE])
-{
-    BRIDGE_DEBUG("TX_ACK message body: %s", text);
-    const json_owned parsed(json_tokener_parse(text));
-    if (!parsed) {
-        BRIDGE_ERROR("failed to allocate tokener");
-        return -1;
-    }
-    json_object *txpk_ack = nullptr;
-    json_object *error = nullptr;
-    if (!json_object_object_get_ex(parsed.get(), "txpk_ack", &txpk_ack))
-        BRIDGE_TRACE("no txpk_ack object in %s", text);
-    else if (!json_object_object_get_ex(txpk_ack, "error", &error))
-        BRIDGE_TRACE("no err string array in %s", text);
-    const char *value = json_object_get_string(error);
-    return copy_status(value != nullptr ? value : "(null)", status);
-}
-
-static int forward_tx_ack(uint16_t token, const uint8_t *mac, const char *status)
-{
-    char mac_b64[16];
-    const int rc = Base64encode(mac_b64, reinterpret_cast<const char *>(mac), MAC_SIZE);
-    BRIDGE_ASSERT_TEXT(rc >= 0 && static_cast<size_t>(rc) < sizeof(mac_b64),
-                       "rc >= 0 && (size_t)rc < sizeof(mac_b64)");
-    BRIDGE_TRACE("mac encoded: %s", mac_b64);
-    char ack_buf[ACK_MESSAGE_SIZE];
-    const int n = snprintf(ack_buf, sizeof(ack_buf),
-                           "{ \"gatewayID\": \"%s\", \"token\": %u, \"items\": [ { \"status\": \"%s\" } ] }",
-                           mac_b64, static_cast<unsigned>(token), status);
-    BRIDGE_ASSERT_TEXT(n > 0 && static_cast<size_t>(n) < sizeof(ack_buf),
-                       "n > 0 && (size_t)n < sizeof(ack_buf)");
-
-    bridge_topic_build(converter_ctx.ack_topic, TOPIC_ACK);
-    const int result = bridge_ns_publish(ack_buf, static_cast<size_t>(n), converter_ctx.ack_topic);
-    if (result < 0) {
-        BRIDGE_ERROR("failed to send message over MQTT");
-        report_ns_failure();
-    }
-    return result;
-}
-
-/* Only ChirpStack version 3 hears of what became of a downlink. `size` counts as for PUSH_DATA. */
-static int bridge_handle_tx_ack(uint16_t token, const uint8_t *data, size_t data_size)
-{
-    const uint32_t ns_type = bridge_config_get_root_checked()->ns.ns_type;
-    if (ns_type == NS_TYPE_SNVNS || ns_type == NS_TYPE_CHIRPSTACK_V2)
-        return 0;
-    BRIDGE_ASSERT_TEXT(ns_type == NS_TYPE_CHIRPSTACK_V3, "0");
-    if (data_size < MIN_TX_ACK) {
-        BRIDGE_DEBUG("no data to handle: %zu", data_size);
-        return -1;
-    }
-    uint8_t mac[MAC_SIZE];
-    memcpy(mac, data, sizeof(mac));
-    char status[ACK_STATUS_SIZE] = "OK";
-    if (data_size < MIN_TX_ACK_JSON) {
-        BRIDGE_DEBUG("TX_ACK contains no JSON");
-    } else {
-        const int result = read_tx_ack_status(reinterpret_cast<const char *>(data + MAC_SIZE), status);
-        if (result < 0)
-            return result;
-    }
-    return forward_tx_ack(token, mac, status);
 }
 
 /* ---- datagrams ---- */
@@ -526,7 +176,8 @@ static int dispatch_datagram(const uint8_t *uplink, size_t uplink_size)
     switch (uplink[3]) {
     case SEMTECH_PUSH_DATA: {
         BRIDGE_TRACE("PUSH_DATA received with version: %d", version);
-        const int result = bridge_handle_push_data(version, uplink + HEADER_SIZE, uplink_size - HEADER_SIZE);
+        const int result =
+            bridge_handle_push_data(version, uplink + SEMTECH_HEADER_SIZE, uplink_size - SEMTECH_HEADER_SIZE);
         return result != 0 ? result : send_acknowledgement(uplink + 1, SEMTECH_PUSH_ACK);
     }
     case SEMTECH_PULL_DATA:
@@ -535,7 +186,7 @@ static int dispatch_datagram(const uint8_t *uplink, size_t uplink_size)
         return send_acknowledgement(uplink + 1, SEMTECH_PULL_ACK);
     case SEMTECH_TX_ACK:
         BRIDGE_TRACE("TX_ACK received with size: %zu", uplink_size);
-        return bridge_handle_tx_ack(token, uplink + HEADER_SIZE, uplink_size - HEADER_SIZE);
+        return bridge_handle_tx_ack(token, uplink + SEMTECH_HEADER_SIZE, uplink_size - SEMTECH_HEADER_SIZE);
     default:
         BRIDGE_TRACE("invalid packet type: %d", uplink[3]);
         return -1;
@@ -562,131 +213,10 @@ int bridge_process_uplink(const sockaddr_in *address, const uint8_t *uplink, siz
     return dispatch_datagram(uplink, uplink_size);
 }
 
-/* ---- downlinks ---- */
-
-/* The pipe is closed only when no callback is inside; one that comes later finds the plane gone. */
-class pipe_writer
-{
-  public:
-    pipe_writer()
-    {
-        converter_ctx.pipe_writers++;
-    }
-    ~pipe_writer()
-    {
-        converter_ctx.pipe_writers--;
-    }
-    pipe_writer(const pipe_writer &) = delete;
-    pipe_writer &operator=(const pipe_writer &) = delete;
-};
-
-static json_object *parse_downlink(const uint8_t *payload, uint32_t payload_size)
-{
-    const tokener_owned tokener(json_tokener_new());
-    if (!tokener) {
-        BRIDGE_ERROR("failed to allocate tokener");
-        return nullptr;
-    }
-    json_object *parsed = json_tokener_parse_ex(tokener.get(), reinterpret_cast<const char *>(payload),
-                                                static_cast<int>(payload_size));
-    if (parsed == nullptr)
-        BRIDGE_WARN("unable to parse downlink payload");
-    return parsed;
-}
-
-/* Returns the txpk wrapped for the packet forwarder, or null after logging why. */
-static json_object *translate_downlink(json_object *parsed, uint32_t semtech_version, uint16_t *token)
-{
-    json_owned txpk(json_object_new_object());
-    if (!txpk) {
-        BRIDGE_ERROR("failed to create object");
-        return nullptr;
-    }
-    uint32_t ns_version = 0;
-    uint32_t ns_format = 0;
-    if (get_version_and_ns_format(&ns_version, &ns_format) < 0) {
-        BRIDGE_ERROR("failed to extract the NS version and data format");
-        return nullptr;
-    }
-    bridge_translate_msg from = {
-        .format = ns_format, .direction = DIRECTION_DOWNLINK, .version = ns_version, .json = parsed};
-    bridge_translate_msg to = {.format = FORMAT_SEMTECH,
-                               .direction = DIRECTION_DOWNLINK,
-                               .version = semtech_version,
-                               .json = txpk.get()};
-    if (bridge_translate_generic(&from, &to) < 0) {
-        BRIDGE_WARN("failed to translate downlink packet body");
-        return nullptr;
-    }
-    *token = to.token;
-    json_object *wrapper = json_object_new_object();
-    if (wrapper == nullptr) {
-        BRIDGE_ERROR("failed to create object");
-        return nullptr;
-    }
-    json_object_object_add(wrapper, "txpk", txpk.release());
-    return wrapper;
-}
-
-static void write_to_worker(const uint8_t *datagram, size_t size)
-{
-    const ssize_t written = write(converter_ctx.pipe_fds[1], datagram, size);
-    if (written < 0)
-        BRIDGE_ERROR("failed to write downlink packet into the pipe");
-    else if (static_cast<size_t>(written) < size)
-        BRIDGE_WARN("pipe consumed less data: [%d] than expected: [%zu]", static_cast<int>(written), size);
-    else
-        BRIDGE_TRACE("bytes written to pipe: [%d]", static_cast<int>(written));
-}
-
-/* The terminator travels with the datagram. */
-static void hand_to_worker(json_object *wrapper, uint32_t semtech_version, uint16_t token)
-{
-    size_t length = 0;
-    const char *text = json_object_to_json_string_length(wrapper, JSON_C_TO_STRING_PLAIN, &length);
-    if (text == nullptr) {
-        BRIDGE_WARN("failed to stringify downlink packet");
-        return;
-    }
-    const size_t size = HEADER_SIZE + length + 1;
-    uint8_t datagram[PIPE_SIZE] = {};
-    if (size > sizeof(datagram)) {
-        BRIDGE_WARN("packet body is too big: %zd bytes", static_cast<ssize_t>(length + 1));
-        return;
-    }
-    datagram[0] = static_cast<uint8_t>(semtech_version);
-    memcpy(datagram + 1, &token, sizeof(token));
-    datagram[3] = SEMTECH_PULL_RESP;
-    memcpy(datagram + HEADER_SIZE, text, length);
-    write_to_worker(datagram, size);
-}
-
-void bridge_downlink_callback(const char *topic, void *, const uint8_t *payload, uint32_t payload_size)
-{
-    BRIDGE_ASSERT(topic);
-    BRIDGE_ASSERT(payload);
-    const pipe_writer writer;
-    if (!converter_ctx.inited)
-        return;
-    errno = 0; /* a bad number of the message before must not count against this one */
-    if (payload_size == 0) {
-        BRIDGE_WARN("empty payload received, skipping");
-        return;
-    }
-    const json_owned parsed(parse_downlink(payload, payload_size));
-    if (!parsed)
-        return;
-    const uint32_t semtech_version = converter_ctx.semtech_version;
-    uint16_t token = 0;
-    const json_owned wrapper(translate_downlink(parsed.get(), semtech_version, &token));
-    if (wrapper)
-        hand_to_worker(wrapper.get(), semtech_version, token);
-}
-
 /* ---- worker ---- */
 
 /* Returns false when the worker is to end. */
-static bool take_from_pipe(uint8_t (&buffer)[PIPE_SIZE])
+static bool take_from_pipe(uint8_t (&buffer)[BRIDGE_PIPE_SIZE])
 {
     const ssize_t count = read(converter_ctx.pipe_fds[0], buffer, sizeof(buffer));
     if (count < 0) {
@@ -722,7 +252,7 @@ static void bridge_uplink_worker(void *)
     const int pipe_fd = converter_ctx.pipe_fds[0];
     const int highest = std::max(pipe_fd, converter_ctx.sock);
     while (!converter_ctx.stop) {
-        uint8_t pipe_buffer[PIPE_SIZE] = {};
+        uint8_t pipe_buffer[BRIDGE_PIPE_SIZE] = {};
         uint8_t datagram[DATAGRAM_SIZE] = {};
         fd_set readable;
         FD_ZERO(&readable);

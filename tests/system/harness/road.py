@@ -41,12 +41,14 @@ class Outcome:
 
 class Road:
     def __init__(self, work: Path, dialect: Dialect, changes: Optional[Sections] = None,
-                 arguments: tuple[str, ...] = ()) -> None:
+                 arguments: tuple[str, ...] = (), shares_geolocation: bool = False) -> None:
         self.dialect = dialect
         work.mkdir(parents=True, exist_ok=True)
         self.udp_port = free_port()
         self.broker = Mosquitto(work / "broker")
         base: Sections = {"ns": {"url": self.broker.url, "type": dialect.ns_type}}
+        if shares_geolocation:
+            base["geoloc"] = {"url": self.broker.url}
         self.config = gateway_config(self.udp_port, merged(base, changes))
         path = write_config(work / "bridge.toml", self.config)
         self.peer = MqttPeer(self.broker.port)

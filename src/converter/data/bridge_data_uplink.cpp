@@ -1,0 +1,295 @@
+/* What the packet forwarder reports: uplinks, statistics, geolocation and transmit acknowledgements, on their
+ * way to the servers. */
+#include "converter/data/bridge_data_ctx.h"
+
+#include "common/bridge_config.h"
+#include "common/bridge_json_helpers.h"
+#include "common/bridge_log.h"
+#include "common/bridge_utils.h"
+#include "converter/data/bridge_translator.h"
+#include "mqtt/bridge_mqtt.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+/* Sizes count the terminator behind the datagram, and no header. */
+static constexpr size_t MIN_PUSH_DATA = SEMTECH_MAC_SIZE + 3;
+static constexpr size_t MIN_TX_ACK = SEMTECH_MAC_SIZE + 1;
+static constexpr size_t MIN_TX_ACK_JSON = SEMTECH_MAC_SIZE + 3;
+
+/* ---- publishing ---- */
+
+/* A server that is not ready is asked all the same: its failure is what starts the reconnection. */
+static int bridge_ns_publish(const char *body, size_t size, const char *topic)
+{
+    if (!bridge_mqtt_is_ep_enabled(BRIDGE_MQTT_EP_NS)) {
+        BRIDGE_DEBUG("NS packet is dropped: endpoint is disabled");
+        return 0;
+    }
+    if (!converter_ctx.ns_connected)
+        BRIDGE_DEBUG("NS endpoint is enabled but not yet ready, skipping sending packet");
+    BRIDGE_DEBUG("Publish to: %s, message body: %s", topic, body);
+    return bridge_mqtt_publish(BRIDGE_MQTT_EP_NS, topic, body, static_cast<uint32_t>(size), false);
+}
+
+static int bridge_geoloc_publish(const char *body, size_t size)
+{
+    if (!bridge_mqtt_is_ep_enabled(BRIDGE_MQTT_EP_GEOLOC)) {
+        BRIDGE_DEBUG("geoloc packet is dropped: endpoint is disabled");
+        return 0;
+    }
+    if (!converter_ctx.geo_connected)
+        BRIDGE_DEBUG("geoloc endpoint is enabled but not yet ready, skipping sending packet");
+    const char *topic = bridge_config_get_root_checked()->geoloc.topic;
+    BRIDGE_DEBUG("Publish to: %s, message body: %s", topic, body);
+    return bridge_mqtt_publish(BRIDGE_MQTT_EP_GEOLOC, topic, body, static_cast<uint32_t>(size), false);
+}
+
+static void report_ns_failure()
+{
+    BRIDGE_ASSERT(converter_ctx.cb);
+    converter_ctx.cb(0, converter_ctx.cb_context);
+}
+
+static int publish_object_to_ns(json_object *object, const char *topic)
+{
+    size_t length = 0;
+    const char *text = json_object_to_json_string_length(object, JSON_C_TO_STRING_PLAIN, &length);
+    return text != nullptr ? bridge_ns_publish(text, length, topic) : -1;
+}
+
+/* ---- PUSH_DATA ---- */
+
+/* A parsed PUSH_DATA and what its parts have in common. */
+struct push_data {
+    uint8_t mac[SEMTECH_MAC_SIZE];
+    uint32_t version;
+    const char *text;
+    json_object *parsed;
+};
+
+static int translate(const push_data &push, bridge_direction direction, json_object *input,
+                     json_object *output)
+{
+    uint32_t ns_version = 0;
+    uint32_t ns_format = 0;
+    const int result = get_version_and_ns_format(&ns_version, &ns_format);
+    if (result < 0) {
+        BRIDGE_ERROR("failed to extract NS version and data format");
+        return result;
+    }
+    bridge_translate_msg from = {
+        .format = FORMAT_SEMTECH, .direction = direction, .version = push.version, .json = input};
+    bridge_translate_msg to = {
+        .format = ns_format, .direction = direction, .version = ns_version, .json = output};
+    memcpy(from.mac, push.mac, sizeof(from.mac));
+    memcpy(to.mac, push.mac, sizeof(to.mac));
+    errno = 0; /* the publish before may have left one, which a number's read would take for its own */
+    const int translated = bridge_translate_generic(&from, &to);
+    if (translated < 0)
+        BRIDGE_TRACE("failed to translate message");
+    return translated;
+}
+
+static int publish_uplink(const push_data &push, json_object *rxpk, json_object *out)
+{
+    if (rxpk == nullptr) {
+        BRIDGE_ERROR("failed to deserialize uplink packet: %s", "null");
+        BRIDGE_TRACE("failed to translate message");
+        return -1;
+    }
+    const int translated = translate(push, DIRECTION_UPLINK, rxpk, out);
+    if (translated < 0)
+        return translated;
+    bridge_topic_build(converter_ctx.uplink_topic, TOPIC_UPLINK);
+    const int result = publish_object_to_ns(out, converter_ctx.uplink_topic);
+    if (result < 0) {
+        BRIDGE_ERROR("failed to send message over MQTT");
+        report_ns_failure();
+    }
+    return result;
+}
+
+/* One output object serves every element: each translation replaces the keys of the one before. */
+static int publish_uplinks(const push_data &push, json_object *out)
+{
+    json_object *rxpk = nullptr;
+    if (!json_object_object_get_ex(push.parsed, "rxpk", &rxpk))
+        BRIDGE_TRACE("no rxpk array in %s", push.text);
+    if (!json_object_is_type(rxpk, json_type_array))
+        return 0;
+    int result = 0;
+    const size_t count = json_object_array_length(rxpk);
+    for (size_t i = 0; i < count && result >= 0; i++)
+        result = publish_uplink(push, json_object_array_get_idx(rxpk, i), out);
+    return result;
+}
+
+static int publish_geolocation(const push_data &push)
+{
+    json_object *locpk = nullptr;
+    if (!json_object_object_get_ex(push.parsed, "locpk", &locpk))
+        BRIDGE_TRACE("no geoloc object in %s", push.text);
+    if (!json_object_is_type(locpk, json_type_array) || json_object_array_length(locpk) == 0)
+        return 0;
+    size_t length = 0;
+    const char *text = json_object_to_json_string_length(locpk, JSON_C_TO_STRING_PLAIN, &length);
+    if (text == nullptr) {
+        BRIDGE_ERROR("failed to allocate geoloc string");
+        return -1;
+    }
+    const int result = bridge_geoloc_publish(text, length);
+    if (result < 0 && converter_ctx.cb != nullptr)
+        converter_ctx.cb(1, converter_ctx.cb_context);
+    return result;
+}
+
+static int publish_statistics(const push_data &push)
+{
+    json_object *stat = nullptr;
+    const bool found = json_object_object_get_ex(push.parsed, "stat", &stat);
+    if (!json_object_is_type(stat, json_type_object))
+        BRIDGE_TRACE("no statistics object in %s", push.text);
+    if (!found)
+        return 0;
+    if (stat == nullptr) {
+        BRIDGE_ERROR("failed to deserialize statistics: %s", "null");
+        BRIDGE_TRACE("failed to translate message");
+        return -1;
+    }
+    const json_owned out(json_object_new_object());
+    if (!out) {
+        BRIDGE_DEBUG("failed to create statistics object");
+        return 0;
+    }
+    const int translated = translate(push, DIRECTION_STATISTICS, stat, out.get());
+    if (translated < 0)
+        return translated;
+    BRIDGE_TRACE("sending statistics: %s", json_object_to_json_string_ext(out.get(), JSON_C_TO_STRING_PLAIN));
+    bridge_topic_build(converter_ctx.stats_topic, TOPIC_STATISTICS);
+    const int result = publish_object_to_ns(out.get(), converter_ctx.stats_topic);
+    if (result < 0) {
+        BRIDGE_ERROR("failed to send stats message over mqtt");
+        report_ns_failure();
+    }
+    return result;
+}
+
+/* On a failure earlier elements may have been published already. */
+int bridge_handle_push_data(uint32_t version, const uint8_t *data, size_t data_size)
+{
+    BRIDGE_ASSERT(data);
+    BRIDGE_ASSERT(data_size > 0);
+    if (data_size < MIN_PUSH_DATA) {
+        BRIDGE_DEBUG("no data to handle");
+        return -1;
+    }
+    push_data push = {.version = version, .text = reinterpret_cast<const char *>(data + SEMTECH_MAC_SIZE)};
+    memcpy(push.mac, data, sizeof(push.mac));
+    const json_owned out(json_object_new_object());
+    if (!out) {
+        BRIDGE_ERROR("failed to create object");
+        return -1;
+    }
+    BRIDGE_DEBUG("PUSH_DATA message body: %s", push.text);
+    const json_owned parsed(json_tokener_parse(push.text));
+    if (!parsed) {
+        BRIDGE_ERROR("failed to allocate tokener");
+        return -1;
+    }
+    push.parsed = parsed.get();
+
+    int result = publish_uplinks(push, out.get());
+    if (result < 0)
+        return result;
+    result = publish_geolocation(push);
+    if (result < 0)
+        return result;
+    return publish_statistics(push);
+}
+
+/* ---- TX_ACK ---- */
+
+static constexpr size_t ACK_MESSAGE_SIZE = 512;
+/* What surrounds the status, at its longest: Base64 of the MAC and five digits of the token. */
+static constexpr size_t ACK_STATUS_SIZE = ACK_MESSAGE_SIZE - 96;
+
+static int copy_status(const char *text, char (&status)[ACK_STATUS_SIZE])
+{
+    const char *shown = strcmp(text, "NONE") == 0 ? "OK" : text;
+    const size_t length = strlen(shown);
+    if (length >= sizeof(status)) {
+        BRIDGE_ERROR("status of TX_ACK is too long: %zu", length);
+        return -1;
+    }
+    memcpy(status, shown, length + 1);
+    return 0;
+}
+
+/* An acknowledgement that says nothing of an error is forwarded all the same, with the status "(null)". */
+static int read_tx_ack_status(const char *text, char (&status)[ACK_STATUS_SIZE])
+{
+    BRIDGE_DEBUG("TX_ACK message body: %s", text);
+    const json_owned parsed(json_tokener_parse(text));
+    if (!parsed) {
+        BRIDGE_ERROR("failed to allocate tokener");
+        return -1;
+    }
+    json_object *txpk_ack = nullptr;
+    json_object *error = nullptr;
+    if (!json_object_object_get_ex(parsed.get(), "txpk_ack", &txpk_ack))
+        BRIDGE_TRACE("no txpk_ack object in %s", text);
+    else if (!json_object_object_get_ex(txpk_ack, "error", &error))
+        BRIDGE_TRACE("no err string array in %s", text);
+    const char *value = json_object_get_string(error);
+    return copy_status(value != nullptr ? value : "(null)", status);
+}
+
+static int forward_tx_ack(uint16_t token, const uint8_t *mac, const char *status)
+{
+    char mac_b64[16];
+    const int rc = Base64encode(mac_b64, reinterpret_cast<const char *>(mac), SEMTECH_MAC_SIZE);
+    BRIDGE_ASSERT_TEXT(rc >= 0 && static_cast<size_t>(rc) < sizeof(mac_b64),
+                       "rc >= 0 && (size_t)rc < sizeof(mac_b64)");
+    BRIDGE_TRACE("mac encoded: %s", mac_b64);
+    char ack_buf[ACK_MESSAGE_SIZE];
+    const int n = snprintf(ack_buf, sizeof(ack_buf),
+                           "{ \"gatewayID\": \"%s\", \"token\": %u, \"items\": [ { \"status\": \"%s\" } ] }",
+                           mac_b64, static_cast<unsigned>(token), status);
+    BRIDGE_ASSERT_TEXT(n > 0 && static_cast<size_t>(n) < sizeof(ack_buf),
+                       "n > 0 && (size_t)n < sizeof(ack_buf)");
+
+    bridge_topic_build(converter_ctx.ack_topic, TOPIC_ACK);
+    const int result = bridge_ns_publish(ack_buf, static_cast<size_t>(n), converter_ctx.ack_topic);
+    if (result < 0) {
+        BRIDGE_ERROR("failed to send message over MQTT");
+        report_ns_failure();
+    }
+    return result;
+}
+
+/* Only ChirpStack version 3 hears of what became of a downlink. */
+int bridge_handle_tx_ack(uint16_t token, const uint8_t *data, size_t data_size)
+{
+    const uint32_t ns_type = bridge_config_get_root_checked()->ns.ns_type;
+    if (ns_type == NS_TYPE_SNVNS || ns_type == NS_TYPE_CHIRPSTACK_V2)
+        return 0;
+    BRIDGE_ASSERT_TEXT(ns_type == NS_TYPE_CHIRPSTACK_V3, "0");
+    if (data_size < MIN_TX_ACK) {
+        BRIDGE_DEBUG("no data to handle: %zu", data_size);
+        return -1;
+    }
+    uint8_t mac[SEMTECH_MAC_SIZE];
+    memcpy(mac, data, sizeof(mac));
+    char status[ACK_STATUS_SIZE] = "OK";
+    if (data_size < MIN_TX_ACK_JSON) {
+        BRIDGE_DEBUG("TX_ACK contains no JSON");
+    } else {
+        const int result =
+            read_tx_ack_status(reinterpret_cast<const char *>(data + SEMTECH_MAC_SIZE), status);
+        if (result < 0)
+            return result;
+    }
+    return forward_tx_ack(token, mac, status);
+}

@@ -1,0 +1,93 @@
+/* What the files of the endpoint manager share: its one context, and the calls between them. */
+#ifndef BRIDGE_MQTT_CTX_H
+#define BRIDGE_MQTT_CTX_H
+
+#include "mqtt/bridge_mqtt.h"
+#include "mqtt/bridge_mqtt_delivery.h"
+
+#include <MQTTClient.h>
+#include <array>
+#include <atomic>
+#include <mutex>
+
+static constexpr size_t BRIDGE_MQTT_ENDPOINTS = BRIDGE_MQTT_EP_GEOLOC + 1;
+static constexpr size_t BRIDGE_MQTT_MAX_SUBS = 128;
+
+/* Endpoints that share one client. */
+struct bridge_mqtt_ep_group {
+    MQTTClient handle;
+    uint32_t ep_bits;                     /* 0 marks a free row */
+    std::atomic<uint32_t> connected_bits; /* who uses the connection; stale after a loss */
+    const char *uri;
+    const char *user;
+    const char *pass;
+    const char *pkey_path;
+    const char *cert_path;
+    bool validate_server_cert;
+    uint32_t publish_room;      /* publishes that surely fit before the library's limit */
+    std::atomic<bool> closing;  /* the client is being ended: its messages reach nobody */
+    std::atomic<int> callbacks; /* message-arrived calls under way */
+};
+
+struct bridge_mqtt_sub {
+    const char *topic; /* the subscriber's; null marks a free row */
+    bridge_mqtt_handler_t handler;
+    void *context;
+    uint32_t endpoint;
+    bool pending; /* set while its bridge_mqtt_subscribe runs */
+};
+
+struct bridge_mqtt_context {
+    uint32_t free_subs;
+    std::mutex ep_lock;   /* groups and client calls; taken before subs_lock */
+    std::mutex subs_lock; /* subs and free_subs; never held across a client call or a handler */
+    std::array<bridge_mqtt_ep_group, BRIDGE_MQTT_ENDPOINTS> ep_handles;
+    std::array<bridge_mqtt_sub, BRIDGE_MQTT_MAX_SUBS> subs;
+    std::atomic<bool> initialized;
+    bridge_mqtt_connection_cb_t connection_cb;
+
+    /* The process ends with the planes still running: from then on their calls fail instead of asserting. */
+    std::atomic<bool> torn_down;
+    /* Odd while a call into the library runs; ep_lock serialises the calls. */
+    std::atomic<uint32_t> library_calls;
+    /* Held while the library may free a message that it has handed to message-arrived: a failing publish
+     * does. */
+    std::mutex message_lock;
+};
+
+extern bridge_mqtt_context mqtt_ctx;
+
+/* Marks the time of a call into the library, under ep_lock. */
+class library_call
+{
+  public:
+    library_call()
+    {
+        mqtt_ctx.library_calls.fetch_add(1);
+    }
+    ~library_call()
+    {
+        mqtt_ctx.library_calls.fetch_add(1);
+    }
+    library_call(const library_call &) = delete;
+    library_call &operator=(const library_call &) = delete;
+};
+
+constexpr uint32_t bridge_mqtt_ep_bit(uint32_t endpoint)
+{
+    return 1U << endpoint;
+}
+
+/* False once the manager is torn down; asserts that it was initialised. */
+bool bridge_mqtt_is_usable();
+
+/* Under ep_lock. Null, after logging it, when the endpoint is not connected. */
+bridge_mqtt_ep_group *bridge_mqtt_find_connected_group(bridge_mqtt_endpoint_t endpoint);
+
+/* Hands a message to every subscriber that is connected through its group. Delivery thread. */
+void bridge_mqtt_deliver(const bridge_mqtt_delivery_item *item);
+
+/* Frees the rows of an endpoint, without asking the server. */
+void bridge_mqtt_release_subscriptions(bridge_mqtt_endpoint_t endpoint);
+
+#endif
