@@ -156,7 +156,9 @@ static void on_connection_lost(void *context, char *cause)
         BRIDGE_WARN("mqtt connection lost due to: %s", cause);
     else
         BRIDGE_WARN("mqtt connection lost");
-    mqtt_ctx.connection_cb(0, context);
+    const bridge_mqtt_connection_cb_t callback = mqtt_ctx.connection_cb;
+    if (callback != nullptr)
+        callback(0, context);
 }
 
 /* ---- initialisation ---- */

@@ -44,7 +44,7 @@ struct bridge_mqtt_context {
     std::array<bridge_mqtt_ep_group, BRIDGE_MQTT_ENDPOINTS> ep_handles;
     std::array<bridge_mqtt_sub, BRIDGE_MQTT_MAX_SUBS> subs;
     std::atomic<bool> initialized;
-    bridge_mqtt_connection_cb_t connection_cb;
+    std::atomic<bridge_mqtt_connection_cb_t> connection_cb;
 
     /* The process ends with the planes still running: from then on their calls fail instead of asserting. */
     std::atomic<bool> torn_down;
