@@ -2,7 +2,9 @@
 #include "app/main_bridge.h"
 
 #include "app/bridge_arguments.h"
+#include "app/bridge_status.h"
 #include "common/bridge_config.h"
+#include "common/bridge_key_manager.h"
 #include "common/bridge_log.h"
 #include "common/bridge_wait.h"
 #include "converter/control/bridge_ctrl_conv.h"
@@ -361,6 +363,10 @@ static int shut_down()
     const int result = bridge_mqtt_deinit();
     if (result < 0)
         BRIDGE_ERROR("failed to deinit MQTT");
+    if (bridge_config_get_root_checked()->generic.status_http_port > 0) {
+        BRIDGE_INFO("stopping status thread");
+        bridge_status_server_stop();
+    }
     bridge_sysmon_deinit();
     return result;
 }
@@ -390,6 +396,12 @@ int bridge_main(int argc, char **argv)
         return result;
     }
     bridge_sysmon_init();
+    bridge_key_manager_init(); /* whoever needs a key that is not there says so then */
+    const uint32_t status_port = bridge_config_get_root_checked()->generic.status_http_port;
+    if (status_port > 0 && bridge_status_server_start(static_cast<int32_t>(status_port)) < 0) {
+        BRIDGE_ERROR("unable to start a status server, aborting");
+        return 1;
+    }
     ctx.running = true;
     bridge_supervise();
     return shut_down();

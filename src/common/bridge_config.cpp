@@ -1,6 +1,7 @@
 /* The configuration record: defaults, the choice of the file form, and what follows from the values. */
 #include "common/bridge_config.h"
 
+#include "common/bridge_config_processor_legacy.h"
 #include "common/bridge_config_processor_toml.h"
 #include "common/bridge_log.h"
 
@@ -74,6 +75,10 @@ static int process_file(const bridge_args *args)
     if (fnmatch("*.toml", args->config_path, 0) == 0) {
         BRIDGE_DEBUG("detected TOML configuration file");
         return bridge_config_build_proc_toml(&ctx.root, args);
+    }
+    if (fnmatch("*.conf", args->config_path, 0) == 0) {
+        BRIDGE_DEBUG("detected deprecated configuration file");
+        return bridge_config_build_proc_legacy(&ctx.root, args);
     }
     BRIDGE_ERROR("unrecognized configuration file type");
     return -1;

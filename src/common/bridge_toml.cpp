@@ -102,7 +102,22 @@ size_t bridge_toml_array_size(const bridge_toml_array *array)
 
 const bridge_toml_raw *bridge_toml_raw_at(const bridge_toml_array *array, size_t index)
 {
-    return raw_of(array_of(array)->get(index));
+    return reinterpret_cast<const bridge_toml_raw *>(array_of(array)->get(index));
+}
+
+void bridge_toml_describe(const bridge_toml_raw *raw, char *buffer, size_t size)
+{
+    const toml::node *node = node_of(raw);
+    if (const auto *text = node->as_string())
+        snprintf(buffer, size, "%s", text->get().c_str());
+    else if (const auto *integer = node->as_integer())
+        snprintf(buffer, size, "%lld", static_cast<long long>(integer->get()));
+    else if (const auto *number = node->as_floating_point())
+        snprintf(buffer, size, "%g", number->get());
+    else if (const auto *boolean = node->as_boolean())
+        snprintf(buffer, size, "%s", boolean->get() ? "true" : "false");
+    else
+        snprintf(buffer, size, "%s", node->is_array() ? "[...]" : node->is_table() ? "{...}" : "date or time");
 }
 
 int bridge_toml_to_string(const bridge_toml_raw *raw, char **value)
