@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <json-c/json.h>
 #include <memory>
 #include <netdb.h>
 #include <sys/select.h>
@@ -360,6 +361,9 @@ int bridge_dataplane_deinit()
     converter_ctx.inited = false;
     close_pipe();
     close(converter_ctx.sock);
+    if (converter_ctx.tokener != nullptr)
+        json_tokener_free(converter_ctx.tokener);
+    converter_ctx.tokener = nullptr;
     BRIDGE_DEBUG("UDP bridge is deinitialized");
     return 0;
 }

@@ -11,6 +11,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+struct json_tokener;
 struct thpool;
 
 static constexpr size_t SEMTECH_HEADER_SIZE = 4;
@@ -64,6 +65,8 @@ struct bridge_data_ctx {
     char downlink_topic[BRIDGE_TOPIC_SIZE];
     char ack_topic[BRIDGE_TOPIC_SIZE];
     char stats_topic[BRIDGE_TOPIC_SIZE];
+
+    json_tokener *tokener; /* of the worker's datagrams; made by the first, kept until deinit */
 
     sender_name push_sender;
     sender_name pull_sender;

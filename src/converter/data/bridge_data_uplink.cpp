@@ -61,6 +61,18 @@ static int publish_object_to_ns(json_object *object, const char *topic)
 
 /* ---- PUSH_DATA ---- */
 
+/* Null when the text is no JSON: what was made of it so far is dropped. One tokener serves all datagrams. */
+static json_object *parse_datagram(const char *text)
+{
+    if (converter_ctx.tokener == nullptr)
+        converter_ctx.tokener = json_tokener_new();
+    if (converter_ctx.tokener == nullptr)
+        return nullptr;
+    json_tokener_reset(converter_ctx.tokener);
+    json_owned parsed(json_tokener_parse_ex(converter_ctx.tokener, text, -1));
+    return json_tokener_get_error(converter_ctx.tokener) == json_tokener_success ? parsed.release() : nullptr;
+}
+
 /* A parsed PUSH_DATA and what its parts have in common. */
 struct push_data {
     uint8_t mac[SEMTECH_MAC_SIZE];
@@ -193,7 +205,7 @@ int bridge_handle_push_data(uint32_t version, const uint8_t *data, size_t data_s
         return -1;
     }
     BRIDGE_DEBUG("PUSH_DATA message body: %s", push.text);
-    const json_owned parsed(json_tokener_parse(push.text));
+    const json_owned parsed(parse_datagram(push.text));
     if (!parsed) {
         BRIDGE_ERROR("failed to allocate tokener");
         return -1;
@@ -231,7 +243,7 @@ static int copy_status(const char *text, char (&status)[ACK_STATUS_SIZE])
 static int read_tx_ack_status(const char *text, char (&status)[ACK_STATUS_SIZE])
 {
     BRIDGE_DEBUG("TX_ACK message body: %s", text);
-    const json_owned parsed(json_tokener_parse(text));
+    const json_owned parsed(parse_datagram(text));
     if (!parsed) {
         BRIDGE_ERROR("failed to allocate tokener");
         return -1;

@@ -133,7 +133,12 @@ int bridge_semtech_current_time(char *buffer, size_t size)
 
 void bridge_semtech_format_mac(const uint8_t *mac, char (&text)[HEX_MAC_SIZE])
 {
-    bridge_utils_array_to_hexstring(mac, 8, text, sizeof(text));
+    static constexpr char DIGITS[] = "0123456789abcdef";
+    for (size_t i = 0; i < 8; i++) {
+        text[2 * i] = DIGITS[mac[i] >> 4];
+        text[2 * i + 1] = DIGITS[mac[i] & 0xf];
+    }
+    text[HEX_MAC_SIZE - 1] = '\0';
 }
 
 void bridge_semtech_encode_mac(const uint8_t *mac, char (&mac_b64)[BASE64_MAC_SIZE])
