@@ -176,20 +176,20 @@ TEST_F(BridgeJson, BadValueFailsAlsoForAnOptionalFieldAndTellsItsLevel)
     static constexpr struct {
         target_kind kind;
         const char *json;
-        int stale_errno;
         const char *text;
+        int stale_errno;
         bool always_warns;
     } cases[] = {
-        {KIND_DOUBLE, R"({"v":"DR5","after":5})", 0, "unable to fetch double", false},
-        {KIND_DOUBLE, R"({"v":{},"after":5})", 0, "unable to fetch double", false},
-        {KIND_DOUBLE, R"({"v":1.5,"after":5})", EINVAL, "unable to fetch double", false},
-        {KIND_BOOL, R"({"v":true,"after":5})", EINVAL, "unable to fetch integer", false},
-        {KIND_INT, R"({"v":1,"after":5})", EINVAL, "unable to fetch integer", false},
-        {KIND_INT, R"({"v":null,"after":5})", EINVAL, "unable to fetch integer", false},
-        {KIND_UINT, R"({"v":1,"after":5})", EINVAL, "unable to fetch integer", false},
-        {KIND_STRING, R"({"v":null,"after":5})", 0, "unable to fetch string", false},
-        {KIND_STRING, R"({"v":"12345678","after":5})", 0, "not enough space for incoming string", true},
-        {KIND_STRING, R"({"v":12345678,"after":5})", 0, "not enough space for incoming string", true},
+        {KIND_DOUBLE, R"({"v":"DR5","after":5})", "unable to fetch double", 0, false},
+        {KIND_DOUBLE, R"({"v":{},"after":5})", "unable to fetch double", 0, false},
+        {KIND_DOUBLE, R"({"v":1.5,"after":5})", "unable to fetch double", EINVAL, false},
+        {KIND_BOOL, R"({"v":true,"after":5})", "unable to fetch integer", EINVAL, false},
+        {KIND_INT, R"({"v":1,"after":5})", "unable to fetch integer", EINVAL, false},
+        {KIND_INT, R"({"v":null,"after":5})", "unable to fetch integer", EINVAL, false},
+        {KIND_UINT, R"({"v":1,"after":5})", "unable to fetch integer", EINVAL, false},
+        {KIND_STRING, R"({"v":null,"after":5})", "unable to fetch string", 0, false},
+        {KIND_STRING, R"({"v":"12345678","after":5})", "not enough space for incoming string", 0, true},
+        {KIND_STRING, R"({"v":12345678,"after":5})", "not enough space for incoming string", 0, true},
     };
     for (const auto &row : cases) {
         for (const bool optional : {false, true}) {
@@ -258,12 +258,12 @@ TEST_F(BridgeJson, OnlyAStaleEinvalCountsAndNotForAString)
 {
     static constexpr struct {
         target_kind kind;
-        const char *json;
         int stale_errno;
+        const char *json;
     } cases[] = {
-        {KIND_BOOL, R"({"v":true})", ENOENT},  {KIND_INT, R"({"v":1})", ERANGE},
-        {KIND_UINT, R"({"v":1})", ENOENT},     {KIND_DOUBLE, R"({"v":1.5})", ENOENT},
-        {KIND_STRING, R"({"v":"a"})", EINVAL},
+        {KIND_BOOL, ENOENT, R"({"v":true})"},  {KIND_INT, ERANGE, R"({"v":1})"},
+        {KIND_UINT, ENOENT, R"({"v":1})"},     {KIND_DOUBLE, ENOENT, R"({"v":1.5})"},
+        {KIND_STRING, EINVAL, R"({"v":"a"})"},
     };
     for (const auto &row : cases) {
         targets into;

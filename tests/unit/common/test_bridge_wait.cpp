@@ -11,6 +11,7 @@
 static bool clock_is_real;
 static std::vector<timespec> asked;
 
+// NOLINTBEGIN(bugprone-reserved-identifier): the linker makes the names
 extern "C" {
 int __real_nanosleep(const timespec *span, timespec *left);
 
@@ -20,6 +21,7 @@ int __wrap_nanosleep(const timespec *span, timespec *left)
     return clock_is_real ? __real_nanosleep(span, left) : 0;
 }
 }
+// NOLINTEND(bugprone-reserved-identifier)
 
 TEST(BridgeWait, EachUnitIsAskedAsOneSpan)
 {

@@ -1,5 +1,5 @@
 /* The job queue and the binary semaphore, seen from within. */
-#include "thread_pool/thpool.cpp"
+#include "thread_pool/thpool.cpp" // NOLINT(bugprone-suspicious-include): its statics are the subject
 
 #include <array>
 #include <gtest/gtest.h>

@@ -1,0 +1,21 @@
+/* The hooks do nothing but refuse a task without a name. */
+#include "sysmon/bridge_sysmon.h"
+
+#include "common/captured_stderr.h"
+
+#include <gtest/gtest.h>
+
+TEST(BridgeSysmon, HooksReturn)
+{
+    bridge_sysmon_init();
+    bridge_sysmon_register("task", 11000, 5, 0);
+    bridge_sysmon_report();
+    bridge_sysmon_unregister();
+    bridge_sysmon_deinit();
+    SUCCEED();
+}
+
+TEST(BridgeSysmonDeathTest, TaskNeedsAName)
+{
+    EXPECT_ASSERTION(bridge_sysmon_register(nullptr, 11000, 5, 0), "task_name");
+}
