@@ -31,8 +31,8 @@ _positive.__name__ = "positive number"
 def _arguments() -> argparse.Namespace:
     parser = argparse.ArgumentParser(
         prog="scripts/demo",
-        description="Builds the daemon and runs its main job end to end: simulated devices and packet forwarder,"
-        " the daemon, a private MQTT server, and a view of what arrives there. Ctrl-C ends it.",
+        description="Builds the daemon and runs its main job end to end: simulated devices and packet"
+        " forwarder, the daemon, a private MQTT server, and a view of what arrives there. Ctrl-C ends it.",
     )
     parser.add_argument(
         "--dialect", choices=sorted(DIALECTS, reverse=True), help="of the network server (native)"

@@ -1,5 +1,5 @@
-"""What was sent and what has arrived. The network server of the demo: it shows every message that it gets, answers
-an uplink now and then, and knows in the end what is missing."""
+"""What was sent and what has arrived. The network server of the demo: it shows every message that it gets,
+answers an uplink now and then, and knows in the end what is missing."""
 
 from __future__ import annotations
 
@@ -158,11 +158,11 @@ class Books:
         parsed = parse_frame(received.frame)
         device = self._devices.get(parsed.dev_addr)
         self._view.row(
-            "up", f"{parsed.dev_addr:08X}", str(parsed.fcnt), f"{received.hertz / 1e6:.3f}", received.data_rate,
-            str(received.rssi), f"{received.snr:.1f}", str(len(received.frame)),
+            "up", f"{parsed.dev_addr:08X}", str(parsed.fcnt), f"{received.hertz / 1e6:.3f}",
+            received.data_rate, str(received.rssi), f"{received.snr:.1f}", str(len(received.frame)),
             "none" if ack_seconds is None else _milliseconds(ack_seconds),
             note=device.name if device else "",
-            style="up" if ack_seconds is not None else "warn",
+            style="warn" if ack_seconds is None else "",
         )  # fmt: skip
 
     def _send_downlink(self, uplink: Uplink, device: Device) -> None:

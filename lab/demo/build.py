@@ -15,9 +15,14 @@ class BuildFailed(Exception):
     pass
 
 
-def _run(command: list[str], stop: StopRequest) -> None:
+def _run(command: list[str], stop: StopRequest, quiet: bool = False) -> None:
     """Runs in a session of its own, so that a stop signal ends the compilers with the build."""
-    process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=sys.stderr, start_new_session=True)
+    process = subprocess.Popen(
+        command,
+        stdin=subprocess.DEVNULL,
+        stdout=subprocess.DEVNULL if quiet else sys.stderr,
+        start_new_session=True,
+    )
     while process.poll() is None:
         try:
             process.wait(0.1)
@@ -35,10 +40,11 @@ def build_daemon(root: Path, stop: StopRequest) -> Path:
     folder = root / "build"
     fresh = not (folder / "CMakeCache.txt").exists()
     configure = ["cmake", "-S", str(root), "-B", str(folder), "-DCMAKE_BUILD_TYPE=Release"]
+    configure += ["-DBRIDGE_SANITIZE=", "-DBRIDGE_COVERAGE=OFF"]
     if fresh:
         # The demo's own packages do without the test libraries; a build of scripts/test keeps its tests.
         configure += ["-G", "Ninja", "-DBRIDGE_TESTS=OFF"]
-    if fresh or not (folder / "build.ninja").exists():
-        _run(configure + ["--log-level=WARNING"], stop)
-    _run(["cmake", "--build", str(folder), "--target", "snv_mqtt_bridge"], stop)
+    _run(configure, stop, quiet=not fresh)
+    build = ["cmake", "--build", str(folder), "--target", "snv_mqtt_bridge"]
+    _run(build if fresh else [*build, "--", "--quiet"], stop)
     return folder / "snv_mqtt_bridge"

@@ -1,5 +1,5 @@
-"""The processes of the demo. Each runs in a session of its own, so that Ctrl-C at the terminal reaches the demo
-alone, which then ends them in order; and each dies with the demo, should that be killed outright."""
+"""The processes of the demo. Each runs in a session of its own, so that Ctrl-C at the terminal reaches the
+demo alone, which then ends them in order; and each dies with the demo, should that be killed outright."""
 
 from __future__ import annotations
 

@@ -1,4 +1,4 @@
-"""The network server's side of the three dialects: topics, reading of what the daemon publishes, downlinks."""
+"""The network server's side of the three dialects: topics, reading of what it gets, downlinks."""
 
 from __future__ import annotations
 
@@ -152,7 +152,9 @@ class Dialect:
             )
         return TxAck(message["token"], message["items"][0]["status"])
 
-    def write_downlink(self, uplink: Uplink, frame: bytes, delay: int, token: int, mac: str) -> tuple[str, bytes]:
+    def write_downlink(
+        self, uplink: Uplink, frame: bytes, delay: int, token: int, mac: str
+    ) -> tuple[str, bytes]:
         """Topic and payload of an answer `delay` seconds after the uplink."""
         message = self._write_downlink(uplink, frame, delay, token, mac)
         return self.downlink_topic.format(mac=mac), json.dumps(message, separators=(",", ":")).encode()

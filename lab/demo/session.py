@@ -1,4 +1,4 @@
-"""One run of the main job: broker, daemon and forwarder, and the loop that carries their events to the books."""
+"""One run of the main job: broker, daemon and forwarder, and the loop that hands their events on."""
 
 from __future__ import annotations
 
@@ -49,7 +49,8 @@ log_type warning
 log_type subscribe
 """
 
-# Nothing here for the control plane to manage: it has a server of its own name, and --no-snmp switches it off.
+# There is nothing here for the control plane to manage: only with a server of its own does --no-snmp switch
+# it off in every dialect.
 _DAEMON_CONFIG = """\
 [ns]
 url = "tcp://127.0.0.1:{mqtt_port}"
@@ -193,7 +194,8 @@ class Session:
             mqtt_port=mqtt_port, udp_port=udp_port, type=self._dialect.type, mac=_MAC, client_id=_CLIENT_ID,
             folder=self._folder.name,
         )  # fmt: skip
-        command = [str(self._daemon_path), "--stderr", "--no-snmp", "--config", self._config_file("demo.toml", text)]
+        config = self._config_file("demo.toml", text)
+        command = [str(self._daemon_path), "--stderr", "--no-snmp", "--config", config]
         take_line = lambda line: self._events.put(DaemonLine(line))  # noqa: E731
         self._children.append(Child("the daemon", command, take_line, _private_environment()))
 
@@ -222,7 +224,9 @@ class Session:
         def done() -> bool:
             return self._stop.hurry() or (self._pushing_stopped and self._books.everything_arrived())
 
-        self._pump(done, _STRAGGLER_SECONDS)
+        if not self._pump(done, 1.0):
+            self._view.remark("wait", f"up to {_STRAGGLER_SECONDS:.0f} s for what is still under way")
+            self._pump(done, _STRAGGLER_SECONDS)
 
     def _pump(self, until: Callable[[], bool], seconds: float) -> bool:
         """Handles events until the condition holds (true) or the time is over (false)."""
@@ -284,7 +288,7 @@ class Session:
         if status == 0:
             self._view.text("daemon      stopped by SIGUSR2 with status 0", "title")
         else:
-            failures.append(f"{daemon.fate()} at SIGUSR2")
+            failures.append(f"{daemon.fate()}, when asked by SIGUSR2")
         for line in failures:
             self._view.text(f"FAILED      {line}", "bad")
         if not failures:

@@ -26,28 +26,36 @@ class View:
         self._rows = 0
 
     def text(self, text: str = "", style: str = "") -> None:
-        if self._colour and style in _STYLES:
-            text = f"\033[{_STYLES[style]}m{text}\033[0m"
-        print(text, flush=True)
+        print(self._styled(text, style), flush=True)
 
     def row(self, event: str, *cells: str, note: str, style: str = "") -> None:
-        """One line of the table; `cells` are the columns from DEVADDR on, and missing ones stay blank."""
+        """One line of the table; `cells` are the columns from DEVADDR on, and others stay blank. A style
+        is for the whole line; without one only the event has its colour."""
         if self._rows % _ROWS_BETWEEN_HEADINGS == 0:
-            self.text(self._line([name for name, _, _ in _COLUMNS]), "head")
-        blanks = [""] * (len(_COLUMNS) - 3 - len(cells))
-        self.text(self._line([self._now(), event, *cells, *blanks, note]), style or event)
+            self.text(_line([name for name, _, _ in _COLUMNS]), "head")
         self._rows += 1
+        blanks = [""] * (len(_COLUMNS) - 3 - len(cells))
+        self._log([event, *cells, *blanks, note], style)
 
     def remark(self, event: str, note: str, style: str = "") -> None:
         """A line of the log that has no use for the columns."""
-        self.text(self._line([self._now(), event, note]), style or event)
         self._rows += 1 if self._rows else 0
+        self._log([event, note], style)
 
-    @staticmethod
-    def _now() -> str:
-        return datetime.now().strftime("%H:%M:%S.%f")[:-3]
+    def _log(self, cells: list[str], style: str) -> None:
+        line = _line([datetime.now().strftime("%H:%M:%S.%f")[:-3], *cells])
+        if style:
+            self.text(line, style)
+            return
+        time_end, event_end = _COLUMNS[0][2] + 2, _COLUMNS[0][2] + 2 + _COLUMNS[1][2]
+        self.text(line[:time_end] + self._styled(line[time_end:event_end], cells[0]) + line[event_end:])
 
-    @staticmethod
-    def _line(cells: list[str]) -> str:
-        parts = [f"{cell:{align}{width}}" for cell, (_, align, width) in zip(cells, _COLUMNS)]
-        return "  ".join(parts).rstrip()
+    def _styled(self, text: str, style: str) -> str:
+        if self._colour and style in _STYLES:
+            return f"\033[{_STYLES[style]}m{text}\033[0m"
+        return text
+
+
+def _line(cells: list[str]) -> str:
+    parts = [f"{cell:{align}{width}}" for cell, (_, align, width) in zip(cells, _COLUMNS)]
+    return "  ".join(parts).rstrip()

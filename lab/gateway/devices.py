@@ -1,4 +1,4 @@
-"""The devices around the lab's gateway and the radio between: addresses, counters, channels and signal values."""
+"""The devices around the lab's gateway and the radio between: addresses, counters, channels, signals."""
 
 from __future__ import annotations
 
@@ -66,11 +66,11 @@ def lab_devices() -> list[Device]:
     """The same devices on every run, strongest first."""
     # fmt: off
     return [
-        Device("parking bay 12",  0x01A3F20C,  7,  -71.0,  2, (4, 4, 4, 9), 48213, weight=4),
-        Device("door, hall B",    0x01A3F211,  7,  -84.0,  3, (6,),          1907, weight=2, mhdr=CONFIRMED_UP),
-        Device("air quality 3",   0x0127C004,  8,  -95.0, 10, (18, 22),      7730, weight=3),
+        Device("parking bay 12",  0x01A3F20C,  7,  -71.0,  2, (4, 4, 4, 9), 48213, 4),
+        Device("door, hall B",    0x01A3F211,  7,  -84.0,  3, (6,),          1907, 2, CONFIRMED_UP),
+        Device("air quality 3",   0x0127C004,  8,  -95.0, 10, (18, 22),      7730, 3),
         Device("heat meter",      0x0127C019,  9, -105.0,  2, (37, 45),       612),
-        Device("soil probe 5",    0x0190003D, 10, -114.0,  1, (12,),         3051, weight=2),
+        Device("soil probe 5",    0x0190003D, 10, -114.0,  1, (12,),         3051, 2),
         Device("water level",     0x01900051, 11, -122.0,  1, (8, 10),       9904),
         Device("cattle tracker",  0x01E4A7B6, 12, -130.0,  5, (11, 24),       288),
     ]

@@ -1,6 +1,6 @@
-"""A packet forwarder that speaks the Semtech UDP protocol: it hears the lab's devices, sends their uplinks and
-its statistics, keeps the downlink road open and answers what comes down it. It runs on a thread of its own and
-tells what happens through one callback."""
+"""A packet forwarder that speaks the Semtech UDP protocol: it hears the lab's devices, sends their uplinks
+and its statistics, keeps the downlink road open and answers what comes down it. It runs on its own thread
+and tells what happens through one callback."""
 
 from __future__ import annotations
 
@@ -72,11 +72,20 @@ class PushingStopped:
     """Every uplink that will ever leave has been reported."""
 
 
-Event = PullAcked | PushingStopped | UplinksSent | PushAcked | PushUnanswered | StatisticsSent | DownlinkReceived
+Event = (
+    PullAcked
+    | PushingStopped
+    | UplinksSent
+    | PushAcked
+    | PushUnanswered
+    | StatisticsSent
+    | DownlinkReceived
+)
 
 
 def rxpk_of(reception: Reception, tmst: int, now: datetime, protocol: int) -> dict[str, Any]:
-    """The element of one uplink. Protocol 1 has the signal values of each antenna in `rsig`, 2 has them at the top."""
+    """The element of one uplink. Protocol 1 has the signal values of each antenna in `rsig`, 2 has them
+    in the element itself."""
     channel = reception.channel
     signal: dict[str, Any] = {"chan": channel.index, "rssi": reception.rssi, "lsnr": reception.snr}
     if protocol == 1:

@@ -117,7 +117,10 @@ void bridge_toml_describe(const bridge_toml_raw *raw, char *buffer, size_t size)
     else if (const auto *boolean = node->as_boolean())
         snprintf(buffer, size, "%s", boolean->get() ? "true" : "false");
     else
-        snprintf(buffer, size, "%s", node->is_array() ? "[...]" : node->is_table() ? "{...}" : "date or time");
+        snprintf(buffer, size, "%s",
+                 node->is_array()   ? "[...]"
+                 : node->is_table() ? "{...}"
+                                    : "date or time");
 }
 
 int bridge_toml_to_string(const bridge_toml_raw *raw, char **value)

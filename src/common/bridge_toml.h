@@ -16,8 +16,8 @@ struct bridge_toml_raw; /* a value */
 bridge_toml_file *bridge_toml_parse_file(FILE *file, char *error, size_t error_size);
 void bridge_toml_free(bridge_toml_file *file);
 
-/* Null when there is no such key, or when it holds something of another kind; a raw value is neither a table nor
- * an array. */
+/* Null when there is no such key, or when it holds something of another kind; a raw value is neither a table
+ * nor an array. */
 const bridge_toml_table *bridge_toml_table_in(const bridge_toml_file *file, const char *key);
 const bridge_toml_array *bridge_toml_array_in(const bridge_toml_table *table, const char *key);
 const bridge_toml_raw *bridge_toml_raw_in(const bridge_toml_table *table, const char *key);
