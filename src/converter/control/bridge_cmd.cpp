@@ -1,0 +1,328 @@
+/* The table of commands, the road of a request, and the start and stop of the service. */
+#include "converter/control/bridge_cmd.h"
+
+#include "common/bridge_fileops.h"
+#include "common/bridge_json_helpers.h"
+#include "common/bridge_log.h"
+#include "common/bridge_wait.h"
+#include "converter/control/bridge_cmd_family.h"
+#include "converter/control/bridge_cmd_gateway.h"
+#include "converter/control/bridge_cmd_pipe.h"
+#include "converter/control/bridge_cmd_state.h"
+#include "converter/control/bridge_ctrl_ctx.h"
+#include "mqtt/bridge_mqtt.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <sys/stat.h>
+
+static constexpr uint32_t REBOOT_DELAY_S = 5;
+static constexpr mode_t DIRECTORY_MODE = 0775;
+static constexpr int32_t CODE_RESTART = 1;
+
+struct command_row {
+    const char *command;
+    bridge_cmd_handler handler; /* null: answered like an unknown command */
+    bool pass_root;             /* the whole request goes to the handler, not its "params" */
+};
+
+/* Searched from the top. */
+/* clang-format off */
+static constexpr command_row commands_table[] = {
+    {"ping",                                 bridge_cmd_ping,                 false},
+    {"reboot",                               bridge_cmd_reboot,               false},
+    {"reverseSsh",                           nullptr,                         false},
+    {"stopReverseSsh",                       nullptr,                         false},
+    {"getPublicKey",                         nullptr,                         false},
+    {"getGatewayInfo",                       nullptr,                         false},
+    {"getBackups",                           bridge_cmd_get_backups,          false},
+    {"createBackup",                         nullptr,                         false},
+    {"restoreBackup",                        nullptr,                         false},
+    {"getRadioStatistics",                   bridge_cmd_get_radio_statistics, false},
+    {"resetRadioStatisticsCounters",         nullptr,                         false},
+    {"getGpsCoordinates",                    nullptr,                         false},
+    {"getSoftwareVersions",                  nullptr,                         false},
+    {"getUpgradableSoftware",                nullptr,                         false},
+    {"getInstallableSoftware",               nullptr,                         false},
+    {"upgradeSoftware",                      nullptr,                         false},
+    {"installSoftware",                      nullptr,                         false},
+    {"getInstallStatus",                     nullptr,                         false},
+    {"getUpgradeStatus",                     nullptr,                         false},
+    {"getLastInstallUpgradeStatus",          nullptr,                         false},
+    {"getBspStatus",                         nullptr,                         false},
+    {"getWmDeviceInformation",               nullptr,                         false},
+    {"getWmHomeNetworkBranch",               nullptr,                         false},
+    {"getWmRfInformation",                   nullptr,                         false},
+    {"getWmActiveProfileParameters",         nullptr,                         false},
+    {"getWmCallStatistics",                  nullptr,                         false},
+    {"getWmApns",                            nullptr,                         false},
+    {"addWmApn",                             nullptr,                         false},
+    {"updateWmApn",                          nullptr,                         false},
+    {"deleteWmApn",                          nullptr,                         false},
+    {"getWmStatusApn",                       nullptr,                         false},
+    {"getWmPDP_Profiles",                    nullptr,                         true},
+    {"addWmPDP_Profiles",                    nullptr,                         true},
+    {"modifyWmPDP_Profiles",                 nullptr,                         true},
+    {"removeWmPDP_Profiles",                 nullptr,                         true},
+    {"setSpectrumAnalyzerParams",            nullptr,                         false},
+    {"getSpectrumAnalyzerOutput",            nullptr,                         false},
+    {"getConnectivityTypes",                 nullptr,                         false},
+    {"setPreferredFallbackConnectivityType", nullptr,                         false},
+    {"executeSpectralScan",                  nullptr,                         false},
+    {"getAntennasCount",                     nullptr,                         false},
+    {"getSpectralScanProgress",              nullptr,                         false},
+    {"getSpectralScanParams",                nullptr,                         false},
+    {"getSpectralScanResults",               nullptr,                         false},
+    {"getFirewallConfiguration",             nullptr,                         false},
+    {"setFirewallConfiguration",             nullptr,                         false},
+    {"setPreferredPingIpAddress",            nullptr,                         false},
+    {"getPreferredPingIpAddress",            nullptr,                         false},
+    {"fileUploadStart",                      nullptr,                         false},
+    {"fileUploadChunk",                      nullptr,                         false},
+    {"fileUploadStop",                       nullptr,                         false},
+    {"getWmNetworkInfo",                     nullptr,                         false},
+    {"setWmPreferredNetwork",                nullptr,                         false},
+    {"fopsScanDir",                          nullptr,                         false},
+    {"fopsStreamStart",                      nullptr,                         true},
+    {"fopsStreamStop",                       nullptr,                         false},
+    {"fopsFetchStart",                       nullptr,                         true},
+    {"fopsFetchStop",                        nullptr,                         false},
+    {"fopsExecuteStart",                     nullptr,                         true},
+    {"fopsExecuteStop",                      nullptr,                         false},
+    {"logRetrieveStart",                     nullptr,                         false},
+    {"logRetrieveStop",                      nullptr,                         false},
+    {"getSimStatus",                         nullptr,                         false},
+    {"upgradeBspLocal",                      nullptr,                         true},
+    {"getAvailableBspUpgrade",               nullptr,                         false},
+    {"getBspStatusString",                   nullptr,                         false},
+    {"getCurrentBspVersion",                 nullptr,                         false},
+};
+
+/* Paths that exist before any command runs. */
+static constexpr const char *DIRECTORIES[] = {
+    "/usr/share/snv-mqtt-bridge",
+    "/var/log",
+    "/var/log/.snv_bridge_bkp",
+    "/var/lib/logs",
+    "/var/lib/logs/.snv_bridge_bkp",
+    "/lib/firmware",
+    "/lib/firmware/opkg",
+    "/dev/shm/modem_downloads",
+    "/usr/share/snv-mqtt-bridge/scripts",
+    "/etc/default",
+};
+
+/* Copies made for a log retrieval; seconds that they may stay. */
+static constexpr bridge_fileops_watch_dir log_backup_dirs[] = {
+    {"/var/log/.snv_bridge_bkp",      "*.log", "/var/log/.snv_bridge_bkp.tmst",      60},
+    {"/var/lib/logs/.snv_bridge_bkp", "*.gz",  "/var/lib/logs/.snv_bridge_bkp.tmst", 60},
+};
+/* clang-format on */
+static_assert(std::size(commands_table) == 67);
+static_assert(std::size(DIRECTORIES) == 10);
+
+/* ---- a request ---- */
+
+/* The parts of a request; they live as long as its root. */
+struct cmd_request {
+    json_object *root;
+    json_object *command;
+    json_object *request_id;
+    json_object *params;
+    json_object *mac;
+};
+
+static int read_request(json_object *root, cmd_request *request)
+{
+    struct required_key {
+        const char *key;
+        json_object **value;
+        const char *missing;
+    };
+    const required_key keys[] = {
+        {"command", &request->command, "command string is missing"},
+        {"requestId", &request->request_id, "request ID is missing"},
+        {"params", &request->params, "parameters body is missing"},
+        {"mac", &request->mac, "mac address is missing"},
+    };
+    request->root = root;
+    for (const required_key &row : keys) {
+        if (!json_object_object_get_ex(root, row.key, row.value)) {
+            BRIDGE_ERROR("%s", row.missing);
+            return -1;
+        }
+    }
+    return 0;
+}
+
+static const command_row *find_command(const char *name)
+{
+    for (const command_row &row : commands_table) {
+        if (strcmp(row.command, name) == 0)
+            return row.handler != nullptr ? &row : nullptr;
+    }
+    return nullptr;
+}
+
+/* The terminator travels with the answer. */
+static int publish_answer(const char *topic, json_object *answer)
+{
+    const char *text = json_object_to_json_string_ext(answer, JSON_C_TO_STRING_PLAIN);
+    BRIDGE_DEBUG("publishing to topic: %s response: %s", topic, text);
+    return bridge_mqtt_publish(BRIDGE_MQTT_EP_OAM, topic, text, static_cast<uint32_t>(strlen(text)) + 1,
+                               false);
+}
+
+static void answer_unknown(const char *topic, const char *name, json_object *answer)
+{
+    BRIDGE_WARN("no handler defined for command: %s", name);
+    json_object *error = json_object_new_string("not_supported");
+    if (error == nullptr) {
+        BRIDGE_ERROR("failed to allocate response status");
+        return;
+    }
+    json_object_object_add(answer, "error", error);
+    if (publish_answer(topic, answer) != 0)
+        BRIDGE_ERROR("failed to publish status response");
+}
+
+/* A reboot that the agent refuses stays pending: it is tried after every later command. */
+static void reboot_if_pending(converter_ctx *ctx)
+{
+    if (!ctx->reboot_pending)
+        return;
+    BRIDGE_INFO("waiting 5 seconds before executing reboot");
+    bridge_wait_s(REBOOT_DELAY_S);
+    if (bridge_snmp_set_property(ctx, "lumoReset.0", CMD_TRIGGER, 0) >= 0)
+        exit(1);
+    BRIDGE_ERROR("cannot set reset flag");
+}
+
+static void run_command(converter_ctx *ctx, const char *topic, const command_row &row,
+                        const cmd_request &request, json_object *answer)
+{
+    json_object *response = nullptr;
+    row.handler(ctx, row.pass_root ? request.root : request.params, &response);
+    if (response != nullptr)
+        json_object_object_add(answer, "response", response);
+    if (publish_answer(topic, answer) != 0) {
+        BRIDGE_ERROR("failed to publish response");
+        BRIDGE_ASSERT(ctx->user_handler);
+        ctx->user_handler(CODE_RESTART, ctx->user_handler_arg);
+    }
+    reboot_if_pending(ctx);
+}
+
+static void process_request(converter_ctx *ctx, const char *topic, const cmd_request &request)
+{
+    const char *text = json_object_get_string(request.command);
+    const char *name = text != nullptr ? text : "null";
+    BRIDGE_INFO("command: [%s]", name);
+    const json_owned answer(json_object_new_object());
+    if (!answer) {
+        BRIDGE_ERROR("cannot allocate response object");
+        return;
+    }
+    json_object_object_add(answer.get(), "mac", json_object_get(request.mac));
+    json_object_object_add(answer.get(), "requestId", json_object_get(request.request_id));
+    const command_row *row = find_command(name);
+    if (row != nullptr)
+        run_command(ctx, topic, *row, request, answer.get());
+    else
+        answer_unknown(topic, name, answer.get());
+}
+
+void bridge_cmd_worker(converter_ctx *ctx, const char *topic, const char *payload)
+{
+    errno = 0; /* a bad number of the message before must not count against this one */
+    const json_owned root(json_tokener_parse(payload));
+    if (!root) {
+        BRIDGE_ERROR("Failed to parse incoming payload");
+        return;
+    }
+    BRIDGE_TRACE("processing command payload: %s", payload);
+    cmd_request request = {};
+    if (read_request(root.get(), &request) == 0)
+        process_request(ctx, topic, request);
+}
+
+/* ---- start and stop ---- */
+
+static int create_directory(const char *path)
+{
+    if (mkdir(path, DIRECTORY_MODE) == 0)
+        return 0;
+    if (errno != EEXIST) {
+        BRIDGE_ERROR("failed to create dir %s: %m", path);
+        return -1;
+    }
+    struct stat status = {};
+    if (stat(path, &status) == 0 && S_ISDIR(status.st_mode)) {
+        BRIDGE_TRACE("%s is already created", path);
+        return 0;
+    }
+    BRIDGE_ERROR("path %s is not a dir. mode: %#x", path, static_cast<unsigned>(status.st_mode));
+    return -1;
+}
+
+static int read_last_software_command(converter_ctx *ctx)
+{
+    int32_t status = SW_CMD_NONE;
+    int64_t req_id = 0;
+    const int result = bridge_cmd_state_read(IDX_SW_STATUS, &status, &req_id);
+    if (result == -1)
+        return result;
+    if (result == 0)
+        BRIDGE_DEBUG("read install status: %d", status);
+    else
+        BRIDGE_DEBUG("setting install status to none");
+    ctx->last_sw_cmd = status;
+    ctx->last_sw_req_id = req_id;
+    BRIDGE_INFO("Read last sw cmd: %u, req id: %lld", static_cast<unsigned>(status),
+                static_cast<long long>(req_id));
+    return 0;
+}
+
+int bridge_cmd_launcher(converter_ctx *ctx, const char *)
+{
+    BRIDGE_ASSERT(ctx);
+    for (const char *path : DIRECTORIES) {
+        if (create_directory(path) < 0)
+            return -1;
+    }
+    const int cleaned = bridge_fileops_check_clean(log_backup_dirs, std::size(log_backup_dirs));
+    if (cleaned < 0)
+        BRIDGE_WARN("can't check and clean log backup dirs: [%d]", cleaned);
+    if (bridge_cmd_state_create() < 0)
+        return -1;
+    int result = bridge_cmd_pipe_start(ctx);
+    if (result < 0)
+        return result;
+    result = read_last_software_command(ctx);
+    if (result < 0)
+        bridge_cmd_pipe_stop(ctx); /* its watcher would hold the pool for ever */
+    return result;
+}
+
+static int stop_watcher(converter_ctx *ctx)
+{
+    bool running = false;
+    int result = bridge_fileops_watch_running(ctx->watch_pid, &running);
+    if (result >= 0 && running)
+        result = bridge_fileops_watch_stop(ctx->watch_pid);
+    if (result < 0)
+        BRIDGE_WARN("failed to stop watch process: [%d]", result);
+    return result;
+}
+
+int bridge_cmd_stopper(converter_ctx *ctx)
+{
+    BRIDGE_DEBUG("stopping command services");
+    int result = 0;
+    if (ctx->watch_pid > 0 && stop_watcher(ctx) < 0)
+        result = -1;
+    if (bridge_cmd_pipe_stop(ctx) < 0)
+        result = -1;
+    return result;
+}
