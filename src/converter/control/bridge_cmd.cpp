@@ -1,7 +1,7 @@
 /* The table of commands, the road of a request, and the start and stop of the service. */
 #include "converter/control/bridge_cmd.h"
 
-#include "common/bridge_fileops.h"
+#include "common/bridge_fileops_watch.h"
 #include "common/bridge_json_helpers.h"
 #include "common/bridge_log.h"
 #include "common/bridge_wait.h"

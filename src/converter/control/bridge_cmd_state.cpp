@@ -109,7 +109,8 @@ static void unlock(FILE *file)
 {
     fflush(file);
     rewind(file); /* the lock counts from the position of its taking */
-    (void)lockf(fileno(file), F_ULOCK, 0);
+    if (lockf(fileno(file), F_ULOCK, 0) < 0)
+        BRIDGE_WARN("failed to unlock a state file: %m"); /* closing it does so too */
 }
 
 int bridge_cmd_state_write(bridge_cmd_state_index idx, int32_t status, const char *hint, int64_t req_id)
