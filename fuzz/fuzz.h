@@ -21,8 +21,8 @@ std::unique_ptr<uint8_t[]> fuzz_exact_copy(const void *data, size_t size);
 /* Bytes up to their first zero as a text in a buffer without a spare byte. */
 std::unique_ptr<char[]> fuzz_exact_text(const uint8_t *data, size_t size);
 
-/* True for one JSON object and nothing else. A number that is not finite counts as a number: "nan" and "inf"
- * are what a forwarder's own such number looks like when it is passed on. */
+/* True for one JSON object and nothing else, as the library reads it when strict. What is not finite counts
+ * as a number: "nan" and "inf" are what a forwarder's own such number looks like when it is passed on. */
 bool fuzz_is_json_object(const std::string &text);
 
 /* The lowest descriptor that is free: the same before and after, unless one has leaked. */

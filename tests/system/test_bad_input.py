@@ -108,17 +108,32 @@ LEAVES_AN_ERROR: list[dict[str, Any]] = [
 ]
 
 
+def with_fractions(message: dict[str, Any]) -> dict[str, Any]:
+    """Reading a whole number from text clears the error as a side effect, one with a fraction does not."""
+    return {key: float(value) if isinstance(value, int) else value for key, value in message.items()}
+
+
+GOOD: list[dict[str, Any]] = [
+    {"rxpk": [rxpk_v2()]},
+    {"stat": stat()},
+    {"rxpk": [with_fractions(rxpk_v2())]},
+    {"stat": with_fractions(stat())},
+]
+
+
 @ALL
+@pytest.mark.parametrize("good", GOOD, ids=["uplink", "statistics", "fractions", "statistics of fractions"])
 @pytest.mark.parametrize("bad", LEAVES_AN_ERROR, ids=lambda bad: json.dumps(bad)[:60])
-def test_a_bad_datagram_never_spoils_the_next(roads: Roads, dialect: Dialect, bad: dict[str, Any]) -> None:
+def test_a_bad_datagram_never_spoils_the_next(
+    roads: Roads, dialect: Dialect, bad: dict[str, Any], good: dict[str, Any]
+) -> None:
     road = roads(dialect)
-    for good in ({"rxpk": [rxpk_v2()]}, {"stat": stat()}):
-        refused = road.push(bad)  # its marker is a good uplink
-        assert (refused.published, refused.acked) == ([], False)
-        token = road.forwarder.push_data(bad)
-        passed = road.push(good)
-        assert (len(passed.published), passed.acked) == (1, True)
-        assert token not in [ack.token for ack in road.forwarder.up.since(0)[-3:]]
+    refused = road.push(bad)
+    assert (refused.published, refused.acked) == ([], False)
+    token = road.forwarder.push_data(bad)
+    passed = road.push(good)
+    assert (len(passed.published), passed.acked) == (1, True)
+    assert token not in [datagram.token for datagram in road.forwarder.up.received]
 
 
 def test_a_bad_signal_never_spoils_the_next_datagram(roads: Roads) -> None:

@@ -81,4 +81,15 @@ inline std::string rxpk(uint32_t version, std::string_view data, std::string_vie
                  "\"", more, "}"});
 }
 
+/* The number under the key, as it is written; empty without the key. */
+inline std::string number_of(const std::string &json, std::string_view key)
+{
+    const std::string start = join({"\"", key, "\":"});
+    const size_t at = json.find(start);
+    if (at == std::string::npos)
+        return "";
+    const size_t begin = at + start.size();
+    return json.substr(begin, json.find_first_of(",}", begin) - begin);
+}
+
 #endif

@@ -3,8 +3,6 @@
 
 #include "common/captured_stderr.h"
 
-#include <regex>
-
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -37,12 +35,6 @@ class BstnClock : public testing::TestWithParam<uint32_t>
     {
         return translate(DIRECTION_UPLINK, GetParam(),
                          rxpk(GetParam(), "QNobASaAAwD9zhUV", join({R"(,"tmst":)", std::to_string(tmst)})));
-    }
-
-    static std::string xtime_of(const translation &done)
-    {
-        std::smatch found;
-        return std::regex_search(done.json, found, std::regex(R"("xtime":(-?\d+),)")) ? found[1].str() : "";
     }
 
     static std::string updated(int64_t base)
@@ -149,7 +141,7 @@ TEST_P(BstnClock, UplinkBeforeTheFirstCountIsDropped)
         EXPECT_THAT(done.log, ElementsAre("ERROR Drop packet. Not synced with gateway count, wait for sync"));
     }
     count(4'000'000);
-    EXPECT_EQ(xtime_of(uplink(5'000'000)), std::to_string(SESSION + 5'000'000));
+    EXPECT_EQ(number_of(uplink(5'000'000).json, "xtime"), std::to_string(SESSION + 5'000'000));
 }
 
 TEST_P(BstnClock, UplinkIsPlacedNearTheClock)
@@ -172,7 +164,7 @@ TEST_P(BstnClock, UplinkIsPlacedNearTheClock)
     for (const auto &row : CASES) {
         SCOPED_TRACE(row.tmst);
         bstn_xtime_base = row.base;
-        EXPECT_EQ(xtime_of(uplink(row.tmst)), std::to_string(row.xtime));
+        EXPECT_EQ(number_of(uplink(row.tmst).json, "xtime"), std::to_string(row.xtime));
         EXPECT_EQ(bstn_xtime_base, row.base);
     }
 }
@@ -188,7 +180,7 @@ TEST_P(BstnClock, UplinkTooFarBehindTheClockHasNoTime)
         bstn_xtime_base = row.base;
         const translation done = uplink(row.tmst);
         EXPECT_EQ(done.result, 0);
-        EXPECT_EQ(xtime_of(done), "0");
+        EXPECT_EQ(number_of(done.json, "xtime"), "0");
         EXPECT_EQ(done.log.front(), join({"ERROR Something seems to be wrong, UL timestamp: ",
                                           std::to_string(row.tmst), ", base: ", std::to_string(row.base)}));
     }

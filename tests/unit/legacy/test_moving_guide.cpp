@@ -4,9 +4,9 @@
 #include "config/captured_log.h"
 #include "config/config_folder.h"
 
+#include <array>
 #include <fstream>
 #include <gtest/gtest.h>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -33,15 +33,25 @@ static std::string guide()
     return content.str();
 }
 
+/* What stands between the marks of the cell, "`[ns]`" or "text, required", up to its first word's end. */
+static std::string word_of(const std::string &cell)
+{
+    const size_t begin = cell.find_first_not_of(" `[");
+    return begin != std::string::npos ? cell.substr(begin, cell.find_first_of(" `],;", begin) - begin) : "";
+}
+
 static std::vector<table_row> table_rows(const std::string &text)
 {
-    static const std::regex form(R"(\| `(\w+)` \| `\[(\w+)\]` \| `(\w+)` \| (\w+).*)");
     std::vector<table_row> rows;
     std::istringstream input(text);
     for (std::string line; std::getline(input, line);) {
-        std::smatch cells;
-        if (std::regex_match(line, cells, form))
-            rows.push_back({cells[1], cells[2], cells[3], cells[4]});
+        if (!line.starts_with("| `") || line.find("` | `[") == std::string::npos)
+            continue;
+        std::istringstream cells(line.substr(1));
+        std::array<std::string, 4> cell;
+        for (std::string &each : cell)
+            std::getline(cells, each, '|');
+        rows.push_back({word_of(cell[0]), word_of(cell[1]), word_of(cell[2]), word_of(cell[3])});
     }
     return rows;
 }

@@ -1,6 +1,7 @@
 /* Handles are addresses of records that live until the reset, so that late use is seen and not fatal. */
 #include "mqtt/fake_mqtt_client.h"
 
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
@@ -9,6 +10,7 @@
 #include <memory>
 #include <mutex>
 #include <set>
+#include <thread>
 #include <utility>
 
 struct queued_message {
@@ -133,6 +135,24 @@ static void record(const std::string &verb, MQTTClient handle, const std::string
     run_hook(verb);
 }
 
+static bool is_thread_needed()
+{
+    const locked guard(fake.lock);
+    for (const auto &client : fake.clients) {
+        if (client->connected)
+            return true;
+    }
+    return false;
+}
+
+/* Without a connected client the library ends its thread, and waits for it a while. */
+static void wait_for_thread_end()
+{
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+    while (!is_thread_needed() && fake_mqtt_running_callbacks() > 0 && std::chrono::steady_clock::now() < end)
+        std::this_thread::yield();
+}
+
 /* ---- the library's interface ---- */
 
 extern "C" {
@@ -225,11 +245,13 @@ int MQTTClient_publishMessage(MQTTClient handle, const char *topic, MQTTClient_m
                (message->retained != 0 ? " retained " : " ") +
                (payload.size() <= 64 ? payload : std::to_string(payload.size()) + " bytes") +
                (token == nullptr ? "" : " with a token"));
-    const locked guard(fake.lock);
+    std::unique_lock<std::mutex> guard(fake.lock);
     auto *client = static_cast<fake_client *>(handle);
     if (fake.breaks_on_publish) {
         fake.breaks_on_publish = false;
         end_session(client);
+        guard.unlock();
+        wait_for_thread_end();
         return MQTTCLIENT_FAILURE;
     }
     const int result = next_result("publish", client->connected ? 0 : MQTTCLIENT_DISCONNECTED);
@@ -355,6 +377,12 @@ void fake_mqtt_break_on_publish()
 {
     const locked guard(fake.lock);
     fake.breaks_on_publish = true;
+}
+
+bool fake_mqtt_is_connected(int client)
+{
+    const locked guard(fake.lock);
+    return client_of(client)->connected;
 }
 
 fake_connect_options fake_mqtt_last_options()

@@ -46,8 +46,10 @@ void fake_mqtt_script(const std::string &verb, std::vector<int> results);
 /* Runs inside each call of `verb`, without a lock, before it takes effect. Empty to remove. */
 void fake_mqtt_on(const std::string &verb, std::function<void()> hook);
 
-/* The next publish fails as on a broken connection: the client's session ends inside the call. */
+/* The next publish finds the connection broken: the client's session ends inside the call. When no other
+ * client is connected, the call then waits for the library's thread to end, which a callback may hold. */
 void fake_mqtt_break_on_publish();
+bool fake_mqtt_is_connected(int client);
 
 fake_connect_options fake_mqtt_last_options();
 void *fake_mqtt_context(int client);

@@ -106,6 +106,25 @@ const char *config_get_cert_path(const bridge_config_root *)
 /* ---- waits ---- */
 
 static std::atomic<uint32_t> wait_rounds;
+static std::mutex wait_action_lock;
+static std::function<void()> wait_action;
+
+void test_on_next_wait(std::function<void()> action)
+{
+    const std::lock_guard<std::mutex> guard(wait_action_lock);
+    wait_action = std::move(action);
+}
+
+static void run_wait_action()
+{
+    std::function<void()> action;
+    {
+        const std::lock_guard<std::mutex> guard(wait_action_lock);
+        action.swap(wait_action);
+    }
+    if (action)
+        action();
+}
 
 uint32_t test_wait_rounds()
 {
@@ -134,6 +153,7 @@ static int callbacks_in_manager()
 /* Long enough for a callback that has left the manager to be back in the library. */
 void bridge_wait_ms(uint32_t milliseconds)
 {
+    run_wait_action();
     wait_a_tenth(std::chrono::milliseconds(milliseconds));
     wait_until([] { return fake_mqtt_running_callbacks() <= callbacks_in_manager(); });
 }

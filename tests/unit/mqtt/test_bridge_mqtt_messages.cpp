@@ -346,7 +346,7 @@ TEST_F(BridgeMqttMessages, MessageThatArrivesDuringTheDisconnectIsLeftToTheLibra
 }
 
 /* The library drops its queue when a session ends, and the message of the callback that runs is in it. */
-TEST_F(BridgeMqttMessages, DisconnectLetsGoAMessageThatWaitsForRoom)
+TEST_F(BridgeMqttMessages, MessageThatWaitsForRoomIsLetGoBeforeADisconnectFreesIt)
 {
     fill_queue();
     ASSERT_EQ(bridge_mqtt_disconnect(OAM), 0);
@@ -358,7 +358,7 @@ TEST_F(BridgeMqttMessages, DisconnectLetsGoAMessageThatWaitsForRoom)
     handler.open();
 }
 
-TEST_F(BridgeMqttMessages, FailingPublishFreesNoMessageThatWaitsForRoom)
+TEST_F(BridgeMqttMessages, MessageThatWaitsForRoomIsNotFreedAfterAFailingPublishDidSo)
 {
     fill_queue();
     background library([] { fake_mqtt_arrive(1, "hold", "last"); });
@@ -366,9 +366,41 @@ TEST_F(BridgeMqttMessages, FailingPublishFreesNoMessageThatWaitsForRoom)
     fake_mqtt_break_on_publish();
     background publisher([] { EXPECT_EQ(publish(NS), MQTTCLIENT_FAILURE); });
     EXPECT_TRUE(publisher.ends());
-    EXPECT_THAT(fake_mqtt_faults(), IsEmpty());
     handler.open();
     EXPECT_TRUE(library.ends());
+    EXPECT_THAT(fake_mqtt_faults(), IsEmpty());
+}
+
+/* The message is handed over while the publish is under way; the publish then frees it. */
+static void break_a_publish_under_an_arrival()
+{
+    gate server;
+    fake_mqtt_on("publish", [&server] { EXPECT_TRUE(server.wait()); });
+    fake_mqtt_break_on_publish();
+    background publisher([] { EXPECT_EQ(publish(NS), MQTTCLIENT_FAILURE); });
+    EXPECT_TRUE(wait_until([&server] { return server.is_waited_for(); }));
+    test_on_next_wait([&server] {
+        server.open();
+        EXPECT_TRUE(wait_until([] { return !fake_mqtt_is_connected(1); }));
+    });
+    background library([] { fake_mqtt_arrive(1, "t", "gone"); });
+    EXPECT_TRUE(library.ends());
+    EXPECT_TRUE(publisher.ends());
+    EXPECT_THAT(fake_mqtt_faults(), IsEmpty());
+}
+
+TEST_F(BridgeMqttMessages, MessageFreedByAFailingPublishIsNotTouched)
+{
+    ASSERT_EQ(subscribe(NS, "t"), 0);
+    break_a_publish_under_an_arrival();
+}
+
+TEST_F(BridgeMqttSeparate, MessageFreedByAFailingPublishIsNotTouchedWhileAnotherClientLives)
+{
+    ASSERT_EQ(bridge_mqtt_connect(NS), 0);
+    ASSERT_EQ(bridge_mqtt_connect(OAM), 0);
+    ASSERT_EQ(subscribe(NS, "t"), 0);
+    break_a_publish_under_an_arrival();
 }
 
 TEST_F(BridgeMqttMessages, NoPublishEntersTheLibraryWhileAMessageIsBeingRead)
