@@ -4,6 +4,7 @@
 #include "common/bridge_config.h"
 
 #include <argp.h>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 
@@ -32,17 +33,18 @@ static void set_foreground(bridge_args *args)
 }
 
 /* What follows the digits is passed over. */
-static void set_log_level(const char *text, argp_state *state, bridge_args *args)
+static error_t set_log_level(const char *text, argp_state *state, bridge_args *args)
 {
     char *end = nullptr;
     const long level = strtol(text, &end, 10);
     if (end == text || level < 0 || level > MAX_LOG_LEVEL) {
         fprintf(stderr, "Invalid log level value: %s\n", text);
         argp_usage(state);
-        return;
+        return EINVAL;
     }
     args->log_level = static_cast<int32_t>(level);
     fprintf(stderr, "log level: %d\n", args->log_level);
+    return 0;
 }
 
 static error_t parse_option(int key, char *argument, argp_state *state)
@@ -74,8 +76,7 @@ static error_t parse_option(int key, char *argument, argp_state *state)
         set_foreground(args);
         return 0;
     case 'v':
-        set_log_level(argument, state, args);
-        return 0;
+        return set_log_level(argument, state, args);
     default:
         return ARGP_ERR_UNKNOWN;
     }

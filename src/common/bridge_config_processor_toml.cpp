@@ -183,8 +183,9 @@ static int process_includes(const bridge_toml_file *file, const toml_walk &walk)
         int result = bridge_toml_to_string(inc_item, &item);
         const text_owned owned(item);
         if (result != 0) {
-            BRIDGE_ERROR("failed to parse include item: %s to valid string",
-                         item != nullptr ? item : "(null)");
+            char described[64];
+            bridge_toml_describe(inc_item, described, sizeof(described));
+            BRIDGE_ERROR("failed to parse include item: %s to valid string", described);
             return result;
         }
         result = bridge_config_process_toml_file(

@@ -95,13 +95,19 @@ static std::unique_lock<std::mutex> lock_messages()
     return guard;
 }
 
+/* Whether the library still owns what it has handed to a callback of `session`. */
+static bool is_message_valid(const bridge_mqtt_ep_group *group, uint32_t session)
+{
+    return !group->closing && group->session == session;
+}
+
 /* Holds the library's thread while the delivery queue is full, so that the server feels it; but a library
  * call that waits for this very thread to bring an acknowledgement is let through. */
-static void wait_for_delivery_room(const bridge_mqtt_ep_group *group)
+static void wait_for_delivery_room(const bridge_mqtt_ep_group *group, uint32_t session)
 {
     uint32_t call = mqtt_ctx.library_calls;
     uint32_t waited = 0;
-    while (!group->closing && bridge_mqtt_delivery_is_full()) {
+    while (is_message_valid(group, session) && bridge_mqtt_delivery_is_full()) {
         bridge_wait_ms(STUCK_CALL_STEP_MS);
         const uint32_t now = mqtt_ctx.library_calls;
         if (now != call || now % 2 == 0) {
@@ -113,24 +119,24 @@ static void wait_for_delivery_room(const bridge_mqtt_ep_group *group)
     }
 }
 
+/* The message is the library's until it is copied and freed, which is the last thing here: the library frees
+ * what lies in its queue when a connection ends, and a message stays in there until its callback returns. */
 static int take_message(bridge_mqtt_ep_group *group, char *topic, MQTTClient_message *message)
 {
-    bridge_mqtt_delivery_item *item = nullptr;
-    {
-        const std::unique_lock<std::mutex> guard = lock_messages();
-        if (group->closing)
-            return 0; /* ending the client frees the message */
-        BRIDGE_TRACE("received a publish on topic: %s", topic);
-        item = bridge_mqtt_delivery_item_new(topic, message->payload,
-                                             static_cast<uint32_t>(message->payloadlen));
-        MQTTClient_freeMessage(&message);
-        MQTTClient_free(topic);
+    const uint32_t session = group->session;
+    wait_for_delivery_room(group, session);
+    const std::unique_lock<std::mutex> guard = lock_messages();
+    if (!is_message_valid(group, session))
+        return 0;
+    BRIDGE_TRACE("received a publish on topic: %s", topic);
+    bridge_mqtt_delivery_item *item =
+        bridge_mqtt_delivery_item_new(topic, message->payload, static_cast<uint32_t>(message->payloadlen));
+    if (item != nullptr) {
+        item->group = group;
+        bridge_mqtt_delivery_push(item);
     }
-    if (item == nullptr)
-        return 1;
-    item->group = group;
-    wait_for_delivery_room(group);
-    bridge_mqtt_delivery_push(item);
+    MQTTClient_freeMessage(&message);
+    MQTTClient_free(topic);
     return 1;
 }
 
@@ -560,7 +566,10 @@ static int publish_through(bridge_mqtt_ep_group *group, const char *topic, const
     if (mqtt_ctx.torn_down)
         return -1;
     const std::lock_guard<std::mutex> guard(mqtt_ctx.message_lock);
-    return MQTTClient_publishMessage(group->handle, topic, &message, nullptr);
+    const int result = MQTTClient_publishMessage(group->handle, topic, &message, nullptr);
+    if (result != 0)
+        group->session++;
+    return result;
 }
 
 int bridge_mqtt_publish(bridge_mqtt_endpoint_t endpoint, const char *topic, const void *payload,

@@ -27,6 +27,8 @@ struct bridge_mqtt_ep_group {
     uint32_t publish_room;      /* publishes that surely fit before the library's limit */
     std::atomic<bool> closing;  /* the client is being ended: its messages reach nobody */
     std::atomic<int> callbacks; /* message-arrived calls under way */
+    std::atomic<uint32_t>
+        session; /* counts the calls after which the library has dropped what it had received */
 };
 
 struct bridge_mqtt_sub {

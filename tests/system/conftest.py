@@ -75,8 +75,12 @@ def own_road(tmp_path: Path, cleanup: Cleanup) -> Callable[..., Road]:
     not yet connected."""
     numbers = itertools.count()
 
-    def road(dialect: Dialect, changes: Optional[Sections] = None, arguments: tuple[str, ...] = (),
-             shares_geolocation: bool = False) -> Road:
+    def road(
+        dialect: Dialect,
+        changes: Optional[Sections] = None,
+        arguments: tuple[str, ...] = (),
+        shares_geolocation: bool = False,
+    ) -> Road:
         made = Road(tmp_path / f"road{next(numbers)}", dialect, changes, arguments, shares_geolocation)
         cleanup.add(made)
         return made
@@ -87,6 +91,7 @@ def own_road(tmp_path: Path, cleanup: Cleanup) -> Callable[..., Road]:
 @pytest.fixture
 def run_bridge(tmp_path: Path, cleanup: Cleanup) -> RunBridge:
     """Starts a daemon with the arguments given."""
+
     def run(*arguments: str, env: Optional[dict[str, str]] = None, work: Path = tmp_path) -> Bridge:
         bridge = Bridge(work, list(arguments), env)
         cleanup.add(bridge)
@@ -98,8 +103,13 @@ def run_bridge(tmp_path: Path, cleanup: Cleanup) -> RunBridge:
 @pytest.fixture
 def run_config(tmp_path: Path, run_bridge: RunBridge) -> Callable[..., Bridge]:
     """Starts a daemon on a gateway's configuration with changes, logging everything to standard error."""
-    def run(udp_port: int, changes: Optional[Sections] = None, *arguments: str,
-            env: Optional[dict[str, str]] = None) -> Bridge:
+
+    def run(
+        udp_port: int,
+        changes: Optional[Sections] = None,
+        *arguments: str,
+        env: Optional[dict[str, str]] = None,
+    ) -> Bridge:
         path = write_config(tmp_path / "bridge.toml", gateway_config(udp_port, changes))
         return run_bridge("-c", str(path), "-d", "-v", "4", *arguments, env=env)
 
@@ -128,6 +138,7 @@ def make_broker(tmp_path: Path, cleanup: Cleanup) -> Callable[..., Mosquitto]:
 @pytest.fixture
 def make_peer(cleanup: Cleanup) -> Callable[..., MqttPeer]:
     """A client at a server, subscribed to the topics given."""
+
     def make(server: Mosquitto, *topics: str, user: str = "", password: str = "") -> MqttPeer:
         peer = MqttPeer(server.port, user, password)
         cleanup.add(peer)

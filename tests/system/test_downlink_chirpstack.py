@@ -6,19 +6,28 @@ import pytest
 
 from harness.dialects import V2, V3
 from harness.road import Road
-from harness.samples import (DATA_ESCAPED, OMIT, changed, native_tx_info, v2_downlink, v3_downlink,
-                             v3_tx_info)
+from harness.samples import DATA_ESCAPED, OMIT, changed, native_tx_info, v2_downlink, v3_downlink, v3_tx_info
 
 Roads = Callable[..., Road]
 
 READ = "failed to deserialize downlink frame"
 
 
-def txpk(imme: str = "false", tmst: int = 3513348611, freq: str = "868.100000", powe: int = 14,
-         modu: str = "LORA", datr: str = "SF9BW125", codr: str = "4\\/5", size: int = 13,
-         data: str = DATA_ESCAPED) -> bytes:
-    return (f'{{"txpk":{{"imme":{imme},"tmst":{tmst},"freq":{freq},"rfch":0,"powe":{powe},"modu":"{modu}",'
-            f'"datr":"{datr}","codr":"{codr}","ipol":true,"size":{size},"data":"{data}"}}}}').encode() + b"\0"
+def txpk(
+    imme: str = "false",
+    tmst: int = 3513348611,
+    freq: str = "868.100000",
+    powe: int = 14,
+    modu: str = "LORA",
+    datr: str = "SF9BW125",
+    codr: str = "4\\/5",
+    size: int = 13,
+    data: str = DATA_ESCAPED,
+) -> bytes:
+    return (
+        f'{{"txpk":{{"imme":{imme},"tmst":{tmst},"freq":{freq},"rfch":0,"powe":{powe},"modu":"{modu}",'
+        f'"datr":"{datr}","codr":"{codr}","ipol":true,"size":{size},"data":"{data}"}}}}'
+    ).encode() + b"\0"
 
 
 def short(value: Any) -> str:
@@ -29,9 +38,14 @@ V2_CASES: list[tuple[dict[str, Any], bytes]] = [
     ({}, txpk()),
     ({"immediately": True}, txpk(imme="true")),
     ({"immediately": False, "timestamp": 0}, txpk(tmst=0)),
-    ({"timestamp": 4294967295, "frequency": 433050001, "power": -1},
-     txpk(tmst=4294967295, freq="433.050001", powe=-1)),
-    ({"dataRate": {"bandwidth": 500, "modulation": "FSK", "spreadFactor": 12}}, txpk(datr="SF12BW500", modu="FSK")),
+    (
+        {"timestamp": 4294967295, "frequency": 433050001, "power": -1},
+        txpk(tmst=4294967295, freq="433.050001", powe=-1),
+    ),
+    (
+        {"dataRate": {"bandwidth": 500, "modulation": "FSK", "spreadFactor": 12}},
+        txpk(datr="SF12BW500", modu="FSK"),
+    ),
     ({"timeSinceGPSEpoch": 7}, txpk()),
 ]
 
@@ -43,8 +57,9 @@ def test_a_v2_downlink(roads: Roads, changes: dict[str, Any], datagram: bytes) -
     assert response.token == 4660
 
 
-@pytest.mark.parametrize("token, sent", [(0, 0), (65535, 65535), (65536 + 9, 9), (-1, 65535), ("77", 77),
-                                         (None, 0)], ids=str)
+@pytest.mark.parametrize(
+    "token, sent", [(0, 0), (65535, 65535), (65536 + 9, 9), (-1, 65535), ("77", 77), (None, 0)], ids=str
+)
 def test_the_low_16_bits_of_the_token_are_sent(roads: Roads, token: Any, sent: int) -> None:
     assert roads(V2).downlink(v2_downlink(token=token)).token == sent
     assert roads(V3).downlink(v3_downlink(token=token)).token == sent
@@ -56,11 +71,20 @@ def test_a_v2_downlink_without_a_token_gets_a_random_one(roads: Roads) -> None:
 
 
 V2_REFUSED: list[dict[str, Any]] = [
-    *[v2_downlink(**{key: OMIT}) for key in ("codeRate", "dataRate", "frequency", "immediately", "mac", "power",
-                                             "timestamp")],
-    v2_downlink(codeRate=None), v2_downlink(codeRate="c" * 8), v2_downlink(dataRate=None),
-    v2_downlink(mac="m" * 64), v2_downlink(data="A" * 2048),
-    {"token": 1, "txInfo": native_tx_info()}, {"phyPayload": "AA=="}, {"phyPayload": "AA==", "txInfo": None}, {}, [],
+    *[
+        v2_downlink(**{key: OMIT})
+        for key in ("codeRate", "dataRate", "frequency", "immediately", "mac", "power", "timestamp")
+    ],
+    v2_downlink(codeRate=None),
+    v2_downlink(codeRate="c" * 8),
+    v2_downlink(dataRate=None),
+    v2_downlink(mac="m" * 64),
+    v2_downlink(data="A" * 2048),
+    {"token": 1, "txInfo": native_tx_info()},
+    {"phyPayload": "AA=="},
+    {"phyPayload": "AA==", "txInfo": None},
+    {},
+    [],
 ]
 
 
@@ -106,10 +130,20 @@ V3_CASES: list[tuple[dict[str, Any], bytes]] = [
     (delayed(9, "1s", size=1), txpk(tmst=1000009)),
     ({"timing": "DELAY", "delayTimingInfo": {"delay": "1s"}}, txpk(tmst=1000000)),
     ({"timing": "DELAY", "context": "!", "delayTimingInfo": {"delay": "1s"}}, txpk(tmst=1000000)),
-    ({"frequency": 433050001, "power": -1, "modulation": "FSK",
-      "loRaModulationInfo": {"bandwidth": 500, "spreadingFactor": 12, "codeRate": "4/8",
-                             "polarizationInversion": False}},
-     txpk(imme="true", tmst=0, freq="433.050001", powe=-1, modu="FSK", datr="SF12BW500", codr="4\\/8")),
+    (
+        {
+            "frequency": 433050001,
+            "power": -1,
+            "modulation": "FSK",
+            "loRaModulationInfo": {
+                "bandwidth": 500,
+                "spreadingFactor": 12,
+                "codeRate": "4/8",
+                "polarizationInversion": False,
+            },
+        },
+        txpk(imme="true", tmst=0, freq="433.050001", powe=-1, modu="FSK", datr="SF12BW500", codr="4\\/8"),
+    ),
 ]
 
 
@@ -128,10 +162,14 @@ V3_REFUSED: list[tuple[dict[str, Any], str]] = [
     (v3_downlink(token=OMIT), READ),
     ({"token": 1, "txInfo": v3_tx_info()}, READ),
     ({"token": 1, "phyPayload": "AA=="}, READ),
-    *[(v3_downlink(**{key: OMIT}), READ) for key in ("frequency", "power", "modulation", "loRaModulationInfo",
-                                                     "board", "antenna", "timing")],
-    *[(v3_downlink(loRaModulationInfo=lora(**{key: OMIT})), READ)
-      for key in ("bandwidth", "spreadingFactor", "codeRate", "polarizationInversion")],
+    *[
+        (v3_downlink(**{key: OMIT}), READ)
+        for key in ("frequency", "power", "modulation", "loRaModulationInfo", "board", "antenna", "timing")
+    ],
+    *[
+        (v3_downlink(loRaModulationInfo=lora(**{key: OMIT})), READ)
+        for key in ("bandwidth", "spreadingFactor", "codeRate", "polarizationInversion")
+    ],
     (v3_downlink(context=None), READ),
     (v3_downlink(timing=None), READ),
     (v3_downlink(context="A" * 256), READ),
@@ -143,13 +181,19 @@ V3_REFUSED: list[tuple[dict[str, Any], str]] = [
     (v3_downlink(**delayed(1, "1s", size=9)), "failed to decode context: AQAAAAAAAAAA with retval: 9"),
     (v3_downlink(**delayed(1, "1s", size=12)), "failed to decode context: AQAAAAAAAAAAAAAA with retval: 12"),
     (v3_downlink(**delayed(1, "1s", size=13)), "with retval: 13"),
-    (v3_downlink(**delayed(1, "1s", size=16)),
-     "invalid context received: AQAAAAAAAAAAAAAAAAAAAA== with decode length: 19"),
+    (
+        v3_downlink(**delayed(1, "1s", size=16)),
+        "invalid context received: AQAAAAAAAAAAAAAAAAAAAA== with decode length: 19",
+    ),
     (v3_downlink(timing="DELAY", context=context(1)), "failed to deserialize delay information frame"),
-    (v3_downlink(timing="DELAY", context=context(1), delayTimingInfo=None),
-     "failed to deserialize delay information frame"),
-    (v3_downlink(timing="DELAY", context=context(1), delayTimingInfo={}),
-     "failed to deserialize delay information frame"),
+    (
+        v3_downlink(timing="DELAY", context=context(1), delayTimingInfo=None),
+        "failed to deserialize delay information frame",
+    ),
+    (
+        v3_downlink(timing="DELAY", context=context(1), delayTimingInfo={}),
+        "failed to deserialize delay information frame",
+    ),
     (v3_downlink(**delayed(1, None)), "failed to deserialize delay information frame"),
     (v3_downlink(**delayed(1, "1" * 64)), "failed to deserialize delay information frame"),
     ({"items": [{"phyPayload": "AA==", "txInfo": v3_tx_info()}], "token": 1, "downlinkID": "AA=="}, READ),
@@ -164,7 +208,9 @@ def test_a_bad_v3_downlink_is_refused(roads: Roads, body: dict[str, Any], text: 
 
 
 def test_a_v3_data_rate_that_fills_its_text_is_refused(roads: Roads) -> None:
-    log = roads(V3).refused_downlink(v3_downlink(loRaModulationInfo=lora(bandwidth=123456, spreadingFactor=123456)))
+    log = roads(V3).refused_downlink(
+        v3_downlink(loRaModulationInfo=lora(bandwidth=123456, spreadingFactor=123456))
+    )
     assert any("not enough space for serializing data rate field" in line for line in log)
 
 

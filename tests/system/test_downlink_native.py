@@ -10,11 +10,20 @@ from harness.samples import DATA_ESCAPED, OMIT, changed, native_downlink, native
 Roads = Callable[..., Road]
 
 
-def txpk(timing: str = '"imme":false,"tmst":3513348611', freq: str = "868.100000", powe: int = 14,
-         modu: str = "LORA", datr: str = "SF9BW125", codr: str = "4\\/5", size: int = 13,
-         data: str = DATA_ESCAPED) -> bytes:
-    return (f'{{"txpk":{{{timing},"freq":{freq},"rfch":0,"powe":{powe},"modu":"{modu}","datr":"{datr}",'
-            f'"codr":"{codr}","ipol":true,"size":{size},"data":"{data}"}}}}').encode() + b"\0"
+def txpk(
+    timing: str = '"imme":false,"tmst":3513348611',
+    freq: str = "868.100000",
+    powe: int = 14,
+    modu: str = "LORA",
+    datr: str = "SF9BW125",
+    codr: str = "4\\/5",
+    size: int = 13,
+    data: str = DATA_ESCAPED,
+) -> bytes:
+    return (
+        f'{{"txpk":{{{timing},"freq":{freq},"rfch":0,"powe":{powe},"modu":"{modu}","datr":"{datr}",'
+        f'"codr":"{codr}","ipol":true,"size":{size},"data":"{data}"}}}}'
+    ).encode() + b"\0"
 
 
 def data_rate(**changes: Any) -> dict[str, Any]:
@@ -59,8 +68,22 @@ def test_a_downlink_becomes_a_pull_resp(roads: Roads, changes: dict[str, Any], d
     assert (response.version, response.token) == (2, 0)
 
 
-PAYLOADS = [("", 0), ("=", 0), ("A", 0), ("==", 1), ("AA", 1), ("AA=", 1), ("AAA", 2), ("A==", 0), ("AA==", 1),
-            ("AAA=", 2), ("AAAA", 3), ("AAAAAA==", 4), ("A" * 2047, 1535), ("A" * 342 + "==", 256)]
+PAYLOADS = [
+    ("", 0),
+    ("=", 0),
+    ("A", 0),
+    ("==", 1),
+    ("AA", 1),
+    ("AA=", 1),
+    ("AAA", 2),
+    ("A==", 0),
+    ("AA==", 1),
+    ("AAA=", 2),
+    ("AAAA", 3),
+    ("AAAAAA==", 4),
+    ("A" * 2047, 1535),
+    ("A" * 342 + "==", 256),
+]
 
 
 @pytest.mark.parametrize("payload, size", PAYLOADS, ids=short)
@@ -87,7 +110,10 @@ REFUSED: list[tuple[dict[str, Any], str]] = [
     ({"codeRate": "c" * 8}, READ),
     ({"codeRate": None}, READ),
     ({"mac": "m" * 64}, READ),
-    ({"dataRate": data_rate(spreadFactor=123456, bandwidth=123456)}, "not enough space for serializing data rate field"),
+    (
+        {"dataRate": data_rate(spreadFactor=123456, bandwidth=123456)},
+        "not enough space for serializing data rate field",
+    ),
 ]
 
 
@@ -98,16 +124,20 @@ def test_a_bad_tx_info_is_refused(roads: Roads, changes: dict[str, Any], text: s
     assert any("failed to translate downlink packet body" in line for line in log)
 
 
-@pytest.mark.parametrize("body", [
-    {"txInfo": native_tx_info()},
-    {"phyPayload": "AA=="},
-    {"phyPayload": "AA==", "txInfo": None},
-    {"phyPayload": "AA==", "txInfo": []},
-    {"phyPayload": None, "txInfo": native_tx_info()},
-    native_downlink(data="A" * 2048),
-    {},
-    [],
-], ids=short)
+@pytest.mark.parametrize(
+    "body",
+    [
+        {"txInfo": native_tx_info()},
+        {"phyPayload": "AA=="},
+        {"phyPayload": "AA==", "txInfo": None},
+        {"phyPayload": "AA==", "txInfo": []},
+        {"phyPayload": None, "txInfo": native_tx_info()},
+        native_downlink(data="A" * 2048),
+        {},
+        [],
+    ],
+    ids=short,
+)
 def test_a_downlink_that_lacks_a_part_is_refused(roads: Roads, body: Any) -> None:
     log = roads(NATIVE).refused_downlink(body)
     assert any(READ in line for line in log)

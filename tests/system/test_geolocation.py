@@ -22,21 +22,27 @@ def test_records_go_out_untranslated_on_the_shared_connection(own_road: OwnRoad,
     road.bridge.wait_for_log("UDP bridge is connected to geoloc")
 
     outcome = road.push('{"locpk": %s}' % RECORDS)
-    assert [(message.topic, message.text) for message in outcome.published] == [("gateway/geoloc", RECORDS_PRINTED)]
+    assert [(message.topic, message.text) for message in outcome.published] == [
+        ("gateway/geoloc", RECORDS_PRINTED)
+    ]
     assert outcome.acked
     assert len(road.broker.connections(road.client_id)) == 1
 
     outcome = road.push({"stat": stat(), "locpk": [1], "rxpk": [rxpk_v2()]})
-    assert [message.topic for message in outcome.published] == [dialect.uplink, "gateway/geoloc",
-                                                               dialect.statistics]
+    assert [message.topic for message in outcome.published] == [
+        dialect.uplink,
+        "gateway/geoloc",
+        dialect.statistics,
+    ]
     assert outcome.acked
     for empty in ('{"locpk":[]}', '{"locpk":{}}', '{"locpk":null}', '{"locpk":"x"}'):
         outcome = road.push(empty)
         assert (outcome.published, outcome.acked) == ([], True), empty
 
 
-def test_the_topic_is_the_configured_one(own_road: OwnRoad, broker: Mosquitto,
-                                         make_peer: Callable[..., MqttPeer]) -> None:
+def test_the_topic_is_the_configured_one(
+    own_road: OwnRoad, broker: Mosquitto, make_peer: Callable[..., MqttPeer]
+) -> None:
     road = own_road(NATIVE, {"geoloc": {"url": broker.url, "topic": "places/of/gateways"}}).wait_ready()
     road.bridge.wait_for_log("UDP bridge is connected to geoloc")
     peer = make_peer(broker, "#")
@@ -53,8 +59,9 @@ def test_without_a_geolocation_server_records_are_dropped_and_acknowledged(own_r
     assert outcome.logged("geoloc packet is dropped: endpoint is disabled")
 
 
-def test_without_the_network_server_geolocation_runs_alone(own_road: OwnRoad, broker: Mosquitto,
-                                                           make_peer: Callable[..., MqttPeer]) -> None:
+def test_without_the_network_server_geolocation_runs_alone(
+    own_road: OwnRoad, broker: Mosquitto, make_peer: Callable[..., MqttPeer]
+) -> None:
     road = own_road(NATIVE, {"geoloc": {"url": broker.url}}, ("--no-udp",))
     road.bridge.wait_for_log("UDP bridge is connected to geoloc")
     peer = make_peer(broker, "#")

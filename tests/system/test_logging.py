@@ -13,11 +13,15 @@ from harness.ports import free_port
 
 RunBridge = Callable[..., Bridge]
 
-LINE = re.compile(r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}\+0000 \[\d+\]"
-                  r"\[(ERROR |WARN  |INFO  |DEBUG |TRACE )\] [a-z_]+\.cpp:\d+ .")
+LINE = re.compile(
+    r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}\+0000 \[\d+\]"
+    r"\[(ERROR |WARN  |INFO  |DEBUG |TRACE )\] [a-z_]+\.cpp:\d+ ."
+)
 
 
-def test_every_line_has_time_thread_level_and_place(run_config: Callable[..., Bridge], broker: Mosquitto) -> None:
+def test_every_line_has_time_thread_level_and_place(
+    run_config: Callable[..., Bridge], broker: Mosquitto
+) -> None:
     bridge = run_config(free_port(), {"ns": {"url": broker.url}})
     bridge.wait_connected()
     lines = [line for line in bridge.log.lines if re.match(r"\d{4}-", line)]
@@ -25,11 +29,19 @@ def test_every_line_has_time_thread_level_and_place(run_config: Callable[..., Br
     assert len({line.split("[")[1] for line in lines}) > 1, "several threads log"
 
 
-@pytest.mark.parametrize("level, labels", [(0, {"ERROR "}), (1, {"ERROR "}), (2, {"ERROR ", "INFO  "}),
-                                           (3, {"ERROR ", "INFO  ", "DEBUG "}),
-                                           (4, {"ERROR ", "INFO  ", "DEBUG ", "TRACE "})])
-def test_the_threshold_drops_what_is_above_it(run_bridge: RunBridge, tmp_path: Path, level: int,
-                                              labels: set[str]) -> None:
+@pytest.mark.parametrize(
+    "level, labels",
+    [
+        (0, {"ERROR "}),
+        (1, {"ERROR "}),
+        (2, {"ERROR ", "INFO  "}),
+        (3, {"ERROR ", "INFO  ", "DEBUG "}),
+        (4, {"ERROR ", "INFO  ", "DEBUG ", "TRACE "}),
+    ],
+)
+def test_the_threshold_drops_what_is_above_it(
+    run_bridge: RunBridge, tmp_path: Path, level: int, labels: set[str]
+) -> None:
     path = write_config(tmp_path / "bridge.toml", gateway_config(free_port()))
     bridge = run_bridge("-c", str(path), "-d", "-v", str(level))
     assert bridge.wait_exit() == 255
@@ -45,7 +57,8 @@ def test_the_default_threshold_is_info(run_bridge: RunBridge, tmp_path: Path) ->
 
 
 def test_without_the_stderr_option_the_log_goes_to_syslog_without_a_timestamp(
-        run_bridge: RunBridge, tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    run_bridge: RunBridge, tmp_path: Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
     path = write_config(tmp_path / "bridge.toml", gateway_config(free_port()))
     monkeypatch.chdir(tmp_path)  # the address of a local socket is short
     with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as syslog:

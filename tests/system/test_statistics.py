@@ -16,18 +16,36 @@ ZERO_TIME = "1900-01-00T00:00:00.000000Z"  # of a time that was never filled
 MAC_B64 = base64.b64encode(PACKET_MAC).decode().replace("/", "\\/")
 
 
-def native_text(altitude: int = 145, latitude: str = "46.240000", longitude: str = "3.252300", rxnb: int = 2,
-                rxok: int = 1, dwnb: int = 4, txnb: int = 3, time: str = TIME) -> str:
-    return (f'{{"altitude":{altitude},"latitude":{latitude},"longitude":{longitude},"mac":"aa555a0000000123",'
-            f'"rxPacketsReceived":{rxnb},"rxPacketsReceivedOK":{rxok},"txPacketsReceived":{dwnb},'
-            f'"txPacketsEmitted":{txnb},"time":"{time}"}}')
+def native_text(
+    altitude: int = 145,
+    latitude: str = "46.240000",
+    longitude: str = "3.252300",
+    rxnb: int = 2,
+    rxok: int = 1,
+    dwnb: int = 4,
+    txnb: int = 3,
+    time: str = TIME,
+) -> str:
+    return (
+        f'{{"altitude":{altitude},"latitude":{latitude},"longitude":{longitude},"mac":"aa555a0000000123",'
+        f'"rxPacketsReceived":{rxnb},"rxPacketsReceivedOK":{rxok},"txPacketsReceived":{dwnb},'
+        f'"txPacketsEmitted":{txnb},"time":"{time}"}}'
+    )
 
 
-def v3_text(location: str = '"latitude":46.24,"longitude":3.2523,"altitude":145', rxnb: int = 2, rxok: int = 1,
-            dwnb: int = 4, txnb: int = 3, time: str = TIME) -> str:
+def v3_text(
+    location: str = '"latitude":46.24,"longitude":3.2523,"altitude":145',
+    rxnb: int = 2,
+    rxok: int = 1,
+    dwnb: int = 4,
+    txnb: int = 3,
+    time: str = TIME,
+) -> str:
     place = f',"location":{{{location}}}' if location else ""
-    return (f'{{"gatewayID":"{MAC_B64}","time":"{time}","rxPacketsReceived":{rxnb},"rxPacketsReceivedOK":{rxok},'
-            f'"txPacketsReceived":{dwnb},"txPacketsEmitted":{txnb}{place}}}')
+    return (
+        f'{{"gatewayID":"{MAC_B64}","time":"{time}","rxPacketsReceived":{rxnb},"rxPacketsReceivedOK":{rxok},'
+        f'"txPacketsReceived":{dwnb},"txPacketsEmitted":{txnb}{place}}}'
+    )
 
 
 def short(value: Any) -> str:
@@ -36,10 +54,14 @@ def short(value: Any) -> str:
 
 NATIVE_CASES: list[tuple[dict[str, Any], dict[str, Any]]] = [
     ({}, {}),
-    ({"lati": OMIT, "long": OMIT, "alti": OMIT},
-     {"latitude": "-1.000000", "longitude": "-1.000000", "altitude": -1}),
-    ({"lati": 5, "long": -0.0000004, "alti": 12.9}, {"latitude": "5.000000", "longitude": "-0.000000",
-                                                     "altitude": 12}),
+    (
+        {"lati": OMIT, "long": OMIT, "alti": OMIT},
+        {"latitude": "-1.000000", "longitude": "-1.000000", "altitude": -1},
+    ),
+    (
+        {"lati": 5, "long": -0.0000004, "alti": 12.9},
+        {"latitude": "5.000000", "longitude": "-0.000000", "altitude": 12},
+    ),
     ({"lati": 12.3456789}, {"latitude": "12.345679"}),
     ({"ackr": None}, {}),
     ({"ackr": 100}, {}),
@@ -60,8 +82,9 @@ NATIVE_CASES: list[tuple[dict[str, Any], dict[str, Any]]] = [
 @pytest.mark.parametrize("dialect", [NATIVE, V2], ids=str)
 @pytest.mark.parametrize("version", [1, 2])
 @pytest.mark.parametrize("changes, expected", NATIVE_CASES, ids=short)
-def test_native_statistics(roads: Roads, dialect: Dialect, version: int, changes: dict[str, Any],
-                           expected: dict[str, Any]) -> None:
+def test_native_statistics(
+    roads: Roads, dialect: Dialect, version: int, changes: dict[str, Any], expected: dict[str, Any]
+) -> None:
     outcome = roads(dialect).push({"stat": stat(**changes)}, version)
     assert outcome.texts() == [native_text(**expected)]
     assert outcome.published[0].topic == dialect.statistics
@@ -91,8 +114,9 @@ def printed(number: float) -> str:
 
 @pytest.mark.parametrize("version", [1, 2])
 @pytest.mark.parametrize("changes, expected, warned", V3_CASES, ids=short)
-def test_chirpstack_v3_statistics(roads: Roads, version: int, changes: dict[str, Any], expected: dict[str, Any],
-                                  warned: bool) -> None:
+def test_chirpstack_v3_statistics(
+    roads: Roads, version: int, changes: dict[str, Any], expected: dict[str, Any], warned: bool
+) -> None:
     outcome = roads(V3).push({"stat": stat(**changes)}, version)
     text = v3_text(**expected)
     for number in (46.24, 3.2523, 0.1):  # numbers go out with all their digits
@@ -103,9 +127,21 @@ def test_chirpstack_v3_statistics(roads: Roads, version: int, changes: dict[str,
     assert outcome.logged(WARNING) == warned
 
 
-REFUSED = [{"time": OMIT}, {"rxnb": OMIT}, {"rxok": OMIT}, {"rxfw": OMIT}, {"ackr": OMIT}, {"dwnb": OMIT},
-           {"txnb": OMIT}, {"time": None}, {"time": "t" * 64}, {"boot": "b" * 64}, {"hal": None}, {"lati": {}},
-           {"long": "x"}]
+REFUSED = [
+    {"time": OMIT},
+    {"rxnb": OMIT},
+    {"rxok": OMIT},
+    {"rxfw": OMIT},
+    {"ackr": OMIT},
+    {"dwnb": OMIT},
+    {"txnb": OMIT},
+    {"time": None},
+    {"time": "t" * 64},
+    {"boot": "b" * 64},
+    {"hal": None},
+    {"lati": {}},
+    {"long": "x"},
+]
 
 
 @pytest.mark.parametrize("dialect", DIALECTS, ids=str)
@@ -118,7 +154,9 @@ def test_bad_statistics_are_not_acknowledged(roads: Roads, dialect: Dialect, cha
 
 @pytest.mark.parametrize("dialect", DIALECTS, ids=str)
 @pytest.mark.parametrize("value", ["null", "5", "[]", '"text"', "true"])
-def test_statistics_that_are_no_object_fail_in_the_translator(roads: Roads, dialect: Dialect, value: str) -> None:
+def test_statistics_that_are_no_object_fail_in_the_translator(
+    roads: Roads, dialect: Dialect, value: str
+) -> None:
     outcome = roads(dialect).push(f'{{"stat":{value}}}')
     assert (outcome.published, outcome.acked) == ([], False)
     assert outcome.logged("no statistics object in ")

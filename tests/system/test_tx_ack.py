@@ -30,8 +30,8 @@ STATUSES = [
     (b'{"txpk_ack":null}', "(null)"),
     (b'{"txpk_ack":5}', "(null)"),
     (b'{"txpk_ack":[]}', "(null)"),
-    (b'{}', "(null)"),
-    (b'[]', "(null)"),
+    (b"{}", "(null)"),
+    (b"[]", "(null)"),
     (b'{"error":"TOO_LATE"}', "(null)"),
     (b'{"txpk_ack":{"error":""}}', ""),
     (b'{"txpk_ack":{"error":null}}', "(null)"),
@@ -52,13 +52,17 @@ def test_the_token_is_passed_on(roads: Roads, token: int) -> None:
     assert roads(V3).tx_ack(b"", token=token).texts() == [ack_text(token, "OK")]
 
 
-@pytest.mark.parametrize("body, text", [
-    (b"{", "failed to allocate tokener"),
-    (b"no json", "failed to allocate tokener"),
-    (b"null", "failed to allocate tokener"),
-    (b"  ", "failed to allocate tokener"),
-    (b"\0\0", "failed to allocate tokener"),
-], ids=repr)
+@pytest.mark.parametrize(
+    "body, text",
+    [
+        (b'{"', "failed to allocate tokener"),
+        (b"no json", "failed to allocate tokener"),
+        (b"null", "failed to allocate tokener"),
+        (b"  ", "failed to allocate tokener"),
+        (b"\0\0", "failed to allocate tokener"),
+    ],
+    ids=repr,
+)
 def test_a_bad_acknowledgement_is_dropped(roads: Roads, body: bytes, text: str) -> None:
     outcome = roads(V3).tx_ack(body)
     assert outcome.published == []

@@ -23,22 +23,42 @@ def context(tmst: int) -> str:
     return base64.b64encode((tmst % 2**64).to_bytes(8, "little")).decode().replace("/", "\\/")
 
 
-def v2_text(antenna: int = 0, channel: int = 2, frequency: int = 868300000, snr: int = 9, rssi: int = -57,
-            when: str = TIME, tmst: int = 3512348611, datr: tuple[int, int] = (7, 125)) -> str:
-    return (f'{{"phyPayload":"{DATA_ESCAPED}","rxInfo":{{"board":0,"antenna":{antenna},"channel":{channel},'
-            f'"codeRate":"4\\/5","crcStatus":1,"dataRate":{{"bandwidth":{datr[1]},"modulation":"LORA",'
-            f'"spreadFactor":{datr[0]}}},"frequency":{frequency},"loRaSNR":{snr},"mac":"aa555a0000000123",'
-            f'"rfChain":1,"rssi":{rssi},"size":13,"time":"{when}","timestamp":{tmst}}}}}')
+def v2_text(
+    antenna: int = 0,
+    channel: int = 2,
+    frequency: int = 868300000,
+    snr: int = 9,
+    rssi: int = -57,
+    when: str = TIME,
+    tmst: int = 3512348611,
+    datr: tuple[int, int] = (7, 125),
+) -> str:
+    return (
+        f'{{"phyPayload":"{DATA_ESCAPED}","rxInfo":{{"board":0,"antenna":{antenna},"channel":{channel},'
+        f'"codeRate":"4\\/5","crcStatus":1,"dataRate":{{"bandwidth":{datr[1]},"modulation":"LORA",'
+        f'"spreadFactor":{datr[0]}}},"frequency":{frequency},"loRaSNR":{snr},"mac":"aa555a0000000123",'
+        f'"rfChain":1,"rssi":{rssi},"size":13,"time":"{when}","timestamp":{tmst}}}}}'
+    )
 
 
-def v3_text(antenna: int = 0, channel: int = 2, frequency: int = 868300000, snr: int = 9, rssi: int = -57,
-            when: str = TIME, tmst: int = 3512348611, datr: tuple[int, int] = (7, 125)) -> str:
-    return (f'{{"phyPayload":"{DATA_ESCAPED}","txInfo":{{"frequency":{frequency},"modulation":"LORA",'
-            f'"loRaModulationInfo":{{"bandwidth":{datr[1]},"spreadingFactor":{datr[0]},"codeRate":"4\\/5",'
-            f'"polarizationInversion":false}}}},"rxInfo":{{"gatewayID":"{MAC_B64}","time":"{when}",'
-            f'"timestamp":{tmst},"rssi":{rssi},"loRaSNR":{snr},"channel":{channel},"rfChain":1,"board":0,'
-            f'"antenna":{antenna},"fineTimestampType":"PLAIN","plainFineTimestamp":{{"time":"{when}"}},'
-            f'"context":"{context(tmst)}"}}}}')
+def v3_text(
+    antenna: int = 0,
+    channel: int = 2,
+    frequency: int = 868300000,
+    snr: int = 9,
+    rssi: int = -57,
+    when: str = TIME,
+    tmst: int = 3512348611,
+    datr: tuple[int, int] = (7, 125),
+) -> str:
+    return (
+        f'{{"phyPayload":"{DATA_ESCAPED}","txInfo":{{"frequency":{frequency},"modulation":"LORA",'
+        f'"loRaModulationInfo":{{"bandwidth":{datr[1]},"spreadingFactor":{datr[0]},"codeRate":"4\\/5",'
+        f'"polarizationInversion":false}}}},"rxInfo":{{"gatewayID":"{MAC_B64}","time":"{when}",'
+        f'"timestamp":{tmst},"rssi":{rssi},"loRaSNR":{snr},"channel":{channel},"rfChain":1,"board":0,'
+        f'"antenna":{antenna},"fineTimestampType":"PLAIN","plainFineTimestamp":{{"time":"{when}"}},'
+        f'"context":"{context(tmst)}"}}}}'
+    )
 
 
 TEXTS = {"chirpstack_v2": v2_text, "chirpstack_v3": v3_text}
@@ -69,8 +89,9 @@ def short(value: Any) -> str:
 
 @BOTH
 @pytest.mark.parametrize("changes, expected", UPLINKS_V2, ids=short)
-def test_a_version_2_uplink(roads: Roads, dialect: Dialect, changes: dict[str, Any],
-                            expected: dict[str, Any]) -> None:
+def test_a_version_2_uplink(
+    roads: Roads, dialect: Dialect, changes: dict[str, Any], expected: dict[str, Any]
+) -> None:
     outcome = roads(dialect).push({"rxpk": [rxpk_v2(**{"time": TIME, **changes})]}, version=2)
     assert outcome.texts() == [TEXTS[dialect.name](**expected)]
     assert outcome.acked
@@ -86,15 +107,19 @@ UPLINKS_V1: list[tuple[dict[str, Any], dict[str, Any]]] = [
 
 @BOTH
 @pytest.mark.parametrize("changes, expected", UPLINKS_V1, ids=short)
-def test_a_version_1_uplink(roads: Roads, dialect: Dialect, changes: dict[str, Any],
-                            expected: dict[str, Any]) -> None:
+def test_a_version_1_uplink(
+    roads: Roads, dialect: Dialect, changes: dict[str, Any], expected: dict[str, Any]
+) -> None:
     outcome = roads(dialect).push({"rxpk": [rxpk_v1(**{"time": TIME, **changes})]}, version=1)
     assert outcome.texts() == [TEXTS[dialect.name](**expected)]
     assert outcome.acked
 
 
-@pytest.mark.parametrize("dialect, topic", [(V2, f"gateway/{GW_MAC.lower()}/rx"),
-                                            (V3, f"gateway/{GW_MAC.lower()}/event/up")], ids=str)
+@pytest.mark.parametrize(
+    "dialect, topic",
+    [(V2, f"gateway/{GW_MAC.lower()}/rx"), (V3, f"gateway/{GW_MAC.lower()}/event/up")],
+    ids=str,
+)
 def test_the_topic_carries_the_configured_mac(roads: Roads, dialect: Dialect, topic: str) -> None:
     outcome = roads(dialect).push({"rxpk": [rxpk_v2()]})
     assert [message.topic for message in outcome.published] == [topic]
@@ -118,9 +143,12 @@ REQUIRED_V1 = ["tmst", "rfch", "freq", "stat", "modu", "datr", "codr", "size", "
 
 
 @BOTH
-@pytest.mark.parametrize("version, key", [(2, key) for key in REQUIRED_V2] + [(1, key) for key in REQUIRED_V1])
-def test_an_uplink_without_a_required_key_is_not_acknowledged(roads: Roads, dialect: Dialect, version: int,
-                                                              key: str) -> None:
+@pytest.mark.parametrize(
+    "version, key", [(2, key) for key in REQUIRED_V2] + [(1, key) for key in REQUIRED_V1]
+)
+def test_an_uplink_without_a_required_key_is_not_acknowledged(
+    roads: Roads, dialect: Dialect, version: int, key: str
+) -> None:
     rxpk = rxpk_v2(**{key: OMIT}) if version == 2 else rxpk_v1(**{key: OMIT})
     outcome = roads(dialect).push({"rxpk": [rxpk]}, version)
     assert (outcome.published, outcome.acked) == ([], False)
@@ -142,8 +170,9 @@ REFUSED: list[tuple[int, dict[str, Any], str]] = [
 
 @BOTH
 @pytest.mark.parametrize("version, changes, text", REFUSED, ids=short)
-def test_a_bad_uplink_is_not_acknowledged(roads: Roads, dialect: Dialect, version: int, changes: dict[str, Any],
-                                          text: str) -> None:
+def test_a_bad_uplink_is_not_acknowledged(
+    roads: Roads, dialect: Dialect, version: int, changes: dict[str, Any], text: str
+) -> None:
     rxpk = rxpk_v1(**changes) if version == 1 else rxpk_v2(**changes)
     outcome = roads(dialect).push({"rxpk": [rxpk]}, version)
     assert (outcome.published, outcome.acked) == ([], False)

@@ -279,9 +279,23 @@ static void bridge_uplink_worker(void *)
 
 /* ---- lifecycle ---- */
 
-/* A packet pipe: each read gives one datagram, so that two downlinks never leave as one. The write end
- * blocks, which holds back the delivery of further messages until the worker catches up. */
-static int create_pipe()
+static int add_nonblocking(int fd)
+{
+    const int flags = fcntl(fd, F_GETFL);
+    if (flags < 0) {
+        BRIDGE_ERROR("failed to get pipe flags");
+        return -1;
+    }
+    if (fcntl(fd, F_SETFL, flags | O_NONBLOCK) < 0) {
+        BRIDGE_ERROR("failed to set pipe flags");
+        return -1;
+    }
+    return 0;
+}
+
+/* A packet pipe: each read gives one datagram, so that two downlinks never leave as one. Neither end blocks
+ * by itself: a downlink waits for room on its own, and the stop word never does. */
+static int create_pipe(bool *ready)
 {
     const int created = pipe2(converter_ctx.pipe_fds, O_DIRECT | O_CLOEXEC);
     if (created < 0) {
@@ -290,22 +304,19 @@ static int create_pipe()
     }
     bridge_fd reader(converter_ctx.pipe_fds[0]);
     bridge_fd writer(converter_ctx.pipe_fds[1]);
-    const int flags = fcntl(reader.get(), F_GETFL);
-    if (flags < 0) {
-        BRIDGE_ERROR("failed to get pipe flags");
-        return -1;
-    }
-    if (fcntl(reader.get(), F_SETFL, flags | O_NONBLOCK) < 0) {
-        BRIDGE_ERROR("failed to set pipe flags");
-        return -1;
-    }
-    reader.release();
-    writer.release();
-    return 0;
+    if (add_nonblocking(reader.get()) < 0 || add_nonblocking(writer.get()) < 0)
+        return created;
+    (void)reader.release();
+    (void)writer.release();
+    *ready = true;
+    return created;
 }
 
-static int open_resources()
+/* `ready` tells whether all is there: flags that cannot be set leave the result of the pipe itself, 0, which
+ * is meant to stay so. */
+static int open_resources(bool *ready)
 {
+    *ready = false;
     converter_ctx.pool = thpool_init(WORKERS);
     if (converter_ctx.pool == nullptr) {
         BRIDGE_ERROR("unable to allocate thread pool for UDP bridge");
@@ -316,23 +327,24 @@ static int open_resources()
     if (sock.get() < 0)
         BRIDGE_ERROR("ERROR opening socket");
     else
-        result = create_pipe();
-    if (result < 0) {
+        result = create_pipe(ready);
+    if (!*ready) {
         /* The supervisor tries again every 10 seconds: what a failure leaves behind would add up. */
         thpool_destroy(converter_ctx.pool);
         converter_ctx.pool = nullptr;
         return result;
     }
     converter_ctx.sock = sock.release();
-    return 0;
+    return result;
 }
 
 int bridge_dataplane_init(bridge_dataplane_cb_t cb, void *context)
 {
     BRIDGE_ASSERT(cb);
     BRIDGE_ASSERT(converter_ctx.inited == false);
-    const int result = open_resources();
-    if (result < 0)
+    bool ready = false;
+    const int result = open_resources(&ready);
+    if (!ready)
         return result;
     converter_ctx.rx_allowed = false;
     converter_ctx.cb = cb;
@@ -392,8 +404,8 @@ int bridge_dataplane_stop_server()
 {
     BRIDGE_ASSERT(converter_ctx.inited);
     converter_ctx.stop = true;
-    /* Whether or not the word gets through: it only wakes the worker, the flag ends it. */
-    if (write(converter_ctx.pipe_fds[1], &STOP_WORD, sizeof(STOP_WORD)) < 0)
+    /* A full pipe has the worker awake already: the flag ends it. */
+    if (write(converter_ctx.pipe_fds[1], &STOP_WORD, sizeof(STOP_WORD)) < 0 && errno != EAGAIN)
         BRIDGE_ERROR("failed to write the stop word into the pipe: %m");
     thpool_wait(converter_ctx.pool);
     return 0;

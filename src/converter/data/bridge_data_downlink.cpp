@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <poll.h>
 #include <unistd.h>
 
 using tokener_owned = std::unique_ptr<json_tokener, bridge_release<json_tokener_free>>;
@@ -78,9 +79,22 @@ static json_object *translate_downlink(json_object *parsed, uint32_t semtech_ver
     return wrapper;
 }
 
+/* A full pipe holds the delivery of further messages until the worker catches up, or until the plane ends and
+ * its read end is closed. */
+static ssize_t write_when_possible(int fd, const uint8_t *datagram, size_t size)
+{
+    for (;;) {
+        const ssize_t written = write(fd, datagram, size);
+        if (written >= 0 || errno != EAGAIN)
+            return written;
+        pollfd writable = {.fd = fd, .events = POLLOUT, .revents = 0};
+        (void)poll(&writable, 1, -1);
+    }
+}
+
 static void write_to_worker(const uint8_t *datagram, size_t size)
 {
-    const ssize_t written = write(converter_ctx.pipe_fds[1], datagram, size);
+    const ssize_t written = write_when_possible(converter_ctx.pipe_fds[1], datagram, size);
     if (written < 0)
         BRIDGE_ERROR("failed to write downlink packet into the pipe");
     else if (static_cast<size_t>(written) < size)

@@ -73,12 +73,14 @@ static json_object *parse_datagram(const char *text)
     return json_tokener_get_error(converter_ctx.tokener) == json_tokener_success ? parsed.release() : nullptr;
 }
 
-/* A parsed PUSH_DATA and what its parts have in common. */
+/* A parsed PUSH_DATA and its parts. */
 struct push_data {
     uint8_t mac[SEMTECH_MAC_SIZE];
     uint32_t version;
-    const char *text;
-    json_object *parsed;
+    json_object *rxpk;
+    json_object *locpk;
+    json_object *stat;
+    bool has_stat;
 };
 
 static int translate(const push_data &push, bridge_direction direction, json_object *input,
@@ -126,27 +128,25 @@ static int publish_uplink(const push_data &push, json_object *rxpk, json_object 
 /* One output object serves every element: each translation replaces the keys of the one before. */
 static int publish_uplinks(const push_data &push, json_object *out)
 {
-    json_object *rxpk = nullptr;
-    if (!json_object_object_get_ex(push.parsed, "rxpk", &rxpk))
-        BRIDGE_TRACE("no rxpk array in %s", push.text);
-    if (!json_object_is_type(rxpk, json_type_array))
+    if (!json_object_is_type(push.rxpk, json_type_array))
         return 0;
     int result = 0;
-    const size_t count = json_object_array_length(rxpk);
+    const size_t count = json_object_array_length(push.rxpk);
     for (size_t i = 0; i < count && result >= 0; i++)
-        result = publish_uplink(push, json_object_array_get_idx(rxpk, i), out);
+        result = publish_uplink(push, json_object_array_get_idx(push.rxpk, i), out);
     return result;
 }
 
+static bool has_geolocation(const push_data &push)
+{
+    return json_object_is_type(push.locpk, json_type_array) && json_object_array_length(push.locpk) > 0;
+}
+
+/* Published as it came. */
 static int publish_geolocation(const push_data &push)
 {
-    json_object *locpk = nullptr;
-    if (!json_object_object_get_ex(push.parsed, "locpk", &locpk))
-        BRIDGE_TRACE("no geoloc object in %s", push.text);
-    if (!json_object_is_type(locpk, json_type_array) || json_object_array_length(locpk) == 0)
-        return 0;
     size_t length = 0;
-    const char *text = json_object_to_json_string_length(locpk, JSON_C_TO_STRING_PLAIN, &length);
+    const char *text = json_object_to_json_string_length(push.locpk, JSON_C_TO_STRING_PLAIN, &length);
     if (text == nullptr) {
         BRIDGE_ERROR("failed to allocate geoloc string");
         return -1;
@@ -157,15 +157,10 @@ static int publish_geolocation(const push_data &push)
     return result;
 }
 
-static int publish_statistics(const push_data &push)
+/* `result` is that of the datagram so far, and stays so without memory. */
+static int publish_statistics(const push_data &push, int result)
 {
-    json_object *stat = nullptr;
-    const bool found = json_object_object_get_ex(push.parsed, "stat", &stat);
-    if (!json_object_is_type(stat, json_type_object))
-        BRIDGE_TRACE("no statistics object in %s", push.text);
-    if (!found)
-        return 0;
-    if (stat == nullptr) {
+    if (push.stat == nullptr) {
         BRIDGE_ERROR("failed to deserialize statistics: %s", "null");
         BRIDGE_TRACE("failed to translate message");
         return -1;
@@ -173,14 +168,14 @@ static int publish_statistics(const push_data &push)
     const json_owned out(json_object_new_object());
     if (!out) {
         BRIDGE_DEBUG("failed to create statistics object");
-        return 0;
+        return result;
     }
-    const int translated = translate(push, DIRECTION_STATISTICS, stat, out.get());
-    if (translated < 0)
-        return translated;
+    result = translate(push, DIRECTION_STATISTICS, push.stat, out.get());
+    if (result < 0)
+        return result;
     BRIDGE_TRACE("sending statistics: %s", json_object_to_json_string_ext(out.get(), JSON_C_TO_STRING_PLAIN));
     bridge_topic_build(converter_ctx.stats_topic, TOPIC_STATISTICS);
-    const int result = publish_object_to_ns(out.get(), converter_ctx.stats_topic);
+    result = publish_object_to_ns(out.get(), converter_ctx.stats_topic);
     if (result < 0) {
         BRIDGE_ERROR("failed to send stats message over mqtt");
         report_ns_failure();
@@ -188,7 +183,29 @@ static int publish_statistics(const push_data &push)
     return result;
 }
 
-/* On a failure earlier elements may have been published already. */
+/* A part that is absent is only traced; statistics of another kind go on and fail in their translation. */
+static void find_parts(json_object *parsed, const char *text, push_data *push)
+{
+    if (!json_object_object_get_ex(parsed, "rxpk", &push->rxpk))
+        BRIDGE_TRACE("no rxpk array in %s", text);
+    push->has_stat = json_object_object_get_ex(parsed, "stat", &push->stat);
+    if (!json_object_is_type(push->stat, json_type_object))
+        BRIDGE_TRACE("no statistics object in %s", text);
+    if (!json_object_object_get_ex(parsed, "locpk", &push->locpk))
+        BRIDGE_TRACE("no geoloc object in %s", text);
+}
+
+/* The result is the last part's; after a failure earlier ones may have been published already. */
+static int publish_parts(const push_data &push, json_object *out)
+{
+    int result = publish_uplinks(push, out);
+    if (result >= 0 && has_geolocation(push))
+        result = publish_geolocation(push);
+    if (result >= 0 && push.has_stat)
+        result = publish_statistics(push, result);
+    return result;
+}
+
 int bridge_handle_push_data(uint32_t version, const uint8_t *data, size_t data_size)
 {
     BRIDGE_ASSERT(data);
@@ -197,47 +214,29 @@ int bridge_handle_push_data(uint32_t version, const uint8_t *data, size_t data_s
         BRIDGE_DEBUG("no data to handle");
         return -1;
     }
-    push_data push = {.version = version, .text = reinterpret_cast<const char *>(data + SEMTECH_MAC_SIZE)};
+    push_data push = {.version = version};
     memcpy(push.mac, data, sizeof(push.mac));
+    const char *text = reinterpret_cast<const char *>(data + SEMTECH_MAC_SIZE);
     const json_owned out(json_object_new_object());
     if (!out) {
         BRIDGE_ERROR("failed to create object");
         return -1;
     }
-    BRIDGE_DEBUG("PUSH_DATA message body: %s", push.text);
-    const json_owned parsed(parse_datagram(push.text));
+    BRIDGE_DEBUG("PUSH_DATA message body: %s", text);
+    const json_owned parsed(parse_datagram(text));
     if (!parsed) {
         BRIDGE_ERROR("failed to allocate tokener");
         return -1;
     }
-    push.parsed = parsed.get();
-
-    int result = publish_uplinks(push, out.get());
-    if (result < 0)
-        return result;
-    result = publish_geolocation(push);
-    if (result < 0)
-        return result;
-    return publish_statistics(push);
+    find_parts(parsed.get(), text, &push);
+    return publish_parts(push, out.get());
 }
 
 /* ---- TX_ACK ---- */
 
 static constexpr size_t ACK_MESSAGE_SIZE = 512;
-/* What surrounds the status, at its longest: Base64 of the MAC and five digits of the token. */
-static constexpr size_t ACK_STATUS_SIZE = ACK_MESSAGE_SIZE - 96;
-
-static int copy_status(const char *text, char (&status)[ACK_STATUS_SIZE])
-{
-    const char *shown = strcmp(text, "NONE") == 0 ? "OK" : text;
-    const size_t length = strlen(shown);
-    if (length >= sizeof(status)) {
-        BRIDGE_ERROR("status of TX_ACK is too long: %zu", length);
-        return -1;
-    }
-    memcpy(status, shown, length + 1);
-    return 0;
-}
+/* No text of a datagram is longer. */
+static constexpr size_t ACK_STATUS_SIZE = 1024;
 
 /* An acknowledgement that says nothing of an error is forwarded all the same, with the status "(null)". */
 static int read_tx_ack_status(const char *text, char (&status)[ACK_STATUS_SIZE])
@@ -255,7 +254,12 @@ static int read_tx_ack_status(const char *text, char (&status)[ACK_STATUS_SIZE])
     else if (!json_object_object_get_ex(txpk_ack, "error", &error))
         BRIDGE_TRACE("no err string array in %s", text);
     const char *value = json_object_get_string(error);
-    return copy_status(value != nullptr ? value : "(null)", status);
+    if (value == nullptr)
+        value = "(null)";
+    else if (strcmp(value, "NONE") == 0)
+        value = "OK";
+    snprintf(status, sizeof(status), "%s", value);
+    return 0;
 }
 
 static int forward_tx_ack(uint16_t token, const uint8_t *mac, const char *status)
@@ -269,6 +273,10 @@ static int forward_tx_ack(uint16_t token, const uint8_t *mac, const char *status
     const int n = snprintf(ack_buf, sizeof(ack_buf),
                            "{ \"gatewayID\": \"%s\", \"token\": %u, \"items\": [ { \"status\": \"%s\" } ] }",
                            mac_b64, static_cast<unsigned>(token), status);
+    if (static_cast<size_t>(n) >= sizeof(ack_buf)) {
+        BRIDGE_ERROR("status of TX_ACK is too long: %zu", strlen(status));
+        return -1;
+    }
     BRIDGE_ASSERT_TEXT(n > 0 && static_cast<size_t>(n) < sizeof(ack_buf),
                        "n > 0 && (size_t)n < sizeof(ack_buf)");
 

@@ -3,7 +3,9 @@ import os
 import re
 import signal
 import subprocess
+import time
 from datetime import datetime
+from functools import cache
 from pathlib import Path
 from typing import Optional
 
@@ -15,6 +17,8 @@ BINARY = Path(os.environ.get("SNV_BRIDGE", REPOSITORY / "build" / "snv_mqtt_brid
 SANDBOX = Path(__file__).resolve().parent / "sandbox.sh"
 
 SANITIZER_REPORTS = re.compile(r"ERROR: \w+Sanitizer|WARNING: \w+Sanitizer|runtime error:")
+SIGNAL_AGAIN = 0.5
+
 CONNECTED = "UDP bridge is connected to NS"
 TIMESTAMP = re.compile(r"^(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3})")
 
@@ -22,14 +26,43 @@ TIMESTAMP = re.compile(r"^(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3})")
 def sandboxed(work: Path, arguments: list[str]) -> list[str]:
     """The command line that runs the daemon in its own mount and IPC namespaces, as the same process."""
     as_user = [] if os.geteuid() == 0 else ["--user", "--map-root-user"]
-    return ["unshare", *as_user, "--mount", "--ipc", "--propagation", "private", "--",
-            "/bin/sh", str(SANDBOX), str(work), str(BINARY), *arguments]
+    return [
+        "unshare",
+        *as_user,
+        "--mount",
+        "--ipc",
+        "--propagation",
+        "private",
+        "--",
+        "/bin/sh",
+        str(SANDBOX),
+        str(work),
+        str(BINARY),
+        *arguments,
+    ]
+
+
+@cache
+def is_checked_for_leaks() -> bool:
+    return b"__asan_init" in BINARY.read_bytes()
+
+
+def leak_options() -> dict[str, str]:
+    """The sandbox's list of leaks that are not ours; only whole stacks, through libraries without frame
+    pointers, are recognised in it."""
+    if not is_checked_for_leaks():
+        return {}
+    given = os.environ.get("ASAN_OPTIONS", "")
+    return {
+        "ASAN_OPTIONS": f"{given}:fast_unwind_on_malloc=0",
+        "LSAN_OPTIONS": "suppressions=/run/leaks:print_suppressions=0",
+    }
 
 
 def environment(extra: Optional[dict[str, str]] = None) -> dict[str, str]:
     """No proxy, no locale, no time zone of the host; the sanitizers' options pass."""
     kept = {key: value for key, value in os.environ.items() if key.endswith("SAN_OPTIONS")}
-    return {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C", **kept, **(extra or {})}
+    return {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C", **kept, **leak_options(), **(extra or {})}
 
 
 def log_time(line: str) -> float:
@@ -45,9 +78,14 @@ class Bridge:
     def __init__(self, work: Path, arguments: list[str], extra_env: Optional[dict[str, str]] = None) -> None:
         assert BINARY.exists(), f"no daemon at {BINARY}: build it, or set SNV_BRIDGE"
         self.work = work
-        self.process = subprocess.Popen(sandboxed(work, arguments), cwd=work, env=environment(extra_env),
-                                        stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                                        stderr=subprocess.PIPE)
+        self.process = subprocess.Popen(
+            sandboxed(work, arguments),
+            cwd=work,
+            env=environment(extra_env),
+            stdin=subprocess.DEVNULL,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE,
+        )
         assert self.process.stdout and self.process.stderr
         self.log = LogReader(self.process.stderr)
         self.out = LogReader(self.process.stdout)
@@ -58,6 +96,11 @@ class Bridge:
 
     def wait_connected(self, timeout: float = PATIENCE, after: int = 0) -> None:
         self.wait_for_log(CONNECTED, timeout, after)
+
+    def resources(self) -> tuple[int, int]:
+        """How many descriptors and threads the daemon holds."""
+        of = Path(f"/proc/{self.process.pid}")
+        return len(list((of / "fd").iterdir())), len(list((of / "task").iterdir()))
 
     def running(self) -> bool:
         return self.process.poll() is None
@@ -78,9 +121,16 @@ class Bridge:
         return status
 
     def stop(self, timeout: float = PATIENCE) -> None:
-        """The stop signal, and the clean end that follows."""
-        self.signal(signal.SIGUSR2)
-        status = self.wait_exit(timeout)
+        """The stop signal and the clean end that follows. A signal just before a sleep of the loop does not
+        end that sleep, so it is sent until the daemon has ended."""
+        end = time.monotonic() + timeout
+        while self.running() and time.monotonic() < end:
+            self.process.send_signal(signal.SIGUSR2)
+            try:
+                self.process.wait(SIGNAL_AGAIN)
+            except subprocess.TimeoutExpired:
+                continue
+        status = self.wait_exit(timeout=0.1)
         assert status == 0, f"the daemon ended with {status}:\n{self.tail()}"
 
     def close(self) -> None:
@@ -88,14 +138,23 @@ class Bridge:
         try:
             if self.running():
                 self.stop()
-            assert self.ended_as_expected, \
-                f"the daemon ended unexpectedly, with {self.process.wait()}:\n{self.tail()}"
-            reports = [line for line in self.log.lines + self.out.lines if SANITIZER_REPORTS.search(line)]
-            assert not reports, "sanitizer reports:\n" + "\n".join(self.log.lines[-400:])
+            assert (
+                self.ended_as_expected
+            ), f"the daemon ended unexpectedly, with {self.process.wait()}:\n{self.tail()}"
+            report = self.sanitizer_report()
+            assert not report, "sanitizer report:\n" + "\n".join(report)
         finally:
             if self.running():
                 self.process.kill()
                 self.process.wait()
 
+    def sanitizer_report(self) -> list[str]:
+        """The lines from the first report on, or none."""
+        lines = self.log.lines
+        first = next(
+            (place for place, line in enumerate(lines) if SANITIZER_REPORTS.search(line)), len(lines)
+        )
+        return lines[first : first + 200]
+
     def tail(self) -> str:
-        return "\n".join(self.log.lines[-60:] + self.out.lines[-5:])
+        return "\n".join((self.sanitizer_report() or self.log.lines[-60:]) + self.out.lines[-5:])

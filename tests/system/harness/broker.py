@@ -14,8 +14,9 @@ class Mosquitto:
     """Can be stopped and started again on the same port, killed, or held by SIGSTOP. `extra` are further
     lines of its configuration; `users` makes names and passwords required."""
 
-    def __init__(self, work: Path, users: Optional[dict[str, str]] = None, extra: str = "",
-                 start: bool = True) -> None:
+    def __init__(
+        self, work: Path, users: Optional[dict[str, str]] = None, extra: str = "", start: bool = True
+    ) -> None:
         self.work = work
         self.users = users
         self.extra = extra
@@ -32,8 +33,15 @@ class Mosquitto:
         return f"tcp://127.0.0.1:{self.port}"
 
     def _write_config(self) -> Path:
-        lines = [f"listener {self.port} 127.0.0.1", f"user {getpass.getuser()}", "log_dest stderr",
-                 "log_type all", "connection_messages true", "set_tcp_nodelay true", "persistence false"]
+        lines = [
+            f"listener {self.port} 127.0.0.1",
+            f"user {getpass.getuser()}",
+            "log_dest stderr",
+            "log_type all",
+            "connection_messages true",
+            "set_tcp_nodelay true",
+            "persistence false",
+        ]
         if self.users is None:
             lines.append("allow_anonymous true")
         else:
@@ -58,8 +66,9 @@ class Mosquitto:
     def start(self) -> None:
         config = self._write_config()
         with self.log_path.open("ab") as log:
-            self.process = subprocess.Popen(["mosquitto", "-c", str(config)], stdin=subprocess.DEVNULL,
-                                            stdout=log, stderr=log)
+            self.process = subprocess.Popen(
+                ["mosquitto", "-c", str(config)], stdin=subprocess.DEVNULL, stdout=log, stderr=log
+            )
         wait_until(self._answers, "mosquitto listens")
 
     def _answers(self) -> bool:
@@ -95,8 +104,11 @@ class Mosquitto:
 
     def connections(self, client_id: str) -> list[str]:
         """The lines of the log on clients that came with this identifier."""
-        return [line for line in self.log_text().splitlines()
-                if "New client connected" in line and f" as {client_id} " in line]
+        return [
+            line
+            for line in self.log_text().splitlines()
+            if "New client connected" in line and f" as {client_id} " in line
+        ]
 
     def close(self) -> None:
         if self.process and self.process.poll() is None:

@@ -34,8 +34,9 @@ def merged(base: Sections, changes: Optional[Sections]) -> Sections:
 
 
 def gateway_config(udp_port: int, changes: Optional[Sections] = None) -> Sections:
-    base: Sections = {"generic": {"client_id": next_client_id(), "gw_mac": GW_MAC,
-                                  "semtech_udp_listen_port": udp_port}}
+    base: Sections = {
+        "generic": {"client_id": next_client_id(), "gw_mac": GW_MAC, "semtech_udp_listen_port": udp_port}
+    }
     return merged(base, changes)
 
 

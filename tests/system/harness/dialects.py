@@ -20,7 +20,15 @@ class Dialect:
 
 
 NATIVE = Dialect("native", "sarnivel", "gateway/rx", "gateway/tx", "gateway/stats")
-V2 = Dialect("chirpstack_v2", "chirpstack_v2", f"gateway/{_ID}/rx", f"gateway/{_ID}/tx", f"gateway/{_ID}/stats")
-V3 = Dialect("chirpstack_v3", "chirpstack", f"gateway/{_ID}/event/up", f"gateway/{_ID}/command/down",
-             f"gateway/{_ID}/event/stats", f"gateway/{_ID}/event/ack")
+V2 = Dialect(
+    "chirpstack_v2", "chirpstack_v2", f"gateway/{_ID}/rx", f"gateway/{_ID}/tx", f"gateway/{_ID}/stats"
+)
+V3 = Dialect(
+    "chirpstack_v3",
+    "chirpstack",
+    f"gateway/{_ID}/event/up",
+    f"gateway/{_ID}/command/down",
+    f"gateway/{_ID}/event/stats",
+    f"gateway/{_ID}/event/ack",
+)
 DIALECTS = (NATIVE, V2, V3)

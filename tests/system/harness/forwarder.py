@@ -52,13 +52,13 @@ class Datagram:
 class Socket:
     """One UDP socket whose datagrams are collected in order of arrival."""
 
-    def __init__(self, host: str) -> None:
+    def __init__(self, host: str, port: int = 0) -> None:
         self.received: list[Datagram] = []
         self._changed = threading.Condition()
         self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4 << 20)
-        self.socket.bind((host, 0))
-        self.socket.settimeout(0.2)
+        self.socket.bind((host, port))
+        self.socket.settimeout(0.05)
         self._open = True
         self._thread = threading.Thread(target=self._read, daemon=True)
         self._thread.start()
@@ -83,16 +83,31 @@ class Socket:
         with self._changed:
             return self.received[mark:]
 
-    def wait_for(self, kind: int, token: Optional[int] = None, timeout: float = PATIENCE, after: int = 0,
-                 count: int = 1) -> Datagram:
+    def wait_for(
+        self,
+        kind: int,
+        token: Optional[int] = None,
+        timeout: float = PATIENCE,
+        after: int = 0,
+        count: int = 1,
+    ) -> Datagram:
         """The `count`-th datagram of the kind, and of the token if one is given, behind the mark."""
+
         def look() -> Optional[Datagram]:
-            found = [datagram for datagram in self.received[after:] if len(datagram.raw) >= 4
-                     and datagram.kind == kind and token in (None, datagram.token)]
+            found = [
+                datagram
+                for datagram in self.received[after:]
+                if len(datagram.raw) >= 4 and datagram.kind == kind and token in (None, datagram.token)
+            ]
             return found[count - 1] if len(found) >= count else None
 
-        return wait_on(self._changed, look, lambda: f"datagram {kind} with token {token}; there are "
-                       f"{[datagram.raw[:80] for datagram in self.received[after:][-10:]]}", timeout)
+        return wait_on(
+            self._changed,
+            look,
+            lambda: f"datagram {kind} with token {token}; there are "
+            f"{[datagram.raw[:80] for datagram in self.received[after:][-10:]]}",
+            timeout,
+        )
 
     def close(self) -> None:
         self._open = False
@@ -112,8 +127,9 @@ class Forwarder:
     def send_raw(self, raw: bytes, sender: Optional[Socket] = None) -> None:
         (sender or self.up).socket.sendto(raw, self.target)
 
-    def push_data(self, body: Body, version: int = 2, token: Optional[int] = None,
-                  mac: bytes = PACKET_MAC) -> int:
+    def push_data(
+        self, body: Body, version: int = 2, token: Optional[int] = None, mac: bytes = PACKET_MAC
+    ) -> int:
         """Sends PUSH_DATA without waiting, and returns its token."""
         token = next_token() if token is None else token
         head = bytes([version]) + token.to_bytes(2, "little") + bytes([PUSH_DATA])
@@ -131,7 +147,9 @@ class Forwarder:
         self.send_raw(head + PACKET_MAC, self.down)
         return self.down.wait_for(PULL_ACK, token, after=mark)
 
-    def tx_ack(self, body: Body, version: int = 2, token: Optional[int] = None, mac: bytes = PACKET_MAC) -> int:
+    def tx_ack(
+        self, body: Body, version: int = 2, token: Optional[int] = None, mac: bytes = PACKET_MAC
+    ) -> int:
         token = next_token() if token is None else token
         head = bytes([version]) + token.to_bytes(2, "little") + bytes([TX_ACK])
         self.send_raw(head + mac + body_bytes(body), self.down)

@@ -55,19 +55,21 @@ class SnmpTools:
 
     def __init__(self, work: Path, address: str) -> None:
         self.address = address
-        self._environment = environment(work)
+        self.environment = environment(work)
         # The tools tell on their first run that they made a folder.
         self.run("snmptranslate", ".1")
 
     def run(self, *command: str) -> "subprocess.CompletedProcess[str]":
         return subprocess.run(
-            command, env=self._environment, capture_output=True, text=True, errors="replace", timeout=60
+            command, env=self.environment, capture_output=True, text=True, errors="replace", timeout=60
         )
 
-    def ask(self, tool: str, *arguments: str, community: str = "public", timeout: float = 10,
-            retries: int = 0) -> "subprocess.CompletedProcess[str]":
-        return self.run(tool, "-v2c", "-c", community, f"-t{timeout}", f"-r{retries}", "-OQ", "-Os", self.address,
-                        *arguments)
+    def ask(
+        self, tool: str, *arguments: str, community: str = "public", timeout: float = 10, retries: int = 0
+    ) -> "subprocess.CompletedProcess[str]":
+        """-Ir leaves it to the agent to judge a value."""
+        options = ["-v2c", "-c", community, f"-t{timeout}", f"-r{retries}", "-OQs", "-Ir"]
+        return self.run(tool, *options, self.address, *arguments)
 
     def get(self, *names: str) -> list[str]:
         """The lines "name = value" that snmpget prints."""

@@ -1,4 +1,5 @@
 """A client of the test at the MQTT server: the network server's side of the talk."""
+import socket
 import threading
 from dataclasses import dataclass
 from typing import Callable, Optional
@@ -39,6 +40,7 @@ class MqttPeer:
         wait_on(self._changed, lambda: self._connected, lambda: "the test's client is connected")
 
     def _on_connect(self, _client: mqtt.Client, _data: object, _flags: dict[str, int], code: int) -> None:
+        self._client.socket().setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         with self._changed:
             self._connected = code == 0
             self._changed.notify_all()
@@ -62,6 +64,10 @@ class MqttPeer:
         """Returns when the server has taken the message."""
         self._client.publish(topic, payload, qos=qos).wait_for_publish(PATIENCE)
 
+    def publish_at_once(self, topic: str, payload: bytes) -> None:
+        """Without any acknowledgement to wait for."""
+        self._client.publish(topic, payload, qos=0)
+
     def mark(self) -> int:
         with self._changed:
             return len(self.messages)
@@ -70,11 +76,15 @@ class MqttPeer:
         with self._changed:
             return self.messages[mark:]
 
-    def wait_for(self, wanted: Callable[[Message], bool], timeout: float = PATIENCE, after: int = 0) -> Message:
+    def wait_for(
+        self, wanted: Callable[[Message], bool], timeout: float = PATIENCE, after: int = 0
+    ) -> Message:
         def look() -> Optional[Message]:
             return next((message for message in self.messages[after:] if wanted(message)), None)
 
-        return wait_on(self._changed, look, lambda: f"message; there are {self.messages[after:][-10:]}", timeout)
+        return wait_on(
+            self._changed, look, lambda: f"message; there are {self.messages[after:][-10:]}", timeout
+        )
 
     def close(self) -> None:
         self._client.disconnect()

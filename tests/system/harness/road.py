@@ -28,6 +28,7 @@ def next_marker() -> str:
 @dataclass(frozen=True)
 class Outcome:
     """What a datagram brought about."""
+
     acked: bool
     published: list[Message]
     log: list[str]
@@ -40,8 +41,14 @@ class Outcome:
 
 
 class Road:
-    def __init__(self, work: Path, dialect: Dialect, changes: Optional[Sections] = None,
-                 arguments: tuple[str, ...] = (), shares_geolocation: bool = False) -> None:
+    def __init__(
+        self,
+        work: Path,
+        dialect: Dialect,
+        changes: Optional[Sections] = None,
+        arguments: tuple[str, ...] = (),
+        shares_geolocation: bool = False,
+    ) -> None:
         self.dialect = dialect
         work.mkdir(parents=True, exist_ok=True)
         self.udp_port = free_port()
@@ -89,7 +96,7 @@ class Road:
         tokens = [ack.token for ack in self.forwarder.up.since(acks) if ack.kind == PUSH_ACK]
         published = self.peer.since(messages)
         assert tokens.count(marker_token) == 1, f"the marker's token came with others: {tokens}"
-        return Outcome(token in tokens, published[:published.index(marker)], self.bridge.log.since(log))
+        return Outcome(token in tokens, published[: published.index(marker)], self.bridge.log.since(log))
 
     def _mark(self) -> tuple[int, int, int]:
         return self.forwarder.up.mark(), self.peer.mark(), self.bridge.log.mark()

@@ -9,8 +9,9 @@ PATIENCE = 20.0
 T = TypeVar("T")
 
 
-def wait_until(condition: Callable[[], Optional[T]], what: str, timeout: float = PATIENCE,
-               step: float = 0.02) -> T:
+def wait_until(
+    condition: Callable[[], Optional[T]], what: str, timeout: float = PATIENCE, step: float = 0.02
+) -> T:
     """Looks until `condition` gives something true, and returns it."""
     end = time.monotonic() + timeout
     while True:
@@ -22,8 +23,12 @@ def wait_until(condition: Callable[[], Optional[T]], what: str, timeout: float =
         time.sleep(step)
 
 
-def wait_on(changed: threading.Condition, condition: Callable[[], Optional[T]], what: Callable[[], str],
-            timeout: float = PATIENCE) -> T:
+def wait_on(
+    changed: threading.Condition,
+    condition: Callable[[], Optional[T]],
+    what: Callable[[], str],
+    timeout: float = PATIENCE,
+) -> T:
     """As wait_until, woken by `changed`, whose lock guards what `condition` looks at."""
     end = time.monotonic() + timeout
     with changed:

@@ -1,0 +1,96 @@
+/* The endpoint manager among stand-ins: configuration, waits and library are the test's. */
+#ifndef MQTT_FIXTURE_H
+#define MQTT_FIXTURE_H
+
+#include "mqtt/background.h"
+#include "mqtt/bridge_mqtt.h"
+#include "mqtt/bridge_mqtt_ctx.h"
+#include "mqtt/fake_mqtt_client.h"
+#include "mqtt/logged_lines.h"
+
+#include <atomic>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <string>
+#include <vector>
+
+/* What the configuration says of one endpoint. */
+struct endpoint_settings {
+    const char *uri;
+    const char *user;
+    const char *pass;
+    const char *pkey_path;
+    const char *cert_path;
+    bool validates;
+    bool enabled;
+
+    /* All fields but `enabled` agree by default. */
+    static endpoint_settings common();
+};
+
+/* In the order of the endpoints. */
+extern endpoint_settings test_settings[BRIDGE_MQTT_ENDPOINTS];
+
+void test_config_set_keepalive(uint32_t seconds);
+
+/* Waits of the code under test, which last a tenth of what they ask for. */
+uint32_t test_wait_rounds();
+
+/* Runs once, inside the next wait in milliseconds. */
+void test_on_next_wait(std::function<void()> action);
+
+/* What the handlers got: "topic=payload" each, with "@mark" behind it when the context names one. */
+std::vector<std::string> delivered();
+bool wait_for_deliveries(size_t count);
+void record_delivery(const char *topic, void *context, const uint8_t *payload, uint32_t payload_size);
+
+/* Records, too, and then waits for `handler_gate`. */
+extern gate *handler_gate;
+extern std::atomic<int> gates_left; /* calls that have waited */
+void record_and_wait(const char *topic, void *context, const uint8_t *payload, uint32_t payload_size);
+
+/* Subscribes one topic. */
+int subscribe(bridge_mqtt_endpoint_t endpoint, const char *topic,
+              bridge_mqtt_handler_t handler = record_delivery, const char *mark = nullptr);
+int unsubscribe(bridge_mqtt_endpoint_t endpoint, const char *topic);
+int publish(bridge_mqtt_endpoint_t endpoint, const char *topic = "up", const std::string &payload = "x");
+
+bool is_delivery_thread_alive();
+
+/* Checks at the end of each test that the library was used well and nothing of it is left. */
+class BridgeMqtt : public testing::Test
+{
+  protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    log_capture log;
+};
+
+/* Initialised, with all three endpoints in one group. */
+class BridgeMqttShared : public BridgeMqtt
+{
+  protected:
+    void SetUp() override;
+};
+
+/* Each endpoint on a server of its own. */
+class BridgeMqttSeparate : public BridgeMqtt
+{
+  protected:
+    void SetUp() override;
+};
+
+/* The statement runs in a process of its own, in which only this test runs. */
+class BridgeMqttDeath : public testing::Test
+{
+  protected:
+    void SetUp() override;
+};
+
+void on_test_connection_lost(int32_t code, void *context);
+
+/* The calls of on_test_connection_lost: code and context. */
+std::vector<std::pair<int32_t, void *>> reported_losses();
+
+#endif

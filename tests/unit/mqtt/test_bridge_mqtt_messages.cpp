@@ -1,0 +1,463 @@
+/* The road of a message from the library's thread through the queue to the handlers, and what may happen to
+ * its connection on the way. Calls of fake_mqtt_arrive on a thread of their own play the library's thread. */
+#include "mqtt/mqtt_fixture.h"
+
+#include <array>
+#include <cstdlib>
+#include <cstring>
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Not;
+
+static constexpr auto NS = BRIDGE_MQTT_EP_NS;
+static constexpr auto OAM = BRIDGE_MQTT_EP_OAM;
+
+/* Rounds after which a thread that waits would have given up, had it a limit. */
+static constexpr uint32_t MANY_ROUNDS = 300;
+
+static thread_local bool malloc_fails;
+static thread_local bool strdup_fails;
+static thread_local gate *strdup_gate;
+
+extern "C" {
+void *__real_malloc(size_t size);
+char *__real_strdup(const char *text);
+
+void *__wrap_malloc(size_t size)
+{
+    return malloc_fails ? nullptr : __real_malloc(size);
+}
+
+char *__wrap_strdup(const char *text)
+{
+    if (strdup_gate != nullptr) {
+        EXPECT_TRUE(strdup_gate->wait());
+    }
+    return strdup_fails ? nullptr : __real_strdup(text);
+}
+}
+
+class BridgeMqttMessages : public BridgeMqttShared
+{
+  protected:
+    void SetUp() override
+    {
+        BridgeMqttShared::SetUp();
+        ASSERT_EQ(bridge_mqtt_connect(NS), 0);
+        ASSERT_EQ(bridge_mqtt_connect(OAM), 0);
+        fake_mqtt_take_calls();
+        log.lines();
+    }
+
+    /* Subscribes the topic "hold" with a handler that waits, and keeps it there with the message "0". */
+    void hold_handler(bridge_mqtt_endpoint_t endpoint)
+    {
+        handler_gate = &handler;
+        EXPECT_EQ(subscribe(endpoint, "hold", record_and_wait), 0);
+        EXPECT_EQ(fake_mqtt_arrive(1, "hold", "0"), 1);
+        EXPECT_TRUE(wait_until([this] { return handler.is_waited_for(); }));
+    }
+
+    /* Puts as many messages behind it as the queue takes. Returns the number of all. */
+    size_t fill_queue()
+    {
+        hold_handler(NS);
+        for (size_t i = 1; i <= BRIDGE_DELIVERY_MAX_ITEMS; i++)
+            EXPECT_EQ(fake_mqtt_arrive(1, "hold", std::to_string(i)), 1);
+        return BRIDGE_DELIVERY_MAX_ITEMS + 1;
+    }
+
+    static bool waits_on(const background &thread)
+    {
+        const uint32_t before = test_wait_rounds();
+        EXPECT_TRUE(wait_until(
+            [before, &thread] { return thread.has_ended() || test_wait_rounds() > before + MANY_ROUNDS; }));
+        return !thread.has_ended();
+    }
+
+    gate handler; /* outlives the delivery thread, which ends in TearDown */
+};
+
+/* ---- one message ---- */
+
+TEST_F(BridgeMqttMessages, MessageIsCopiedFreedAndHandedOn)
+{
+    ASSERT_EQ(subscribe(NS, "down", record_delivery, "ctx"), 0);
+    log.lines();
+    const std::string payload("a\0b", 3);
+    EXPECT_EQ(fake_mqtt_arrive(1, "down", payload), 1);
+    EXPECT_EQ(fake_mqtt_live_blocks(), 0U);
+    ASSERT_TRUE(wait_for_deliveries(1));
+    EXPECT_THAT(delivered(), ElementsAre("down=" + payload + "@ctx"));
+    EXPECT_THAT(log.lines(), ElementsAre("TRACE received a publish on topic: down"));
+}
+
+static std::atomic<const void *> seen_payload;
+
+static void note_payload(const char *topic, void *context, const uint8_t *payload, uint32_t payload_size)
+{
+    seen_payload = payload;
+    record_delivery(topic, context, payload, payload_size);
+}
+
+TEST_F(BridgeMqttMessages, EmptyPayloadIsNoNullPointer)
+{
+    ASSERT_EQ(subscribe(NS, "down", note_payload), 0);
+    EXPECT_EQ(fake_mqtt_arrive(1, "down", ""), 1);
+    ASSERT_TRUE(wait_for_deliveries(1));
+    EXPECT_THAT(delivered(), ElementsAre("down="));
+    EXPECT_NE(seen_payload, nullptr);
+}
+
+TEST_F(BridgeMqttMessages, UnreadableMessageStaysWithTheLibrary)
+{
+    ASSERT_EQ(subscribe(NS, "down"), 0);
+    log.lines();
+    std::array<char, 8> topic = {"down"};
+    MQTTClient_message message = MQTTClient_message_initializer;
+    EXPECT_EQ(fake_mqtt_arrive_raw(1, nullptr, 0, &message), 0);
+    EXPECT_EQ(fake_mqtt_arrive_raw(1, topic.data(), 0, nullptr), 0);
+    EXPECT_EQ(fake_mqtt_arrive_raw(1, topic.data(), 7, &message), 0); /* "down\0xy" */
+    EXPECT_THAT(log.lines(), IsEmpty());
+    EXPECT_EQ(fake_mqtt_arrive(1, "down", "readable"), 1);
+    ASSERT_TRUE(wait_for_deliveries(1));
+    EXPECT_THAT(delivered(), ElementsAre("down=readable"));
+}
+
+TEST_F(BridgeMqttMessages, MessageForWhichThereIsNoMemoryIsDropped)
+{
+    const struct {
+        bool *failure;
+        const char *line;
+    } cases[] = {
+        {&malloc_fails, "ERROR failed to allocate memory for MQTT message"},
+        {&strdup_fails, "ERROR failed to allocate memory for MQTT topic"},
+    };
+    ASSERT_EQ(subscribe(NS, "down"), 0);
+    for (const auto &row : cases) {
+        log.lines();
+        *row.failure = true;
+        const int result = fake_mqtt_arrive(1, "down", "lost");
+        *row.failure = false;
+        EXPECT_EQ(result, 1);
+        EXPECT_THAT(log.lines(), Contains(row.line));
+        EXPECT_EQ(fake_mqtt_live_blocks(), 0U);
+    }
+    EXPECT_EQ(fake_mqtt_arrive(1, "down", "next"), 1);
+    ASSERT_TRUE(wait_for_deliveries(1));
+    EXPECT_THAT(delivered(), ElementsAre("down=next"));
+}
+
+/* ---- order ---- */
+
+static std::atomic<int> running_handlers;
+static std::atomic<int> most_running_handlers;
+
+static void record_overlap(const char *topic, void *context, const uint8_t *payload, uint32_t payload_size)
+{
+    const int now = ++running_handlers;
+    most_running_handlers = std::max(most_running_handlers.load(), now);
+    std::this_thread::yield();
+    record_delivery(topic, context, payload, payload_size);
+    --running_handlers;
+}
+
+TEST_F(BridgeMqttMessages, HandlersRunOneAtATimeInOrderOfArrival)
+{
+    most_running_handlers = 0;
+    ASSERT_EQ(subscribe(NS, "even", record_overlap), 0);
+    ASSERT_EQ(subscribe(OAM, "odd", record_overlap), 0);
+    std::vector<std::string> sent;
+    for (int i = 0; i < 500; i++) {
+        const std::string topic = i % 2 == 0 ? "even" : "odd";
+        sent.push_back(topic + "=" + std::to_string(i));
+        EXPECT_EQ(fake_mqtt_arrive(1, topic, std::to_string(i)), 1);
+    }
+    ASSERT_TRUE(wait_for_deliveries(sent.size()));
+    EXPECT_EQ(delivered(), sent);
+    EXPECT_EQ(most_running_handlers, 1);
+}
+
+/* ---- handlers that wait ---- */
+
+TEST_F(BridgeMqttMessages, HandlerThatWaitsHoldsUpNeitherTheLibraryNorPublishes)
+{
+    handler_gate = &handler;
+    ASSERT_EQ(subscribe(NS, "hold", record_and_wait), 0);
+    background library([] {
+        for (int i = 0; i < 20; i++)
+            EXPECT_EQ(fake_mqtt_arrive(1, "hold", std::to_string(i)), 1);
+    });
+    EXPECT_TRUE(library.ends());
+    background publisher([] {
+        EXPECT_EQ(publish(NS), 0);
+        EXPECT_EQ(subscribe(OAM, "t"), 0);
+        EXPECT_EQ(unsubscribe(OAM, "t"), 0);
+    });
+    EXPECT_TRUE(publisher.ends());
+    EXPECT_TRUE(wait_for_deliveries(1));
+    EXPECT_EQ(delivered().size(), 1U);
+    handler.open();
+    EXPECT_TRUE(wait_for_deliveries(20));
+}
+
+TEST_F(BridgeMqttMessages, FullQueueHoldsTheLibraryUntilThereIsRoom)
+{
+    const size_t sent = fill_queue();
+    background library([] { EXPECT_EQ(fake_mqtt_arrive(1, "hold", "last"), 1); });
+    EXPECT_TRUE(waits_on(library));
+    handler.open();
+    EXPECT_TRUE(library.ends());
+    ASSERT_TRUE(wait_for_deliveries(sent + 1));
+    EXPECT_EQ(delivered().back(), "hold=last");
+}
+
+TEST_F(BridgeMqttMessages, QueueIsFullOfBytesToo)
+{
+    hold_handler(NS);
+    EXPECT_EQ(fake_mqtt_arrive(1, "hold", std::string(BRIDGE_DELIVERY_MAX_BYTES - 1, 'x')), 1);
+    EXPECT_EQ(fake_mqtt_arrive(1, "hold", "y"), 1);
+    background library([] { EXPECT_EQ(fake_mqtt_arrive(1, "hold", "last"), 1); });
+    EXPECT_TRUE(waits_on(library));
+    handler.open();
+    EXPECT_TRUE(library.ends());
+    EXPECT_TRUE(wait_for_deliveries(4));
+}
+
+/* The acknowledgement that the publish waits for can come by no other thread. */
+TEST_F(BridgeMqttMessages, PublishThatWaitsForTheLibrarysThreadIsNotHeldByAFullQueue)
+{
+    gate acknowledgement;
+    const size_t sent = fill_queue();
+    fake_mqtt_on("publish", [&acknowledgement] { EXPECT_TRUE(acknowledgement.wait()); });
+    background publisher([] { EXPECT_EQ(publish(NS), 0); });
+    EXPECT_TRUE(wait_until([&acknowledgement] { return acknowledgement.is_waited_for(); }));
+    background library([&acknowledgement] {
+        EXPECT_EQ(fake_mqtt_arrive(1, "hold", "last"), 1);
+        acknowledgement.open(); /* the next packet */
+    });
+    EXPECT_TRUE(library.ends());
+    EXPECT_TRUE(publisher.ends());
+    handler.open();
+    ASSERT_TRUE(wait_for_deliveries(sent + 1));
+    EXPECT_EQ(delivered().back(), "hold=last");
+}
+
+TEST_F(BridgeMqttMessages, PublishThatWaitsForRoomIsNotHeldByAFullQueue)
+{
+    fill_queue();
+    fake_mqtt_hold_acknowledgements();
+    for (int i = 0; i < 10; i++)
+        EXPECT_EQ(publish(NS), 0);
+    background publisher([] { EXPECT_EQ(publish(NS), 0); });
+    EXPECT_TRUE(wait_until([] { return fake_mqtt_token_looks() > 3; }));
+    background library([] {
+        EXPECT_EQ(fake_mqtt_arrive(1, "hold", "last"), 1);
+        fake_mqtt_acknowledge(1);
+    });
+    EXPECT_TRUE(library.ends());
+    EXPECT_TRUE(publisher.ends());
+    handler.open();
+}
+
+TEST_F(BridgeMqttMessages, PublishesThatComeThroughDoNotOpenAFullQueue)
+{
+    const size_t sent = fill_queue();
+    std::atomic<bool> enough = false;
+    background publisher([&enough] {
+        while (!enough)
+            EXPECT_EQ(publish(NS), 0);
+    });
+    background library([] { EXPECT_EQ(fake_mqtt_arrive(1, "hold", "last"), 1); });
+    EXPECT_TRUE(waits_on(library));
+    enough = true;
+    EXPECT_TRUE(publisher.ends());
+    handler.open();
+    EXPECT_TRUE(library.ends());
+    EXPECT_TRUE(wait_for_deliveries(sent + 1));
+}
+
+TEST_F(BridgeMqttMessages, MessageIsTakenWhileAPublishStaysInTheLibrary)
+{
+    ASSERT_EQ(subscribe(NS, "down"), 0);
+    gate acknowledgement;
+    fake_mqtt_on("publish", [&acknowledgement] { EXPECT_TRUE(acknowledgement.wait()); });
+    background publisher([] { EXPECT_EQ(publish(NS), 0); });
+    EXPECT_TRUE(wait_until([&acknowledgement] { return acknowledgement.is_waited_for(); }));
+    background library([] { EXPECT_EQ(fake_mqtt_arrive(1, "down", "1"), 1); });
+    EXPECT_TRUE(library.ends());
+    EXPECT_TRUE(wait_for_deliveries(1));
+    acknowledgement.open();
+}
+
+/* ---- the end of a connection under a message ---- */
+
+TEST_F(BridgeMqttMessages, QueuedMessagesOfADisconnectedEndpointReachNobody)
+{
+    fill_queue();
+    EXPECT_EQ(bridge_mqtt_disconnect(OAM), 0);
+    EXPECT_EQ(bridge_mqtt_disconnect(NS), 0);
+    EXPECT_EQ(bridge_mqtt_connect(NS), 0); /* client 2 */
+    EXPECT_EQ(subscribe(NS, "hold", record_delivery, "new"), 0);
+    EXPECT_EQ(fake_mqtt_arrive(2, "hold", "fresh"), 1);
+    handler.open();
+    EXPECT_TRUE(wait_for_deliveries(2));
+    EXPECT_THAT(delivered(), ElementsAre("hold=0", "hold=fresh@new"));
+}
+
+TEST_F(BridgeMqttMessages, QueuedMessageReachesTheUserThatIsStillConnected)
+{
+    hold_handler(OAM);
+    ASSERT_EQ(subscribe(NS, "both", record_delivery, "ns"), 0);
+    ASSERT_EQ(subscribe(OAM, "both", record_delivery, "oam"), 0);
+    EXPECT_EQ(fake_mqtt_arrive(1, "both", "1"), 1);
+    EXPECT_EQ(bridge_mqtt_disconnect(NS), 0);
+    handler.open();
+    EXPECT_TRUE(wait_for_deliveries(2));
+    EXPECT_THAT(delivered(), ElementsAre("hold=0", "both=1@oam"));
+}
+
+/* An endpoint of the group that is not connected at that moment gets nothing, subscribed or not. */
+TEST_F(BridgeMqttMessages, StaleSubscriptionsOfALostConnectionGetNothingFromTheNextUser)
+{
+    ASSERT_EQ(subscribe(NS, "t", record_delivery, "ns"), 0);
+    fake_mqtt_lose(1, nullptr);
+    ASSERT_EQ(bridge_mqtt_connect(BRIDGE_MQTT_EP_GEOLOC), 0);
+    ASSERT_EQ(subscribe(BRIDGE_MQTT_EP_GEOLOC, "t", record_delivery, "geoloc"), 0);
+    EXPECT_EQ(fake_mqtt_arrive(1, "t", "1"), 1);
+    EXPECT_EQ(fake_mqtt_arrive(1, "t", "2"), 1);
+    ASSERT_TRUE(wait_for_deliveries(2));
+    EXPECT_THAT(delivered(), ElementsAre("t=1@geoloc", "t=2@geoloc"));
+}
+
+TEST_F(BridgeMqttMessages, MessageThatArrivesDuringTheDisconnectIsLeftToTheLibrary)
+{
+    ASSERT_EQ(subscribe(OAM, "t"), 0);
+    ASSERT_EQ(bridge_mqtt_disconnect(NS), 0);
+    fake_mqtt_on("disconnect", [] {
+        background library([] { EXPECT_EQ(fake_mqtt_arrive(1, "t", "late"), 0); });
+        EXPECT_TRUE(library.ends());
+    });
+    EXPECT_EQ(bridge_mqtt_disconnect(OAM), 0);
+    EXPECT_EQ(fake_mqtt_live_blocks(), 0U);
+    EXPECT_THAT(delivered(), IsEmpty());
+}
+
+/* The library drops its queue when a session ends, and the message of the callback that runs is in it. */
+TEST_F(BridgeMqttMessages, MessageThatWaitsForRoomIsLetGoBeforeADisconnectFreesIt)
+{
+    fill_queue();
+    ASSERT_EQ(bridge_mqtt_disconnect(OAM), 0);
+    background library([] { fake_mqtt_arrive(1, "hold", "last"); });
+    EXPECT_TRUE(waits_on(library));
+    EXPECT_EQ(bridge_mqtt_disconnect(NS), 0);
+    EXPECT_TRUE(library.ends());
+    EXPECT_THAT(fake_mqtt_faults(), IsEmpty());
+    handler.open();
+}
+
+TEST_F(BridgeMqttMessages, MessageThatWaitsForRoomIsNotFreedAfterAFailingPublishDidSo)
+{
+    fill_queue();
+    background library([] { fake_mqtt_arrive(1, "hold", "last"); });
+    EXPECT_TRUE(waits_on(library));
+    fake_mqtt_break_on_publish();
+    background publisher([] { EXPECT_EQ(publish(NS), MQTTCLIENT_FAILURE); });
+    EXPECT_TRUE(publisher.ends());
+    handler.open();
+    EXPECT_TRUE(library.ends());
+    EXPECT_THAT(fake_mqtt_faults(), IsEmpty());
+}
+
+/* The message is handed over while the publish is under way; the publish then frees it. */
+static void break_a_publish_under_an_arrival()
+{
+    gate server;
+    fake_mqtt_on("publish", [&server] { EXPECT_TRUE(server.wait()); });
+    fake_mqtt_break_on_publish();
+    background publisher([] { EXPECT_EQ(publish(NS), MQTTCLIENT_FAILURE); });
+    EXPECT_TRUE(wait_until([&server] { return server.is_waited_for(); }));
+    test_on_next_wait([&server] {
+        server.open();
+        EXPECT_TRUE(wait_until([] { return !fake_mqtt_is_connected(1); }));
+    });
+    background library([] { fake_mqtt_arrive(1, "t", "gone"); });
+    EXPECT_TRUE(library.ends());
+    EXPECT_TRUE(publisher.ends());
+    EXPECT_THAT(fake_mqtt_faults(), IsEmpty());
+}
+
+TEST_F(BridgeMqttMessages, MessageFreedByAFailingPublishIsNotTouched)
+{
+    ASSERT_EQ(subscribe(NS, "t"), 0);
+    break_a_publish_under_an_arrival();
+}
+
+TEST_F(BridgeMqttSeparate, MessageFreedByAFailingPublishIsNotTouchedWhileAnotherClientLives)
+{
+    ASSERT_EQ(bridge_mqtt_connect(NS), 0);
+    ASSERT_EQ(bridge_mqtt_connect(OAM), 0);
+    ASSERT_EQ(subscribe(NS, "t"), 0);
+    break_a_publish_under_an_arrival();
+}
+
+TEST_F(BridgeMqttMessages, NoPublishEntersTheLibraryWhileAMessageIsBeingRead)
+{
+    ASSERT_EQ(subscribe(NS, "t"), 0);
+    fake_mqtt_take_calls();
+    gate reading;
+    background library([&reading] {
+        strdup_gate = &reading;
+        EXPECT_EQ(fake_mqtt_arrive(1, "t", "1"), 1);
+        strdup_gate = nullptr;
+    });
+    EXPECT_TRUE(wait_until([&reading] { return reading.is_waited_for(); }));
+    background publisher([] { EXPECT_EQ(publish(NS), 0); });
+    EXPECT_TRUE(publisher.blocks());
+    EXPECT_THAT(fake_mqtt_take_calls(), IsEmpty());
+    reading.open();
+    EXPECT_TRUE(publisher.ends());
+    EXPECT_TRUE(wait_for_deliveries(1));
+    EXPECT_THAT(delivered(), ElementsAre("t=1"));
+}
+
+TEST_F(BridgeMqttMessages, NoClientIsDestroyedUnderItsCallback)
+{
+    fill_queue();
+    background library([] { fake_mqtt_arrive(1, "hold", "last"); });
+    EXPECT_TRUE(waits_on(library));
+    background deinit([] { EXPECT_EQ(bridge_mqtt_deinit(), 0); });
+    EXPECT_TRUE(library.ends());
+    handler.open();
+    EXPECT_TRUE(deinit.ends());
+    EXPECT_THAT(fake_mqtt_faults(), IsEmpty());
+}
+
+/* ---- the end of the manager under a handler ---- */
+
+TEST_F(BridgeMqttMessages, DeinitDropsWhatIsQueued)
+{
+    fill_queue();
+    std::atomic<uint32_t> rounds = 0;
+    fake_mqtt_on("destroy", [&rounds] { rounds = test_wait_rounds(); });
+    background deinit([] { EXPECT_EQ(bridge_mqtt_deinit(), 0); });
+    /* The next round is that of the wait for the handler. */
+    EXPECT_TRUE(wait_until([&rounds] { return rounds != 0 && test_wait_rounds() > rounds; }));
+    handler.open();
+    EXPECT_TRUE(deinit.ends());
+    EXPECT_THAT(delivered(), ElementsAre("hold=0"));
+}
+
+TEST_F(BridgeMqttMessages, HandlerThatDoesNotReturnIsLeftBehind)
+{
+    fill_queue();
+    log.lines();
+    EXPECT_EQ(bridge_mqtt_deinit(), 0);
+    EXPECT_THAT(log.lines(), Contains("WARN MQTT delivery thread is held by a handler and left behind"));
+    handler.open();
+    EXPECT_TRUE(wait_until([] { return gates_left == 1; }));
+    EXPECT_TRUE(wait_until([] { return !is_delivery_thread_alive(); }));
+    EXPECT_THAT(delivered(), ElementsAre("hold=0"));
+}
