@@ -135,8 +135,8 @@ def unit_stage(build: Build) -> list[Outcome]:
 
 def system_stage(build: Build) -> list[Outcome]:
     started = time.monotonic()
-    if not build.build("snv_mqtt_bridge"):
-        return [Outcome("system tests", 0, 1, time.monotonic() - started, "the daemon does not build")]
+    if not build.build("snv_mqtt_bridge") or not build.build("lab_agent"):
+        return [Outcome("system tests", 0, 1, time.monotonic() - started, "the programs do not build")]
     announce("system tests")
     report = build.report("system")
     command = ["/usr/bin/python3", "-B", "-m", "pytest", "tests/system", "-n", SYSTEM_WORKERS]
@@ -166,7 +166,7 @@ def run_clang_tidy(command: list[str]) -> int:
 def check_stage(build: Build) -> list[Outcome]:
     tidy_files = f"^{re.escape(str(ROOT))}/src/"
     checks = {
-        "clang-format": ["clang-format", "--dry-run", "-Werror", *sources("src", "tests", "bench", "fuzz")],
+        "clang-format": ["clang-format", "--dry-run", "-Werror", *sources("src", "tests", "bench", "fuzz", "lab")],
         "clang-tidy": ["run-clang-tidy", "-quiet", "-j", JOBS, "-p", build.variant.folder, tidy_files],
         "cppcheck": [
             "cppcheck", "--quiet", "--error-exitcode=1", "-j", JOBS, "--std=c++20", "--language=c++",

@@ -20,7 +20,7 @@
 #include "requests.h"
 #include "tables.h"
 
-static constexpr size_t line_limit = 8 * 1024 * 1024;
+static constexpr size_t line_limit = 8 << 20;
 static constexpr int send_timeout_s = 5;
 
 struct connection {

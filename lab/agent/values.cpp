@@ -317,7 +317,7 @@ static long long number_of(const lab_value &value)
 {
     if (value.type == ASN_COUNTER64) {
         struct counter64 counter = read_as<struct counter64>(value.bytes);
-        return static_cast<long long>(counter.high << 32 | counter.low);
+        return static_cast<long long>(static_cast<unsigned long long>(counter.high) << 32 | counter.low);
     }
     return read_as<long>(value.bytes);
 }

@@ -5,7 +5,6 @@
 #include "common/bridge_log.h"
 #include "common/bridge_release.h"
 
-#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -38,10 +37,10 @@ static constexpr bridge_fileops_entry glob_row(const char *glob, const char *rea
                                                const char *tmst_path = nullptr)
 {
     return {.type = BRIDGE_FILEOPS_GLOB,
+            .access = access,
             .name = glob,
             .real_path = real_dir,
-            .tmst_path = tmst_path,
-            .access = access};
+            .tmst_path = tmst_path};
 }
 
 template <size_t Count>
@@ -100,11 +99,12 @@ static_assert(std::size(root_rows) == 7);
 constexpr bridge_fileops_entry fileops_root = dir_row("/", root_rows);
 
 /* By the value of the rights. No leaf is without any. */
-static constexpr std::array<const char *, 8> ACCESS_TEXTS = {"", "r", "w", "rw", "x", "rx", "wx", "rwx"};
+static constexpr const char *ACCESS_TEXTS[] = {"", "r", "w", "rw", "x", "rx", "wx", "rwx"};
+static_assert(std::size(ACCESS_TEXTS) == 8);
 
 static const char *access_text(uint32_t access)
 {
-    BRIDGE_ASSERT(access < ACCESS_TEXTS.size());
+    BRIDGE_ASSERT(access < std::size(ACCESS_TEXTS));
     return ACCESS_TEXTS[access];
 }
 
@@ -395,6 +395,7 @@ int bridge_fileops_remove(const bridge_fileops_entry *root, const char *filepath
 /* The next name that the glob matches, directories left out; null at the end. */
 static const char *next_match(DIR *dir, const bridge_fileops_entry *entry)
 {
+    // cppcheck-suppress readdirCalled; the stream is the caller's alone
     while (const dirent *found = readdir(dir)) {
         BRIDGE_TRACE("checking %s", found->d_name);
         if (strcmp(found->d_name, ".") == 0 || strcmp(found->d_name, "..") == 0 || found->d_type == DT_DIR ||
@@ -492,7 +493,7 @@ static int list_object(const char *kind, const bridge_json_field *frame, size_t 
         BRIDGE_ERROR("failed to add item to array");
         return -EIO;
     }
-    item.release();
+    (void)item.release(); /* the array's now */
     return 0;
 }
 

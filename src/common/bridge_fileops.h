@@ -24,10 +24,10 @@ enum : uint32_t {
 
 struct bridge_fileops_entry {
     bridge_fileops_type type;
+    uint32_t access;
     const char *name;      /* the exact name, or the glob */
     const char *real_path; /* the real file, or a glob's real directory; null for a directory */
     const char *tmst_path; /* timestamp file, or null */
-    uint32_t access;
     const bridge_fileops_entry *children; /* directories only; matched and listed in this order */
     uint32_t child_count;
 };

@@ -6,6 +6,7 @@
 #include "common/bridge_release.h"
 #include "common/bridge_wait.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -24,10 +25,10 @@ static constexpr int NOTHING_LEFT = 1;
 static int clean_dir(const bridge_fileops_watch_dir *dir)
 {
     const bridge_fileops_entry entry = {.type = BRIDGE_FILEOPS_GLOB,
+                                        .access = BRIDGE_FILEOPS_READ | BRIDGE_FILEOPS_WRITE,
                                         .name = dir->glob,
                                         .real_path = dir->dir,
-                                        .tmst_path = dir->tmst,
-                                        .access = BRIDGE_FILEOPS_READ | BRIDGE_FILEOPS_WRITE};
+                                        .tmst_path = dir->tmst};
     return bridge_fileops_clean_glob(&entry);
 }
 
@@ -58,12 +59,10 @@ static int clean_if_expired(const bridge_fileops_watch_dir *dir, int64_t modifie
     return rc;
 }
 
-/* Returns 1 when the row has no timestamp, 0 when it has one, or a negative errno; `stop` tells that the rows
- * after it are not looked at. */
-static int check_dir(const bridge_fileops_watch_dir *dir, bool *stop)
+/* Returns 1 when the row has no timestamp, 0 with the time when it was last made fresh, or a negative errno.
+ */
+static int query_tmst(const bridge_fileops_watch_dir *dir, int64_t *modified)
 {
-    BRIDGE_TRACE("visiting dir: %s, glob: %s, tmst: %s, timeout: [%u]", dir->dir, dir->glob, dir->tmst,
-                 dir->timeout);
     struct stat info = {};
     if (stat(dir->tmst, &info) < 0) {
         const int code = errno;
@@ -72,15 +71,14 @@ static int check_dir(const bridge_fileops_watch_dir *dir, bool *stop)
             return NOTHING_LEFT;
         }
         BRIDGE_ERROR("failed to query timestamp file info: %m");
-        *stop = true;
         return -code;
     }
     if (!S_ISREG(info.st_mode)) {
         BRIDGE_ERROR("timestamp path does not point to a file");
-        *stop = true;
         return -EINVAL;
     }
-    return clean_if_expired(dir, info.st_mtime);
+    *modified = info.st_mtime;
+    return 0;
 }
 
 int bridge_fileops_check_clean(const bridge_fileops_watch_dir *dirs, size_t dirs_sz)
@@ -88,13 +86,16 @@ int bridge_fileops_check_clean(const bridge_fileops_watch_dir *dirs, size_t dirs
     BRIDGE_ASSERT(dirs);
     BRIDGE_ASSERT(dirs_sz);
     int result = NOTHING_LEFT;
-    bool stop = false;
-    for (size_t i = 0; i < dirs_sz && !stop; i++) {
-        const int rc = check_dir(&dirs[i], &stop);
-        if (stop)
+    for (size_t i = 0; i < dirs_sz; i++) {
+        BRIDGE_TRACE("visiting dir: %s, glob: %s, tmst: %s, timeout: [%u]", dirs[i].dir, dirs[i].glob,
+                     dirs[i].tmst, dirs[i].timeout);
+        int64_t modified = 0;
+        const int rc = query_tmst(&dirs[i], &modified);
+        if (rc < 0)
             return rc;
-        if (rc < result)
-            result = rc;
+        /* A file that stays is told in the end: it does not keep the rows after it from being looked at. */
+        if (rc != NOTHING_LEFT)
+            result = std::min(result, clean_if_expired(&dirs[i], modified));
     }
     return result;
 }

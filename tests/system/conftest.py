@@ -7,9 +7,11 @@ import pytest
 
 from harness.bridge import Bridge
 from harness.broker import Mosquitto
-from harness.config import Sections, gateway_config, write_config
+from harness.config import CONTROL_OFF, ControlPlane, Sections, gateway_config, merged, write_config
+from harness.control import control_on
 from harness.dialects import Dialect
 from harness.forwarder import Forwarder
+from harness.lab import LabAgent, start_agent
 from harness.mqtt_peer import MqttPeer
 from harness.road import Road
 
@@ -80,8 +82,10 @@ def own_road(tmp_path: Path, cleanup: Cleanup) -> Callable[..., Road]:
         changes: Optional[Sections] = None,
         arguments: tuple[str, ...] = (),
         shares_geolocation: bool = False,
+        control: ControlPlane = CONTROL_OFF,
     ) -> Road:
-        made = Road(tmp_path / f"road{next(numbers)}", dialect, changes, arguments, shares_geolocation)
+        work = tmp_path / f"road{next(numbers)}"
+        made = Road(work, dialect, changes, arguments, shares_geolocation, control)
         cleanup.add(made)
         return made
 
@@ -109,11 +113,26 @@ def run_config(tmp_path: Path, run_bridge: RunBridge) -> Callable[..., Bridge]:
         changes: Optional[Sections] = None,
         *arguments: str,
         env: Optional[dict[str, str]] = None,
+        control: ControlPlane = CONTROL_OFF,
     ) -> Bridge:
-        path = write_config(tmp_path / "bridge.toml", gateway_config(udp_port, changes))
-        return run_bridge("-c", str(path), "-d", "-v", "4", *arguments, env=env)
+        config = gateway_config(udp_port, merged(control.changes, changes))
+        path = write_config(tmp_path / "bridge.toml", config)
+        return run_bridge("-c", str(path), "-d", "-v", "4", *control.arguments, *arguments, env=env)
 
     return run
+
+
+@pytest.fixture
+def agent(tmp_path: Path, cleanup: Cleanup) -> LabAgent:
+    made = start_agent(tmp_path)
+    cleanup.add(made)
+    return made
+
+
+@pytest.fixture
+def control_plane(agent: LabAgent) -> ControlPlane:
+    """Settings for tests in which the control plane runs."""
+    return control_on(agent.address)
 
 
 @pytest.fixture

@@ -7,7 +7,9 @@ import pytest
 
 from harness.bridge import Bridge
 from harness.broker import Mosquitto
-from harness.config import Sections, gateway_config, toml_text
+from harness.config import CONTROL_AS_CONFIGURED, ControlPlane, Sections, gateway_config, toml_text
+from harness.control import control_on
+from harness.lab import LabAgent
 from harness.ports import free_port
 
 RunBridge = Callable[..., Bridge]
@@ -26,7 +28,7 @@ def dumped(bridge: Bridge) -> dict[tuple[str, str], str]:
 @pytest.fixture
 def read_config(run_config: RunConfig) -> Callable[[Sections], dict[tuple[str, str], str]]:
     def read(changes: Sections) -> dict[tuple[str, str], str]:
-        bridge = run_config(1780, changes)
+        bridge = run_config(1780, changes, control=CONTROL_AS_CONFIGURED)
         assert bridge.wait_exit() == NO_ENDPOINTS
         return dumped(bridge)
 
@@ -213,7 +215,7 @@ def test_missing_sections_and_keys_are_no_failure(run_config: RunConfig) -> None
 def test_a_configuration_without_any_endpoint_is_refused(
     run_config: RunConfig, changes: Sections, arguments: tuple[str, ...]
 ) -> None:
-    bridge = run_config(free_port(), changes, *arguments)
+    bridge = run_config(free_port(), changes, *arguments, control=CONTROL_AS_CONFIGURED)
     assert bridge.wait_exit() == NO_ENDPOINTS
     assert bridge.log.find("no endpoints are enabled, check your configuration")
     assert bridge.log.find("cannot initialize MQTT subsystem, aborting...")
@@ -238,17 +240,18 @@ DEFERRED = "OA&M is enabled: deffering all other services until O&AM connection 
 )
 def test_which_settings_switch_the_control_plane_on(
     run_config: RunConfig,
-    broker: Mosquitto,
+    make_broker: Callable[..., Mosquitto],
+    agent: LabAgent,
     ns_type: str,
     own_oam: bool,
     arguments: tuple[str, ...],
     shared: bool,
     control_plane: bool,
 ) -> None:
-    changes: Sections = {"ns": {"url": broker.url, "type": ns_type}}
+    changes: Sections = {"ns": {"url": make_broker().url, "type": ns_type}}
     if own_oam:
-        changes["oam"] = {"url": "tcp://127.0.0.1:1", "gw_user": "other"}
-    bridge = run_config(free_port(), changes, *arguments)
+        changes["oam"] = {"url": make_broker().url, "gw_user": "other"}
+    bridge = run_config(free_port(), changes, *arguments, control=control_on(agent.address))
     bridge.wait_connected()
     assert bool(bridge.log.find(SHARED)) == shared
     assert bool(bridge.log.find(DEFERRED)) == control_plane

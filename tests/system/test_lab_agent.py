@@ -15,7 +15,9 @@ from harness.object_names import COLUMNS, SCALARS
 from harness.ports import free_port
 from harness.waiting import wait_until
 
-OBJECTS = re.findall(r"^(\w+) OBJECT-TYPE\n    SYNTAX +(.+)\n    MAX-ACCESS +(\S+)", MIB_FILE.read_text(), re.M)
+OBJECTS = re.findall(
+    r"^(\w+) OBJECT-TYPE\n    SYNTAX +(.+)\n    MAX-ACCESS +(\S+)", MIB_FILE.read_text(), re.M
+)
 NOTIFICATIONS = {
     "hmAlarmNotification": "1.3.6.1.4.1.59317.3.5.200.0.20",
     "hmFaultNotification": "1.3.6.1.4.1.59317.3.5.200.0.21",
@@ -28,7 +30,15 @@ STANDARD_PLACES = {
     "ipAdEntAddr": "1.3.6.1.2.1.4.20.1.1",
     "ipAdEntIfIndex": "1.3.6.1.2.1.4.20.1.2",
 }
-SYNTAX_TYPES = {"INTEGER", "OCTET STRING", "IpAddress", "Counter32", "Gauge32", "TimeTicks", "OBJECT IDENTIFIER"}
+SYNTAX_TYPES = {
+    "INTEGER",
+    "OCTET STRING",
+    "IpAddress",
+    "Counter32",
+    "Gauge32",
+    "TimeTicks",
+    "OBJECT IDENTIFIER",
+}
 
 
 @pytest.fixture(scope="module")
@@ -74,7 +84,8 @@ def oid_bytes(text: str) -> bytes:
 def translate(tools: SnmpTools, options: list[str], names: list[str]) -> list[str]:
     done = tools.run("snmptranslate", *options, *names)
     assert done.returncode == 0 and done.stderr == "", done.stderr
-    return done.stdout.split()
+    numbers: list[str] = done.stdout.split()
+    return numbers
 
 
 def test_every_object_resolves_by_its_name_alone_and_back(tools: SnmpTools) -> None:
@@ -111,7 +122,9 @@ def test_the_mib_imports_nothing_and_is_read_without_complaint(tools: SnmpTools)
     assert "IMPORTS" not in MIB_FILE.read_text()
     done = tools.run("snmptranslate", "-Pu", "-Pe", "-Pc", "-PW", "-Tp")
     assert done.returncode == 0 and done.stderr == ""
-    assert {syntax for _, syntax, _ in OBJECTS if "SEQUENCE" not in syntax and "Entry" not in syntax} <= SYNTAX_TYPES
+    assert {
+        syntax for _, syntax, _ in OBJECTS if "SEQUENCE" not in syntax and "Entry" not in syntax
+    } <= SYNTAX_TYPES
 
 
 # --- the default scenario ---
@@ -120,13 +133,16 @@ def test_the_mib_imports_nothing_and_is_read_without_complaint(tools: SnmpTools)
 def walk(tools: SnmpTools, *options: str) -> list[str]:
     done = tools.run("snmpbulkwalk", "-v2c", "-c", "public", *options, tools.address, ".1")
     assert done.returncode == 0, done.stderr
-    return done.stdout.splitlines()
+    lines: list[str] = done.stdout.splitlines()
+    return lines
 
 
 def test_the_gateway_has_every_object_of_the_mib(agent: LabAgent, own_tools: SnmpTools) -> None:
     served = {line.split(".")[0] for line in walk(own_tools, "-Oqs", "-Cc")}
     readable = {name for name, _, access in OBJECTS if access.startswith("read")}
-    missing = {name for name in readable - served if not name.startswith(("radioRxDbfsToDbmAnt", "hmFaultCurrent"))}
+    missing = {
+        name for name in readable - served if not name.startswith(("radioRxDbfsToDbmAnt", "hmFaultCurrent"))
+    }
     assert missing == set()
     assert agent.problems() == [] and agent.errors.read_text() == ""
 
@@ -275,10 +291,23 @@ def test_a_ping_counts_down_and_tells_what_came_back(
     agent: LabAgent, own_tools: SnmpTools, destination: str, received: int
 ) -> None:
     own_tools.set(
-        "utilPingCount.0", "=", "2", "utilPingDestination.0", "=", destination, "utilPingExecute.0", "=", "1000001"
+        "utilPingCount.0",
+        "=",
+        "2",
+        "utilPingDestination.0",
+        "=",
+        destination,
+        "utilPingExecute.0",
+        "=",
+        "1000001",
     )
     seen = {agent.get("utilPingExecute.0")}
-    wait_until(lambda: seen.add(agent.get("utilPingExecute.0")) or 0 in seen, "the ping ends")
+
+    def has_ended() -> bool:
+        seen.add(agent.get("utilPingExecute.0"))
+        return 0 in seen
+
+    wait_until(has_ended, "the ping ends")
     assert seen <= {2, 1, 0} and len(seen) > 1
     assert own_tools.get("utilPingReceivedCount.0") == [f"utilPingReceivedCount.0 = {received}"]
 
@@ -301,7 +330,9 @@ def test_a_restore_ends_in_success(agent: LabAgent, own_tools: SnmpTools) -> Non
 def test_radio_counters_are_reset(agent: LabAgent, own_tools: SnmpTools) -> None:
     assert agent.get("radioStatisticsNumRxPackets.0") > 0
     own_tools.set("radioStatisticsResetCounters.0", "=", "1000001")
-    counters = [name for name, syntax, _ in OBJECTS if name.startswith("radioStatistics") and syntax == "Counter32"]
+    counters = [
+        name for name, syntax, _ in OBJECTS if name.startswith("radioStatistics") and syntax == "Counter32"
+    ]
     assert len(counters) == 7
     assert {agent.get(f"{name}.0") for name in counters} == {0}
 
@@ -314,20 +345,25 @@ def test_the_version_type_chooses_the_list(agent: LabAgent, own_tools: SnmpTools
 
 
 def test_a_description_is_looked_up_by_its_selector(agent: LabAgent, own_tools: SnmpTools) -> None:
-    for number, text in ((7, "Enclosure door is open"), (3, "Enclosure temperature is high"), (99, "Unknown alarm")):
+    for number, text in (
+        (7, "Enclosure door is open"),
+        (3, "Enclosure temperature is high"),
+        (99, "Unknown alarm"),
+    ):
         own_tools.set("hmAlarmDescriptionId.0", "=", str(number))
         assert own_tools.get("hmAlarmDescriptionText.0") == [f'hmAlarmDescriptionText.0 = "{text}"']
     own_tools.set("hmFaultDescriptionId.0", "=", "12")
-    assert own_tools.get("hmFaultDescriptionText.0") == ['hmFaultDescriptionText.0 = "GNSS antenna is not connected"']
+    assert own_tools.get("hmFaultDescriptionText.0") == [
+        'hmFaultDescriptionText.0 = "GNSS antenna is not connected"'
+    ]
 
 
 WAITING = "Waiting for modem's response"
 
 
 def wait_modem(agent: LabAgent) -> str:
-    return wait_until(
-        lambda: (text := agent.get("wmPdpLastOperationStatus.0")) != WAITING and text, "the modem answers"
-    )
+    wait_until(lambda: agent.get("wmPdpLastOperationStatus.0") != WAITING, "the modem answers")
+    return str(agent.get("wmPdpLastOperationStatus.0"))
 
 
 def test_a_profile_is_added_and_removed_by_the_modem(agent: LabAgent, own_tools: SnmpTools) -> None:
@@ -375,8 +411,15 @@ def test_a_rule_that_is_triggered_again_starts_anew(agent: LabAgent, own_tools: 
 
 def test_the_scan_fills_a_blob_of_the_size_asked(agent: LabAgent, own_tools: SnmpTools) -> None:
     own_tools.set(
-        "utilSpectralScanNum125kChan.0", "=", "2", "utilSpectralScanNum500kChan.0", "=", "1",
-        "utilSpectralScanExecute.0", "=", "1000001",
+        "utilSpectralScanNum125kChan.0",
+        "=",
+        "2",
+        "utilSpectralScanNum500kChan.0",
+        "=",
+        "1",
+        "utilSpectralScanExecute.0",
+        "=",
+        "1000001",
     )
     wait_until(lambda: agent.get("utilSpectralScanProgress.0") == 100, "the scan ends")
     blob = agent.get("utilSpectralScanResultsDataBlob.0")
@@ -404,8 +447,9 @@ def trap_port() -> Iterator[TrapPort]:
     port.close()
 
 
-@pytest.mark.parametrize("kind, oid", [("alarm", "1.3.6.1.4.1.59317.3.5.200.0.20"),
-                                       ("fault", "1.3.6.1.4.1.59317.3.5.200.0.21")])
+@pytest.mark.parametrize(
+    "kind, oid", [("alarm", "1.3.6.1.4.1.59317.3.5.200.0.20"), ("fault", "1.3.6.1.4.1.59317.3.5.200.0.21")]
+)
 def test_a_condition_that_is_raised_or_cleared_notifies(
     agent: LabAgent, own_tools: SnmpTools, trap_port: TrapPort, kind: str, oid: str
 ) -> None:
@@ -439,7 +483,9 @@ def test_an_alarm_without_notification_sends_nothing(agent: LabAgent, trap_port:
 
 def test_a_notification_of_any_form_can_be_sent(agent: LabAgent, trap_port: TrapPort) -> None:
     agent.do({"trap_to": trap_port.address})
-    agent.do({"notify": {"oid": "1.3.6.1.4.1.59317.9", "form": "inform", "variables": [["sysName.0", "extra"]]}})
+    agent.do(
+        {"notify": {"oid": "1.3.6.1.4.1.59317.9", "form": "inform", "variables": [["sysName.0", "extra"]]}}
+    )
     datagram = trap_port.receive()
     assert b"\xa6" in datagram and oid_bytes("1.3.6.1.4.1.59317.9") in datagram and b"extra" in datagram
     agent.do({"notify": {"raw": True, "variables": [["sysName.0", "alone"]]}})
@@ -459,14 +505,18 @@ def test_a_late_answer_comes_late_and_holds_nobody_up(agent: LabAgent, own_tools
         text=True,
         env=own_tools.environment,
     )
-    wait_until(lambda: [entry for entry in agent.requests() if entry["outcome"] == "late"], "the request arrives")
+    wait_until(
+        lambda: [entry for entry in agent.requests() if entry["outcome"] == "late"], "the request arrives"
+    )
     assert own_tools.get("moduleRevision.0") == ['moduleRevision.0 = "C"']
     assert late.poll() is None
     output, _ = late.communicate(timeout=20)
     assert "SNV-GW-8C" in output and time.monotonic() - begun >= 1.2
 
 
-def test_a_silent_object_gets_no_answer_and_every_attempt_is_logged(agent: LabAgent, own_tools: SnmpTools) -> None:
+def test_a_silent_object_gets_no_answer_and_every_attempt_is_logged(
+    agent: LabAgent, own_tools: SnmpTools
+) -> None:
     agent.fault("moduleName", silent=True)
     done = own_tools.ask("snmpget", "moduleName.0", timeout=0.1, retries=2)
     assert "Timeout" in done.stderr
@@ -475,8 +525,10 @@ def test_a_silent_object_gets_no_answer_and_every_attempt_is_logged(agent: LabAg
     assert own_tools.get("moduleName.0") == ['moduleName.0 = "SNV-GW-8C"']
 
 
-@pytest.mark.parametrize("error, printed", [("genErr", "(genError)"), ("tooBig", "(tooBig)"),
-                                            ("authorizationError", "authorizationError")])
+@pytest.mark.parametrize(
+    "error, printed",
+    [("genErr", "(genError)"), ("tooBig", "(tooBig)"), ("authorizationError", "authorizationError")],
+)
 def test_an_error_status_is_answered(agent: LabAgent, own_tools: SnmpTools, error: str, printed: str) -> None:
     agent.fault("moduleName.0", error=error, on="get")
     assert printed in own_tools.ask("snmpget", "moduleName.0").stderr
@@ -484,7 +536,11 @@ def test_an_error_status_is_answered(agent: LabAgent, own_tools: SnmpTools, erro
 
 @pytest.mark.parametrize(
     "exception, printed",
-    [("noSuchObject", "No Such Object"), ("noSuchInstance", "No Such Instance"), ("endOfMibView", "No more variables")],
+    [
+        ("noSuchObject", "No Such Object"),
+        ("noSuchInstance", "No Such Instance"),
+        ("endOfMibView", "No more variables"),
+    ],
 )
 def test_an_exception_stands_in_for_a_value(
     agent: LabAgent, own_tools: SnmpTools, exception: str, printed: str
@@ -602,7 +658,10 @@ def test_it_ends_cleanly_and_leaves_nothing(tmp_path: Path) -> None:
         ("[]", "no JSON object"),
         ('{"scalers": {}}', "unknown section: scalers"),
         ('{"scalars": {"moduleNam.0": "x"}}', "no such instance can be: moduleNam.0"),
-        ('{"tables": {"ifTable": {"rows": [{"ifDescription": "x"}]}}}', "ifTable has no column ifDescription"),
+        (
+            '{"tables": {"ifTable": {"rows": [{"ifDescription": "x"}]}}}',
+            "ifTable has no column ifDescription",
+        ),
         ('{"rules": [{"on_set": "nothing.0", "do": []}]}', "bad rule"),
         ('{"rules": [{"on_set": "lumoReset.0", "do": [{"if": {}, "then": [{"leap": 1}]}]}]}', "unknown step"),
     ],

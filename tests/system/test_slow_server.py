@@ -8,6 +8,7 @@ import pytest
 from conftest import Cleanup
 from harness.bridge import Bridge
 from harness.broker import Mosquitto
+from harness.config import CONTROL_OFF, ControlPlane
 from harness.dialects import NATIVE
 from harness.forwarder import PULL_RESP, Forwarder, body_bytes
 from harness.mqtt_peer import Message
@@ -27,13 +28,19 @@ class Rig:
     """The daemon between a forwarder and a scripted server."""
 
     def __init__(
-        self, run_config: Callable[..., Bridge], cleanup: Cleanup, keepalive: int = 60, **sections: Any
+        self,
+        run_config: Callable[..., Bridge],
+        cleanup: Cleanup,
+        keepalive: int = 60,
+        control: ControlPlane = CONTROL_OFF,
+        **sections: Any,
     ) -> None:
         self.server = ScriptedServer()
         cleanup.add(self.server)
         port = free_port()
         generic = {"mqtt_keepalive_interval": keepalive}
-        self.bridge = run_config(port, {"ns": {"url": self.server.url}, "generic": generic, **sections})
+        changes = {"ns": {"url": self.server.url}, "generic": generic, **sections}
+        self.bridge = run_config(port, changes, control=control)
         self.forwarder = Forwarder(port)
         cleanup.add(self.forwarder)
         self.bridge.wait_connected()
@@ -168,17 +175,25 @@ def test_uplinks_to_a_halted_server_go_out_when_it_goes_on(own_road: Callable[..
 
 @pytest.mark.waits_long
 def test_a_restart_while_the_worker_and_a_handler_wait_comes_through(
-    run_config: Callable[..., Bridge], cleanup: Cleanup, broker: Mosquitto
+    run_config: Callable[..., Bridge],
+    cleanup: Cleanup,
+    make_broker: Callable[..., Mosquitto],
+    control_plane: ControlPlane,
 ) -> None:
     """The lost connection of another server asks for the restart; the pipe is full, the worker busy."""
-    rig = Rig(run_config, cleanup, geoloc={"url": broker.url})
+    broker, oam = make_broker(), make_broker()
+    servers = {"geoloc": {"url": broker.url}, "oam": {"url": oam.url}}
+    rig = Rig(run_config, cleanup, control=control_plane, **servers)
     rig.bridge.wait_for_log("UDP bridge is connected to geoloc")
     rig.hold_the_worker()
     for number in range(PIPE_SLOTS + 2):
         rig.server.publish(NATIVE.downlink, full_downlink(number))
     rig.bridge.wait_for_log("bytes written to pipe: [4096]", count=PIPE_SLOTS)
     broker.kill()
-    rig.bridge.wait_for_log("ctrlplane deinit complete")
+    rig.bridge.wait_for_log("ctrlplane restart requested")
+    rig.bridge.wait_for_log("stopping capabilities service")
+    assert not rig.bridge.log.find("ctrlplane deinit complete"), "one publish holds up all endpoints"
     rig.server.release()
+    rig.bridge.wait_for_log("ctrlplane deinit complete")
     rig.bridge.wait_for_log("UDP bridge is deinitialized")
     rig.bridge.wait_connected(timeout=40, after=rig.bridge.log.mark())

@@ -7,6 +7,7 @@ import pytest
 
 from harness.bridge import CONNECTED, Bridge, log_time
 from harness.broker import Mosquitto
+from harness.config import ControlPlane
 from harness.dialects import NATIVE, V2, V3, Dialect
 from harness.forwarder import Forwarder, body_bytes
 from harness.mqtt_peer import MqttPeer
@@ -50,11 +51,15 @@ def passes(road: Road) -> bool:
 
 
 def test_a_server_that_is_down_at_start_is_reached_when_it_comes_up(
-    run_config: RunConfig, make_broker: MakeBroker, make_peer: MakePeer, make_forwarder: MakeForwarder
+    run_config: RunConfig,
+    make_broker: MakeBroker,
+    make_peer: MakePeer,
+    make_forwarder: MakeForwarder,
+    control_plane: ControlPlane,
 ) -> None:
-    broker = make_broker(start=False)
+    broker, oam = make_broker(start=False), make_broker()
     port = free_port()
-    bridge = run_config(port, {"ns": {"url": broker.url}})
+    bridge = run_config(port, {"ns": {"url": broker.url}, "oam": {"url": oam.url}}, control=control_plane)
     bridge.wait_for_log(re.compile(r"failed to connect with MQTT code: \[-?\d+\]"))
     bridge.wait_for_log("failed to connect to NS")
     bridge.wait_for_log(ALL_FAILED)
@@ -117,8 +122,10 @@ def kill_and_restart_the_server(road: Road) -> None:
     road.bridge.wait_for_log(CONNECTED, count=2)
 
 
-def test_a_server_killed_under_traffic_restarts_both_planes(own_road: OwnRoad, make_peer: MakePeer) -> None:
-    road = own_road(NATIVE).wait_ready()
+def test_a_server_killed_under_traffic_restarts_both_planes(
+    own_road: OwnRoad, make_peer: MakePeer, control_plane: ControlPlane
+) -> None:
+    road = own_road(NATIVE, control=control_plane).wait_ready()
     with Traffic(road.forwarder) as traffic:
         road.peer.wait_for(lambda message: "traffic000010" in message.text)
         kill_and_restart_the_server(road)
@@ -129,7 +136,8 @@ def test_a_server_killed_under_traffic_restarts_both_planes(own_road: OwnRoad, m
     last = traffic.sent[-1]
     road.forwarder.wait_push_ack(last.token)
     road.peer.wait_for(lambda message: last.data in message.text)
-    published = {message.text.split('"phyPayload":"')[1][:13] for message in road.peer.messages}
+    uplinks = [each.text for each in road.peer.messages if each.topic == road.dialect.uplink]
+    published = {text.split('"phyPayload":"')[1][:13] for text in uplinks}
     assert {each.data for each in traffic.sent[first:]} <= published
     acknowledged = traffic.acknowledged()
     assert {each.token for each in traffic.sent[first:]} <= acknowledged
@@ -201,8 +209,10 @@ def test_a_second_lost_connection_asks_for_no_second_restart(own_road: OwnRoad, 
     assert len(road.bridge.log.find("mqtt connection to the server failed")) == 2
 
 
-def test_a_lost_geolocation_server_restarts_everything(own_road: OwnRoad, broker: Mosquitto) -> None:
-    road = own_road(NATIVE, {"geoloc": {"url": broker.url}}).wait_ready()
+def test_a_lost_geolocation_server_restarts_everything(
+    own_road: OwnRoad, broker: Mosquitto, control_plane: ControlPlane
+) -> None:
+    road = own_road(NATIVE, {"geoloc": {"url": broker.url}}, control=control_plane).wait_ready()
     road.bridge.wait_for_log(GEO_CONNECTED)
     broker.kill()
     road.bridge.wait_for_log(WHOLE_RESTART)
@@ -268,8 +278,10 @@ def test_a_failed_send_to_the_network_server_reconnects_it_alone(
     assert "disconnected" not in geoloc.log_text(), "the geolocation server's connection stays up"
 
 
-def test_without_data_endpoints_the_loop_only_ticks(run_config: RunConfig) -> None:
-    bridge = run_config(free_port(), {"oam": {"url": "tcp://127.0.0.1:1"}})
+def test_without_data_endpoints_the_loop_only_ticks(
+    run_config: RunConfig, broker: Mosquitto, control_plane: ControlPlane
+) -> None:
+    bridge = run_config(free_port(), {"oam": {"url": broker.url}}, control=control_plane)
     started = bridge.wait_for_log("ctrlplane is started")
     first = bridge.wait_for_log(TICKED)
     second = bridge.wait_for_log(TICKED, count=2)

@@ -7,6 +7,7 @@ import pytest
 
 from harness.bridge import Bridge
 from harness.broker import Mosquitto
+from harness.config import ControlPlane
 from harness.dialects import DIALECTS, NATIVE, V3, Dialect
 from harness.forwarder import Forwarder, body_bytes
 from harness.ports import free_port
@@ -23,8 +24,10 @@ DEINITIALISED = "UDP bridge is deinitialized"
 TICKED = "bridge main loop: ticking and reporting to sysmon"
 
 
-def test_a_stop_during_the_tick_tears_down_under_the_running_planes(own_road: OwnRoad) -> None:
-    road = own_road(NATIVE).wait_ready()
+def test_a_stop_during_the_tick_tears_down_under_the_running_planes(
+    own_road: OwnRoad, control_plane: ControlPlane
+) -> None:
+    road = own_road(NATIVE, control=control_plane).wait_ready()
     road.bridge.stop(SOON)
     lines = road.bridge.log.lines
     assert road.bridge.log.find(TICKED), "the sleep ends, and the pass with it"
@@ -42,11 +45,13 @@ def test_a_stop_while_the_restart_is_waited_for(run_config: RunConfig) -> None:
     assert bridge.log.find(LAST_WORDS)
 
 
-def test_a_stop_while_the_port_is_taken(run_config: RunConfig, broker: Mosquitto) -> None:
+def test_a_stop_while_the_port_is_taken(
+    run_config: RunConfig, broker: Mosquitto, control_plane: ControlPlane
+) -> None:
     port = free_port()
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as other:
         other.bind(("0.0.0.0", port))
-        bridge = run_config(port, {"ns": {"url": broker.url}})
+        bridge = run_config(port, {"ns": {"url": broker.url}}, control=control_plane)
         bridge.wait_for_log("dataplane initialization failed: restarting")
         bridge.stop(SOON)
     assert bridge.log.find("bridge is shutting down before dataplane connection is established")
@@ -95,8 +100,10 @@ def test_a_stop_after_a_lost_connection(own_road: OwnRoad) -> None:
 
 
 @pytest.mark.waits_long
-def test_a_stop_while_a_whole_restart_is_waited_for(own_road: OwnRoad) -> None:
-    road = own_road(NATIVE).wait_ready()
+def test_a_stop_while_a_whole_restart_is_waited_for(
+    own_road: OwnRoad, broker: Mosquitto, control_plane: ControlPlane
+) -> None:
+    road = own_road(NATIVE, {"oam": {"url": broker.url}}, control=control_plane).wait_ready()
     road.broker.kill()
     road.bridge.wait_for_log(DEINITIALISED)
     road.bridge.stop(SOON)

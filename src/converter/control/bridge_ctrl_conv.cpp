@@ -361,22 +361,17 @@ static ctrl_mqtt_work *copy_message(converter_ctx *ctx, const char *topic, const
     return work.release();
 }
 
-static bool is_agent_ready(converter_ctx *ctx)
-{
-    const ctx_guard guard(ctx);
-    return ctx->snmp_ready;
-}
-
+/* Without the context mutex, which a silent agent holds for many seconds: this thread brings the downlinks,
+ * too. The pool is there for as long as messages are in hand. */
 static void hand_over(converter_ctx *ctx, const char *topic, const uint8_t *payload, uint32_t payload_size)
 {
-    if (!is_agent_ready(ctx)) {
+    if (!ctx->snmp_ready) {
         BRIDGE_ERROR("SNMP is not started, ignoring request from NS");
         return;
     }
     work_owned work(copy_message(ctx, topic, payload, payload_size));
     if (!work)
         return;
-    const ctx_guard guard(ctx);
     if (thpool_add_work(ctx->pool, ctrl_mqtt_worker, work.get()) < 0) {
         BRIDGE_ERROR("failed to launch worker thread");
         return;

@@ -109,6 +109,10 @@ struct snmp_fetch {
 /* Leaves a sound variable as the first of the response. */
 static int bridge_snmp_fetch(converter_ctx *ctx, const char *oid_str, uint32_t timeout_ms, snmp_fetch *fetch)
 {
+    if (ctx->sess_handle == nullptr) {
+        BRIDGE_ERROR("synch request failed"); /* a command outlives the session while the plane is stopped */
+        return -1;
+    }
     set_timeout(ctx, timeout_ms);
     oid name[MAX_OID_LEN];
     size_t oid_len = MAX_OID_LEN;

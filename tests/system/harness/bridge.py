@@ -59,10 +59,12 @@ def leak_options() -> dict[str, str]:
     }
 
 
-def environment(extra: Optional[dict[str, str]] = None) -> dict[str, str]:
-    """No proxy, no locale, no time zone of the host; the sanitizers' options pass."""
+def environment(work: Path, extra: Optional[dict[str, str]] = None) -> dict[str, str]:
+    """No proxy, no locale, no time zone, no SNMP set-up of the host; the sanitizers' options pass."""
     kept = {key: value for key, value in os.environ.items() if key.endswith("SAN_OPTIONS")}
-    return {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C", **kept, **leak_options(), **(extra or {})}
+    snmp = {"SNMPCONFPATH": str(work / "no-snmp-configuration"), "MIBS": ""}
+    own = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C", **snmp}
+    return {**own, **kept, **leak_options(), **(extra or {})}
 
 
 def log_time(line: str) -> float:
@@ -81,7 +83,7 @@ class Bridge:
         self.process = subprocess.Popen(
             sandboxed(work, arguments),
             cwd=work,
-            env=environment(extra_env),
+            env=environment(work, extra_env),
             stdin=subprocess.DEVNULL,
             stdout=subprocess.PIPE,
             stderr=subprocess.PIPE,

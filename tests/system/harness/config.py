@@ -2,6 +2,7 @@
 import itertools
 import json
 import os
+from dataclasses import dataclass
 from pathlib import Path
 from typing import Any, Optional
 
@@ -10,6 +11,19 @@ Sections = dict[str, dict[str, Any]]
 GW_MAC = "0102030405ABCDEF"
 
 _numbers = itertools.count()
+
+
+@dataclass(frozen=True)
+class ControlPlane:
+    """What in the configuration and on the command line decides on the control plane."""
+
+    changes: Sections
+    arguments: tuple[str, ...] = ()
+
+
+# Only with a server of its own does --no-snmp keep the control plane off in every dialect.
+CONTROL_AS_CONFIGURED = ControlPlane({})
+CONTROL_OFF = ControlPlane({"oam": {"url": "tcp://127.0.0.1:1"}}, ("--no-snmp",))
 
 
 def next_client_id() -> str:

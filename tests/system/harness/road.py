@@ -10,7 +10,7 @@ from typing import Optional
 
 from .bridge import Bridge
 from .broker import Mosquitto
-from .config import Sections, gateway_config, merged, write_config
+from .config import CONTROL_OFF, ControlPlane, Sections, gateway_config, merged, write_config
 from .dialects import Dialect
 from .forwarder import PULL_RESP, PUSH_ACK, Body, Datagram, Forwarder, body_bytes
 from .mqtt_peer import Message, MqttPeer
@@ -48,6 +48,7 @@ class Road:
         changes: Optional[Sections] = None,
         arguments: tuple[str, ...] = (),
         shares_geolocation: bool = False,
+        control: ControlPlane = CONTROL_OFF,
     ) -> None:
         self.dialect = dialect
         work.mkdir(parents=True, exist_ok=True)
@@ -56,11 +57,11 @@ class Road:
         base: Sections = {"ns": {"url": self.broker.url, "type": dialect.ns_type}}
         if shares_geolocation:
             base["geoloc"] = {"url": self.broker.url}
-        self.config = gateway_config(self.udp_port, merged(base, changes))
+        self.config = gateway_config(self.udp_port, merged(merged(control.changes, base), changes))
         path = write_config(work / "bridge.toml", self.config)
         self.peer = MqttPeer(self.broker.port)
         self.peer.subscribe("#")
-        self.bridge = Bridge(work, ["-c", str(path), "-d", "-v", "4", *arguments])
+        self.bridge = Bridge(work, ["-c", str(path), "-d", "-v", "4", *control.arguments, *arguments])
         self.forwarder = Forwarder(self.udp_port)
 
     @property

@@ -107,7 +107,7 @@ class fileops_tree
                               uint32_t access)
     {
         *next_path = real_path;
-        return {.type = type, .name = name, .real_path = (next_path++)->c_str(), .access = access};
+        return {.type = type, .access = access, .name = name, .real_path = (next_path++)->c_str()};
     }
     bridge_fileops_entry glob(const char *name, const std::string &real_path, uint32_t access)
     {

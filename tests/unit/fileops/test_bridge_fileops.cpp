@@ -776,7 +776,7 @@ TEST_F(Fileops, EveryRightHasItsText)
     const std::string file = real.make_file("plain/motd", "");
     for (uint32_t access = 0; access < std::size(texts); access++) {
         const bridge_fileops_entry row = {
-            .type = BRIDGE_FILEOPS_FILE, .name = "f", .real_path = file.c_str(), .access = access};
+            .type = BRIDGE_FILEOPS_FILE, .access = access, .name = "f", .real_path = file.c_str()};
         const bridge_fileops_entry small = {
             .type = BRIDGE_FILEOPS_DIR, .name = "/", .children = &row, .child_count = 1};
         root = &small;
@@ -925,10 +925,10 @@ TEST_F(FileopsDeath, RightsAboveTheTableAreAProgrammingFault)
 {
     const std::string file = real.make_file("plain/motd");
     const bridge_fileops_entry row = {
-        .type = BRIDGE_FILEOPS_FILE, .name = "f", .real_path = file.c_str(), .access = 8};
+        .type = BRIDGE_FILEOPS_FILE, .access = 8, .name = "f", .real_path = file.c_str()};
     const bridge_fileops_entry small = {
         .type = BRIDGE_FILEOPS_DIR, .name = "/", .children = &row, .child_count = 1};
     const json_owned items(json_object_new_array());
     EXPECT_ASSERTION(bridge_fileops_scandir_to_existing_json(&small, "/", items.get()),
-                     "access < ACCESS_TEXTS.size()");
+                     "access < std::size(ACCESS_TEXTS)");
 }
