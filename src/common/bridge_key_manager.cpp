@@ -70,7 +70,8 @@ static char *read_bio(BIO *bio, size_t *size)
     return text.release();
 }
 
-/* The file is narrowed behind the write, not before it; one that holds half a key, too. */
+/* The file is narrowed behind the write, not before it. Half a key must not stay: no later start replaces a
+ * file. */
 static int write_key_file(const char *path, const char *text, size_t size)
 {
     const file_owned file(fopen(path, "we"));
@@ -78,11 +79,12 @@ static int write_key_file(const char *path, const char *text, size_t size)
         BRIDGE_ERROR("failed to open a keyfile");
         return -1;
     }
-    const bool written = fwrite(text, 1, size, file.get()) == size && fflush(file.get()) == 0;
-    if (!written)
+    if (fwrite(text, 1, size, file.get()) != size || fflush(file.get()) != 0) {
         BRIDGE_ERROR("failed to write a keyfile: %m");
-    const int result = chmod(path, KEY_MODE);
-    return written ? result : -1;
+        unlink(path);
+        return -1;
+    }
+    return chmod(path, KEY_MODE);
 }
 
 static int generate_key(const char *path)

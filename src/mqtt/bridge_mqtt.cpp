@@ -20,7 +20,7 @@ static constexpr uint32_t INFLIGHT_LOOK_US = 50;
 static constexpr uint32_t STUCK_CALL_MS = 50;
 static constexpr uint32_t STUCK_CALL_STEP_MS = 1;
 
-static constexpr uint32_t CALLBACK_RETURN_MS = 5;
+static constexpr uint32_t CALLBACK_RETURN_MS = 50;
 static constexpr uint32_t DEINIT_LIMIT_MS = 5000;
 static constexpr uint32_t DEINIT_STEP_MS = 10;
 
@@ -136,6 +136,7 @@ static int take_message(bridge_mqtt_ep_group *group, char *topic, MQTTClient_mes
         bridge_mqtt_delivery_item_new(topic, message->payload, static_cast<uint32_t>(message->payloadlen));
     if (item != nullptr) {
         item->group = group;
+        item->endpoints = group->connected_bits;
         bridge_mqtt_delivery_push(item);
     }
     MQTTClient_freeMessage(&message);
@@ -331,8 +332,10 @@ int bridge_mqtt_deinit()
     BRIDGE_DEBUG("de-initializing MQTT subsystem");
 
     mqtt_ctx.torn_down = true;
-    if (!lock_for_deinit())
+    if (!lock_for_deinit()) {
+        bridge_mqtt_delivery_stop();
         return -1;
+    }
     destroy_all_clients();
     mqtt_ctx.ep_lock.unlock();
     bridge_mqtt_delivery_stop();
@@ -513,6 +516,7 @@ int bridge_mqtt_disconnect(bridge_mqtt_endpoint_t endpoint)
     bridge_mqtt_ep_group *connected = find_group(endpoint, true);
     if (connected != nullptr) {
         connected->connected_bits &= ~bridge_mqtt_ep_bit(endpoint);
+        bridge_mqtt_delivery_forget(connected, bridge_mqtt_ep_bit(endpoint));
         if (connected->connected_bits == 0)
             result = close_connection(connected);
     }
@@ -524,7 +528,6 @@ int bridge_mqtt_disconnect(bridge_mqtt_endpoint_t endpoint)
         BRIDGE_DEBUG("destroying MQTT handle in disconnect call");
         close_messages(group);
         destroy_client(group);
-        bridge_mqtt_delivery_drop(group);
     }
     bridge_mqtt_release_subscriptions(endpoint);
     return result;

@@ -16,13 +16,19 @@ using testing::StartsWith;
 
 static bool fstat_fails = false;
 
-extern "C" int __real_fstat(int fd, struct stat *status);
-extern "C" int __wrap_fstat(int fd, struct stat *status)
+/* The one or the other, by the width of the build's file offsets; here they are the same. */
+extern "C" int __real_fstat64(int fd, struct stat *status);
+extern "C" int __wrap_fstat64(int fd, struct stat *status)
 {
     if (!fstat_fails)
-        return __real_fstat(fd, status);
+        return __real_fstat64(fd, status);
     fstat_fails = false;
     return -1;
+}
+
+extern "C" int __wrap_fstat(int fd, struct stat *status)
+{
+    return __wrap_fstat64(fd, status);
 }
 
 class ConfigToml : public testing::Test

@@ -4,7 +4,7 @@
 
 #include <array>
 #include <cstdlib>
-#include <cstring>
+#include <unistd.h>
 
 using testing::Contains;
 using testing::ElementsAre;
@@ -322,6 +322,21 @@ TEST_F(BridgeMqttMessages, QueuedMessagesOfADisconnectedEndpointReachNobody)
     EXPECT_THAT(delivered(), ElementsAre("hold=0", "hold=fresh@new"));
 }
 
+/* The client stays up for the other user meanwhile. */
+TEST_F(BridgeMqttMessages, QueuedMessagesAreNotForTheEndpointsNextConnection)
+{
+    hold_handler(OAM);
+    ASSERT_EQ(subscribe(NS, "down", record_delivery, "old"), 0);
+    EXPECT_EQ(fake_mqtt_arrive(1, "down", "stale"), 1);
+    EXPECT_EQ(bridge_mqtt_disconnect(NS), 0);
+    EXPECT_EQ(bridge_mqtt_connect(NS), 0);
+    EXPECT_EQ(subscribe(NS, "down", record_delivery, "new"), 0);
+    EXPECT_EQ(fake_mqtt_arrive(1, "down", "fresh"), 1);
+    handler.open();
+    EXPECT_TRUE(wait_for_deliveries(2));
+    EXPECT_THAT(delivered(), ElementsAre("hold=0", "down=fresh@new"));
+}
+
 TEST_F(BridgeMqttMessages, QueuedMessageReachesTheUserThatIsStillConnected)
 {
     hold_handler(OAM);
@@ -439,7 +454,35 @@ TEST_F(BridgeMqttMessages, NoPublishEntersTheLibraryWhileAMessageIsBeingRead)
     EXPECT_THAT(delivered(), ElementsAre("t=1"));
 }
 
-TEST_F(BridgeMqttMessages, NoClientIsDestroyedUnderItsCallback)
+TEST_F(BridgeMqttMessages, NoClientIsEndedUnderItsCallback)
+{
+    fill_queue();
+    ASSERT_EQ(bridge_mqtt_disconnect(OAM), 0);
+    fake_mqtt_take_calls();
+    gate late;
+    std::atomic<pid_t> library_tid = 0;
+    test_on_wait([&late, &library_tid] {
+        if (gettid() == library_tid) {
+            EXPECT_TRUE(late.wait());
+        }
+    });
+    background library([&library_tid] {
+        library_tid = gettid();
+        fake_mqtt_arrive(1, "hold", "last");
+    });
+    EXPECT_TRUE(wait_until([&late] { return late.is_waited_for(); }));
+    background disconnect([] { EXPECT_EQ(bridge_mqtt_disconnect(NS), 0); });
+    EXPECT_TRUE(waits_on(disconnect));
+    EXPECT_THAT(fake_mqtt_take_calls(), IsEmpty());
+    late.open();
+    EXPECT_TRUE(library.ends());
+    EXPECT_TRUE(disconnect.ends());
+    test_on_wait({});
+    EXPECT_THAT(fake_mqtt_take_calls(), ElementsAre("disconnect #1 in 1000", "destroy #1"));
+    handler.open();
+}
+
+TEST_F(BridgeMqttMessages, DeinitLetsGoAMessageThatWaitsForRoom)
 {
     fill_queue();
     background library([] { fake_mqtt_arrive(1, "hold", "last"); });
