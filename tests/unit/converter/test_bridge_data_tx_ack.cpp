@@ -102,6 +102,8 @@ TEST_F(DataTxAck, TextThatIsNoJsonIsNotForwarded)
                                                   "ERROR failed to process uplink message"));
     }
     EXPECT_THAT(mqtt.publishes(), IsEmpty());
+    answers_to(with_error("\"TOO_LATE\""));
+    EXPECT_THAT(published_bodies(), ElementsAre(message("TOO_LATE"))) << "nothing of it is left";
 }
 
 /* The whole message has 511 characters at most: what does not fit is refused, and the process lives on. */

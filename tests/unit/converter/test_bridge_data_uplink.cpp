@@ -341,7 +341,7 @@ TEST_F(DataUplink, TheAcknowledgementComesAfterThePublishes)
 
 /* ---- sizes ---- */
 
-TEST_F(DataUplink, TextThatIsNoJsonIsNotAcknowledged)
+TEST_F(DataUplink, TextThatIsNoJsonIsNotAcknowledgedAndIsForgotten)
 {
     start();
     for (const char *text : {"{ ", "no", "{\"rxpk\":[", "null", "  ", "]]"}) {
@@ -351,6 +351,7 @@ TEST_F(DataUplink, TextThatIsNoJsonIsNotAcknowledged)
         EXPECT_TRUE(own.has(join({"DEBUG PUSH_DATA message body: ", text})));
         EXPECT_THAT(own.complaints(), ElementsAre("ERROR failed to allocate tokener",
                                                   "ERROR failed to process uplink message"));
+        EXPECT_TRUE(is_acknowledged("{}")) << "nothing of it is left";
     }
 }
 
