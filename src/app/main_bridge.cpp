@@ -17,9 +17,11 @@
 #include <resolv.h>
 
 static constexpr const char *VERSION = "1.11.1";
+static constexpr uint32_t MAX_PORT = 65535;
 static constexpr uint32_t TICK_S = 10;
 static constexpr uint32_t RETRY_S = 10;
 static constexpr uint32_t RESTART_S = 20;
+static constexpr uint32_t LOCK_POLL_MS = 1;
 static constexpr uint32_t MONITOR_TIMEOUT_MS = 11000;
 static constexpr uint8_t MONITOR_TOLERANCE = 5;
 
@@ -34,13 +36,19 @@ void bridge_on_connection_failed(int32_t code, void *)
     if (code != 0 && code != 1)
         return;
     BRIDGE_INFO("mqtt connection to the server failed");
-    if (ctx.ctrlplane_restarting || ctx.ctrlplane_restart_requested) {
-        BRIDGE_INFO("control plane is already being restarted...no need to initiate another restart");
+    std::unique_lock<std::mutex> guard(ctx.lock, std::defer_lock);
+    while (!ctx.ctrlplane_restarting && !ctx.ctrlplane_restart_requested) {
+        /* The loop holds the lock while it stops the control plane, which waits for its threads: this may be
+         * one. */
+        if (!guard.try_lock()) {
+            bridge_wait_ms(LOCK_POLL_MS);
+            continue;
+        }
+        BRIDGE_INFO("initiating control plane restart");
+        ctx.ctrlplane_restart_requested = true;
         return;
     }
-    const std::lock_guard<std::mutex> guard(ctx.lock);
-    BRIDGE_INFO("initiating control plane restart");
-    ctx.ctrlplane_restart_requested = true;
+    BRIDGE_INFO("control plane is already being restarted...no need to initiate another restart");
 }
 
 void bridge_on_send_failed(int32_t code, void *)
@@ -371,6 +379,19 @@ static int shut_down()
     return result;
 }
 
+/* What no socket can take is refused here, where the operator sees it. */
+static int check_ports()
+{
+    const bridge_config_root *root = bridge_config_get_root_checked();
+    const uint32_t udp_port = root->generic.semtech_udp_listen_port;
+    const uint32_t status_port = root->generic.status_http_port;
+    if (udp_port >= 1 && udp_port <= MAX_PORT && status_port <= MAX_PORT)
+        return 0;
+    BRIDGE_ERROR("invalid port in the configuration: semtech_udp_listen_port %u, status_http_port %u",
+                 udp_port, status_port);
+    return -1;
+}
+
 int bridge_main(int argc, char **argv)
 {
     if (argc < 2) {
@@ -389,6 +410,8 @@ int bridge_main(int argc, char **argv)
         BRIDGE_ERROR("failed to process configuration file");
         return 1;
     }
+    if (check_ports() < 0)
+        return 1;
     install_stop_signal();
     const int result = bridge_mqtt_init(bridge_on_connection_failed);
     if (result < 0) {

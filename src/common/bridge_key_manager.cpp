@@ -70,19 +70,19 @@ static char *read_bio(BIO *bio, size_t *size)
     return text.release();
 }
 
-/* The file is narrowed behind the write, not before it. */
+/* The file is narrowed behind the write, not before it. Half a key must not stay: no later start replaces a
+ * file. */
 static int write_key_file(const char *path, const char *text, size_t size)
 {
-    {
-        const file_owned file(fopen(path, "we"));
-        if (!file) {
-            BRIDGE_ERROR("failed to open a keyfile");
-            return -1;
-        }
-        if (fwrite(text, 1, size, file.get()) != size || fflush(file.get()) != 0) {
-            BRIDGE_ERROR("failed to write a keyfile: %m");
-            return -1;
-        }
+    const file_owned file(fopen(path, "we"));
+    if (!file) {
+        BRIDGE_ERROR("failed to open a keyfile");
+        return -1;
+    }
+    if (fwrite(text, 1, size, file.get()) != size || fflush(file.get()) != 0) {
+        BRIDGE_ERROR("failed to write a keyfile: %m");
+        unlink(path);
+        return -1;
     }
     return chmod(path, KEY_MODE);
 }

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <pthread.h>
 #include <sys/time.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -41,10 +42,26 @@ static const char *last_component(const char *path)
     return slash != nullptr ? slash + 1 : path;
 }
 
+/* Held around the output, and over a fork: a child must not find the system logger's own lock taken by a
+ * thread that it does not have. */
+static pthread_mutex_t output_lock = PTHREAD_MUTEX_INITIALIZER;
+
+static void lock_output()
+{
+    pthread_mutex_lock(&output_lock);
+}
+
+static void unlock_output()
+{
+    pthread_mutex_unlock(&output_lock);
+}
+
+/* Under the output lock: a zone that changes while the daemon runs is followed. */
 static void fill_timestamp(log_timestamp *stamp)
 {
     const time_t now = time(nullptr);
     tm local = {};
+    tzset();
     localtime_r(&now, &local);
     if (strftime(stamp->date, sizeof(stamp->date), "%F %T", &local) == 0)
         strcpy(stamp->date, "FMT_ERR");
@@ -63,6 +80,9 @@ int bridge_log_init(uint32_t level, bool to_stderr)
     log_to_stderr = to_stderr;
     if (!to_stderr)
         openlog("snv_mqtt_bridge", LOG_PID, LOG_DAEMON);
+    static bool forks_are_guarded = false;
+    if (!forks_are_guarded)
+        forks_are_guarded = pthread_atfork(lock_output, unlock_output, unlock_output) == 0;
     return 0;
 }
 
@@ -87,8 +107,10 @@ void bridge_log_print_message(uint32_t level, const char *file, int line, const 
     const int caller_errno = errno;
     const char *label = level < LABELS.size() ? LABELS[level] : LABEL_ABOVE_TRACE;
     log_timestamp stamp = {};
+    lock_output();
     if (log_to_stderr)
         fill_timestamp(&stamp);
+    unlock_output();
 
     /* The caller's format is joined into the line's, so its length is known only here: the stack takes it. */
     static constexpr const char *LINE_FORMAT = "%s%s%s[%d][%s] %s:%d %s\n";
@@ -105,12 +127,14 @@ void bridge_log_print_message(uint32_t level, const char *file, int line, const 
 
     va_list arguments;
     va_start(arguments, format);
+    lock_output();
     errno = caller_errno;
     if (log_to_stderr)
         vfprintf(stderr, line_format, arguments);
     else
         vsyslog(LOG_NOTICE, line_format, arguments);
     va_end(arguments);
+    unlock_output();
     errno = caller_errno;
 }
 

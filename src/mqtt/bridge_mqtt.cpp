@@ -20,7 +20,7 @@ static constexpr uint32_t INFLIGHT_LOOK_US = 50;
 static constexpr uint32_t STUCK_CALL_MS = 50;
 static constexpr uint32_t STUCK_CALL_STEP_MS = 1;
 
-static constexpr uint32_t CALLBACK_RETURN_MS = 5;
+static constexpr uint32_t CALLBACK_RETURN_MS = 50;
 static constexpr uint32_t DEINIT_LIMIT_MS = 5000;
 static constexpr uint32_t DEINIT_STEP_MS = 10;
 
@@ -55,9 +55,10 @@ bridge_mqtt_context mqtt_ctx;
 
 bool bridge_mqtt_is_usable()
 {
+    const bool initialized = mqtt_ctx.initialized; /* read first: the end clears it last */
     if (mqtt_ctx.torn_down)
         return false;
-    BRIDGE_ASSERT(mqtt_ctx.initialized);
+    BRIDGE_ASSERT_TEXT(initialized, "mqtt_ctx.initialized");
     return true;
 }
 
@@ -84,7 +85,8 @@ bridge_mqtt_ep_group *bridge_mqtt_find_connected_group(bridge_mqtt_endpoint_t en
 /* ---- messages ---- */
 
 /* Waits until no publish is inside the library. A publish that stays there waits for the library's thread,
- * which is the caller, and so frees nothing: the caller then goes on without the lock. */
+ * which is the caller: for an acknowledgement, or, once its connection broke, for the end of that thread. The
+ * caller then goes on without the lock. */
 static std::unique_lock<std::mutex> lock_messages()
 {
     std::unique_lock<std::mutex> guard(mqtt_ctx.message_lock, std::try_to_lock);
@@ -95,10 +97,11 @@ static std::unique_lock<std::mutex> lock_messages()
     return guard;
 }
 
-/* Whether the library still owns what it has handed to a callback of `session`. */
+/* Whether the library still owns what it has handed to a callback of `session`. A publish that breaks the
+ * connection succeeds, so only the client tells. */
 static bool is_message_valid(const bridge_mqtt_ep_group *group, uint32_t session)
 {
-    return !group->closing && group->session == session;
+    return !group->closing && group->session == session && MQTTClient_isConnected(group->handle);
 }
 
 /* Holds the library's thread while the delivery queue is full, so that the server feels it; but a library
@@ -133,6 +136,7 @@ static int take_message(bridge_mqtt_ep_group *group, char *topic, MQTTClient_mes
         bridge_mqtt_delivery_item_new(topic, message->payload, static_cast<uint32_t>(message->payloadlen));
     if (item != nullptr) {
         item->group = group;
+        item->endpoints = group->connected_bits;
         bridge_mqtt_delivery_push(item);
     }
     MQTTClient_freeMessage(&message);
@@ -269,11 +273,16 @@ int bridge_mqtt_init(bridge_mqtt_connection_cb_t connection_cb)
 
 /* The library's thread touches the client once more after a callback has returned, so none may be under way
  * and the last one gets a moment to be back. */
-static void destroy_client(bridge_mqtt_ep_group *group)
+static void wait_for_callbacks(const bridge_mqtt_ep_group *group)
 {
     while (group->callbacks != 0)
         bridge_wait_ms(STUCK_CALL_STEP_MS);
     bridge_wait_ms(CALLBACK_RETURN_MS);
+}
+
+static void destroy_client(bridge_mqtt_ep_group *group)
+{
+    wait_for_callbacks(group);
     MQTTClient_destroy(&group->handle);
     group->handle = nullptr;
 }
@@ -323,8 +332,10 @@ int bridge_mqtt_deinit()
     BRIDGE_DEBUG("de-initializing MQTT subsystem");
 
     mqtt_ctx.torn_down = true;
-    if (!lock_for_deinit())
+    if (!lock_for_deinit()) {
+        bridge_mqtt_delivery_stop();
         return -1;
+    }
     destroy_all_clients();
     mqtt_ctx.ep_lock.unlock();
     bridge_mqtt_delivery_stop();
@@ -394,6 +405,7 @@ static int open_connection(bridge_mqtt_ep_group *group)
     options.ssl = &tls;
 
     const library_call call;
+    group->session++;
     const int result = MQTTClient_connect(group->handle, &options);
     if (result != 0) {
         BRIDGE_ERROR("failed to connect with MQTT code: [%d]", result);
@@ -486,6 +498,7 @@ static int close_connection(bridge_mqtt_ep_group *group)
 {
     BRIDGE_ASSERT_TEXT(group->handle, "ep_handle->handle");
     close_messages(group);
+    wait_for_callbacks(group);
     const library_call call;
     const int result = MQTTClient_disconnect(group->handle, DISCONNECT_TIMEOUT_MS);
     if (result != 0)
@@ -503,6 +516,7 @@ int bridge_mqtt_disconnect(bridge_mqtt_endpoint_t endpoint)
     bridge_mqtt_ep_group *connected = find_group(endpoint, true);
     if (connected != nullptr) {
         connected->connected_bits &= ~bridge_mqtt_ep_bit(endpoint);
+        bridge_mqtt_delivery_forget(connected, bridge_mqtt_ep_bit(endpoint));
         if (connected->connected_bits == 0)
             result = close_connection(connected);
     }
@@ -514,7 +528,6 @@ int bridge_mqtt_disconnect(bridge_mqtt_endpoint_t endpoint)
         BRIDGE_DEBUG("destroying MQTT handle in disconnect call");
         close_messages(group);
         destroy_client(group);
-        bridge_mqtt_delivery_drop(group);
     }
     bridge_mqtt_release_subscriptions(endpoint);
     return result;

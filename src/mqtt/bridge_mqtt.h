@@ -24,7 +24,8 @@ using bridge_mqtt_connection_cb_t = void (*)(int32_t code, void *context);
 int bridge_mqtt_init(bridge_mqtt_connection_cb_t connection_cb);
 
 /* Destroys every client, without a disconnect: it runs at the end of the process, under running planes.
- * Calls that arrive after it fail quietly. Returns 0. */
+ * Calls that arrive after it fail quietly. Returns 0, or -1 with the clients left as they are when a publish
+ * stays in the library for more than 5 seconds. */
 int bridge_mqtt_deinit();
 
 bool bridge_mqtt_is_ep_enabled(bridge_mqtt_endpoint_t endpoint);

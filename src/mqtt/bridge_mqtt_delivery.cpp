@@ -61,19 +61,12 @@ static void unlink_item(bridge_mqtt_delivery_item *before, bridge_mqtt_delivery_
     queue.bytes -= item->payload_size;
 }
 
-static void drop_items(const bridge_mqtt_ep_group *group, bool all)
+static void drop_items()
 {
-    bridge_mqtt_delivery_item *before = nullptr;
-    bridge_mqtt_delivery_item *item = queue.front;
-    while (item != nullptr) {
-        bridge_mqtt_delivery_item *next = item->next;
-        if (all || item->group == group) {
-            unlink_item(before, item);
-            free_item(item);
-        } else {
-            before = item;
-        }
-        item = next;
+    while (queue.front != nullptr) {
+        bridge_mqtt_delivery_item *item = queue.front;
+        unlink_item(nullptr, item);
+        free_item(item);
     }
 }
 
@@ -123,7 +116,7 @@ int bridge_mqtt_delivery_stop()
 {
     {
         const queue_guard guard;
-        drop_items(nullptr, true);
+        drop_items();
         queue.stop = true;
         pthread_cond_signal(&queue.wake);
     }
@@ -177,8 +170,22 @@ void bridge_mqtt_delivery_push(bridge_mqtt_delivery_item *item)
     pthread_cond_signal(&queue.wake);
 }
 
-void bridge_mqtt_delivery_drop(const bridge_mqtt_ep_group *group)
+void bridge_mqtt_delivery_forget(const bridge_mqtt_ep_group *group, uint32_t endpoint_bit)
 {
     const queue_guard guard;
-    drop_items(group, false);
+    bridge_mqtt_delivery_item *before = nullptr;
+    bridge_mqtt_delivery_item *item = queue.front;
+    while (item != nullptr) {
+        bridge_mqtt_delivery_item *next = item->next;
+        const bool affected = item->group == group && (item->endpoints & endpoint_bit) != 0;
+        if (affected)
+            item->endpoints &= ~endpoint_bit;
+        if (affected && item->endpoints == 0) {
+            unlink_item(before, item);
+            free_item(item);
+        } else {
+            before = item;
+        }
+        item = next;
+    }
 }

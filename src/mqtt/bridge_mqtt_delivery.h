@@ -12,8 +12,9 @@ struct bridge_mqtt_ep_group;
 struct bridge_mqtt_delivery_item {
     bridge_mqtt_delivery_item *next;
     bridge_mqtt_ep_group *group;
-    char *topic;      /* owned, terminated */
-    uint8_t *payload; /* owned, not terminated */
+    uint32_t endpoints; /* bits of those that were connected at its arrival and have not disconnected since */
+    char *topic;        /* owned, terminated */
+    uint8_t *payload;   /* owned, not terminated */
     uint32_t payload_size;
 };
 
@@ -37,7 +38,8 @@ bool bridge_mqtt_delivery_is_full();
 /* Takes over the item, at whatever length of the queue: waiting for room is the caller's. */
 void bridge_mqtt_delivery_push(bridge_mqtt_delivery_item *item);
 
-/* Drops the queued messages of a group. A handler that runs already is not waited for. */
-void bridge_mqtt_delivery_drop(const bridge_mqtt_ep_group *group);
+/* Takes an endpoint's bit from the queued messages of a group: they are not for whoever connects as it next.
+ * A handler that runs already is not waited for. */
+void bridge_mqtt_delivery_forget(const bridge_mqtt_ep_group *group, uint32_t endpoint_bit);
 
 #endif

@@ -12,7 +12,7 @@ static constexpr int SUBSCRIBE_QOS = 2;
  */
 void bridge_mqtt_deliver(const bridge_mqtt_delivery_item *item)
 {
-    const uint32_t mask = item->group->connected_bits;
+    const uint32_t mask = item->endpoints & item->group->connected_bits;
     bool matched = false;
     std::unique_lock<std::mutex> guard(mqtt_ctx.subs_lock);
     for (size_t i = 0; i < mqtt_ctx.subs.size(); i++) {
@@ -73,19 +73,37 @@ static void settle_pending_subscriptions(bool keep)
     }
 }
 
+/* Like a publish, these calls may end the connection, and with it the messages that the library holds. */
+static int subscribe_topic(bridge_mqtt_ep_group *group, const char *topic)
+{
+    const std::lock_guard<std::mutex> guard(mqtt_ctx.message_lock);
+    const int result = MQTTClient_subscribe(group->handle, topic, SUBSCRIBE_QOS);
+    if (result != 0)
+        group->session++;
+    return result;
+}
+
+static int unsubscribe_from_server(bridge_mqtt_ep_group *group, const char *topic)
+{
+    const std::lock_guard<std::mutex> guard(mqtt_ctx.message_lock);
+    const int result = MQTTClient_unsubscribe(group->handle, topic);
+    if (result != 0)
+        group->session++;
+    return result;
+}
+
 static int subscribe_at_server(bridge_mqtt_ep_group *group, std::span<const char *const> topics)
 {
     for (size_t i = 0; i < topics.size(); i++) {
         BRIDGE_TRACE("subscribing for [%s] topic", topics[i]);
-        const int result = MQTTClient_subscribe(group->handle, topics[i], SUBSCRIBE_QOS);
+        const int result = subscribe_topic(group, topics[i]);
         if (result == 0) {
             BRIDGE_TRACE("subscribing for [%s] topic complete", topics[i]);
             continue;
         }
         BRIDGE_ERROR("failed to subscribe for topic: %s with error: [%d]", topics[i], result);
-        group->session++;
         for (const char *topic : topics.first(i))
-            MQTTClient_unsubscribe(group->handle, topic);
+            unsubscribe_from_server(group, topic);
         return -1;
     }
     return 0;
@@ -145,11 +163,9 @@ static int unsubscribe_topic(bridge_mqtt_ep_group *group, bridge_mqtt_endpoint_t
     for (bridge_mqtt_sub &sub : mqtt_ctx.subs) {
         if (!is_subscribed(sub, endpoint, topic))
             continue;
-        const int result = MQTTClient_unsubscribe(group->handle, topic);
-        if (result != 0) {
-            group->session++;
+        const int result = unsubscribe_from_server(group, topic);
+        if (result != 0)
             return result;
-        }
         release_subscription(&sub);
         (*released)++;
     }

@@ -148,5 +148,5 @@ void translate_semtech_clock_to_server_clock(int64_t tmst, int64_t *xtime)
         *xtime = 0;
         return;
     }
-    *xtime = bstn_xtime_base + difference;
+    *xtime = static_cast<int64_t>(static_cast<uint64_t>(bstn_xtime_base) + static_cast<uint64_t>(difference));
 }

@@ -124,7 +124,7 @@ static int64_t server_clock(uint32_t version, int64_t tmst)
                      static_cast<long long>(tmst), static_cast<long long>(bstn_xtime_base));
         return 0;
     }
-    return bstn_xtime_base + difference;
+    return static_cast<int64_t>(static_cast<uint64_t>(bstn_xtime_base) + static_cast<uint64_t>(difference));
 }
 
 /* 0 for a time in another form than "2026-01-02T03:04:05...". */

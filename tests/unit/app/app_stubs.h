@@ -7,6 +7,7 @@
 #include "common/bridge_config.h"
 #include "mqtt/logged_lines.h"
 
+#include <atomic>
 #include <functional>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -30,6 +31,7 @@ struct app_stubs {
 };
 
 extern app_stubs stubs;
+extern std::atomic<int> stub_wait_rounds; /* waits in milliseconds */
 
 /* All flags of the supervisor as one text, for comparison: "running ctrlplane_started". */
 std::string flags();

@@ -138,6 +138,28 @@ TEST_F(AppMain, FailureBeforeTheLoopEndsTheProcess)
     }
 }
 
+TEST_F(AppMain, PortThatNoSocketTakesIsRefused)
+{
+    static constexpr struct {
+        uint32_t udp;
+        uint32_t status;
+    } cases[] = {{0, 0}, {65536, 0}, {1700, 65536}, {UINT32_MAX, UINT32_MAX}};
+    for (const auto &row : cases) {
+        stubs.root.generic.semtech_udp_listen_port = row.udp;
+        stubs.root.generic.status_http_port = row.status;
+        EXPECT_EQ(run({"-d", "-c", "x"}), 1);
+        EXPECT_THAT(stubs.take(), ElementsAre("log_init 2 stderr", "config_load x"));
+        EXPECT_EQ(log.lines().back(), "ERROR invalid port in the configuration: semtech_udp_listen_port " +
+                                          std::to_string(row.udp) + ", status_http_port " +
+                                          std::to_string(row.status));
+    }
+    stubs.root.generic.semtech_udp_listen_port = 65535;
+    stubs.root.generic.status_http_port = 65535;
+    stubs.on("wait", send_stop_signal);
+    EXPECT_EQ(run({"-d", "-c", "x"}), 0);
+    EXPECT_THAT(stubs.take(), Contains("status_server_start 65535"));
+}
+
 TEST_F(AppMain, FailureOfTheKeyManagerIsNone)
 {
     stubs.script("key_manager_init", {-1});

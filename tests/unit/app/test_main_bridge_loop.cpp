@@ -3,7 +3,9 @@
 #include "app/main_bridge.cpp"
 
 #include "app/app_stubs.h"
+#include "mqtt/background.h"
 
+#include <optional>
 #include <thread>
 
 using testing::ElementsAre;
@@ -111,10 +113,10 @@ TEST_F(AppActions, RestartFromTheRunPhaseStopsBothPlanes)
 
 TEST_F(AppActions, ConnectionLostByTheStopItselfIsNoSecondRequest)
 {
-    ctx.ctrlplane_restart_requested = true;
-    stubs.on("ctrlplane_disconnect_oam", [] {
-        std::thread reporter([] { bridge_on_connection_failed(0, nullptr); });
-        reporter.join();
+    std::optional<background> reporter;
+    stubs.on("ctrlplane_disconnect_oam", [&reporter] {
+        reporter.emplace([] { bridge_on_connection_failed(0, nullptr); });
+        EXPECT_TRUE(reporter->ends());
     });
     stubs.on("dataplane_stop_server", [] { bridge_on_connection_failed(0, nullptr); });
     EXPECT_EQ(act_on_run(PHASE_RESTART_CTRLPLANE), LOOP_NEXT_PASS);

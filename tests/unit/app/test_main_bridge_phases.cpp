@@ -60,16 +60,34 @@ TEST_F(AppCallbacks, ConnectionFailureDuringARestartDoesNotWaitForTheLock)
     EXPECT_EQ(flags(), "running ctrlplane_restarting");
 }
 
-TEST_F(AppCallbacks, RequestIsSetUnderTheLock)
+TEST_F(AppCallbacks, RequestWaitsForTheLock)
 {
     std::unique_lock<std::mutex> guard(bridge_main_ctx.lock);
+    const int before = stub_wait_rounds;
     background reporter([] { bridge_on_connection_failed(1, nullptr); });
-    EXPECT_TRUE(reporter.blocks());
+    EXPECT_TRUE(wait_until([before] { return stub_wait_rounds > before + 5; }));
     EXPECT_THAT(log.lines(), ElementsAre("INFO mqtt connection to the server failed"));
     EXPECT_EQ(flags(), "running");
     guard.unlock();
     EXPECT_TRUE(reporter.ends());
     EXPECT_EQ(flags(), "running ctrlplane_restart_requested");
+}
+
+/* The loop may be waiting for this very thread, with the lock held. */
+TEST_F(AppCallbacks, RequestGivesUpTheLockForARestartThatBegins)
+{
+    std::unique_lock<std::mutex> guard(bridge_main_ctx.lock);
+    const int before = stub_wait_rounds;
+    background reporter([] { bridge_on_connection_failed(1, nullptr); });
+    EXPECT_TRUE(wait_until([before] { return stub_wait_rounds > before + 5; }));
+    bridge_main_ctx.ctrlplane_restarting = true;
+    EXPECT_TRUE(reporter.ends());
+    guard.unlock();
+    EXPECT_EQ(flags(), "running ctrlplane_restarting");
+    EXPECT_THAT(log.lines(),
+                ElementsAre("INFO mqtt connection to the server failed",
+                            "INFO control plane is already being restarted...no need to initiate another "
+                            "restart"));
 }
 
 TEST_F(AppCallbacks, SendFailureNamesItsServer)

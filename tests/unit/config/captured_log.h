@@ -53,28 +53,18 @@ inline std::string strip_log_line(std::string_view line)
     return std::string(name).append(line.substr(text));
 }
 
-class captured_log
+/* The lines from some point of a captured log on; the capture outlives it. */
+class log_view
 {
   public:
-    explicit captured_log(uint32_t level = BRIDGE_LOG_TRACE)
-        : saved_(dup(STDERR_FILENO)), file_(memfd_create("log", MFD_CLOEXEC))
+    log_view(int fd, size_t start) : fd_(fd), start_(start)
     {
-        bridge_log_init(level, true);
-        dup2(file_.get(), STDERR_FILENO);
     }
-    ~captured_log()
-    {
-        dup2(saved_.get(), STDERR_FILENO);
-    }
-    captured_log(const captured_log &) = delete;
-    captured_log &operator=(const captured_log &) = delete;
 
     std::string text() const
     {
-        struct stat status = {};
-        fstat(file_.get(), &status);
-        std::string content(static_cast<size_t>(status.st_size), '\0');
-        const ssize_t got = pread(file_.get(), content.data(), content.size(), 0);
+        std::string content(size() - start_, '\0');
+        const ssize_t got = pread(fd_, content.data(), content.size(), static_cast<off_t>(start_));
         EXPECT_EQ(got, static_cast<ssize_t>(content.size()));
         return content;
     }
@@ -119,9 +109,9 @@ class captured_log
         return count(line) > 0;
     }
 
-    bool wait_for(std::string_view line, long times = 1) const
+    bool wait_for(std::string_view line) const
     {
-        return wait_until([&] { return count(line) >= times; });
+        return wait_until([&] { return has(line); });
     }
 
     /* Where the line first stands, counted from 0; -1 when it does not. */
@@ -132,7 +122,46 @@ class captured_log
         return found != all.end() ? found - all.begin() : -1;
     }
 
+    /* What is logged from now on. */
+    log_view from_here() const
+    {
+        return {fd_, size()};
+    }
+
   private:
+    size_t size() const
+    {
+        struct stat status = {};
+        fstat(fd_, &status);
+        return static_cast<size_t>(status.st_size);
+    }
+
+    int fd_;
+    size_t start_;
+};
+
+/* Takes standard error for its lifetime; made before other threads exist. */
+class captured_log : public log_view
+{
+  public:
+    explicit captured_log(uint32_t level = BRIDGE_LOG_TRACE)
+        : captured_log(level, memfd_create("log", MFD_CLOEXEC))
+    {
+    }
+    ~captured_log()
+    {
+        dup2(saved_.get(), STDERR_FILENO);
+    }
+    captured_log(const captured_log &) = delete;
+    captured_log &operator=(const captured_log &) = delete;
+
+  private:
+    captured_log(uint32_t level, int fd) : log_view(fd, 0), saved_(dup(STDERR_FILENO)), file_(fd)
+    {
+        bridge_log_init(level, true);
+        dup2(fd, STDERR_FILENO);
+    }
+
     bridge_fd saved_;
     bridge_fd file_;
 };

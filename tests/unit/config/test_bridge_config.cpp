@@ -203,7 +203,7 @@ TEST_F(BridgeConfig, AFileOfAnotherNameIsRefused)
 {
     for (const char *name : {"bridge.TOML", "bridge", "bridge.toml.bak", "bridge.json", "tomlbridge"}) {
         SCOPED_TRACE(name);
-        const captured_log own;
+        const log_view own = log.from_here();
         EXPECT_EQ(load_path(folder.write(name, REQUIRED)), -1);
         EXPECT_THAT(own.lines(), ElementsAre("ERROR unrecognized configuration file type"));
     }

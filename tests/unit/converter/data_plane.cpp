@@ -167,6 +167,8 @@ static void prepare()
     mqtt.reset();
     faults.reset();
     recorded_failures.clear();
+    converter_ctx.ns_connected = false;
+    converter_ctx.geo_connected = false;
     configuration = {};
     strcpy(configuration.generic.gw_mac, "0016C001FF10ABCD");
     strcpy(configuration.geoloc.topic, "gateway/geoloc");

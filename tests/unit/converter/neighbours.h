@@ -9,7 +9,6 @@
 #include <atomic>
 #include <condition_variable>
 #include <deque>
-#include <map>
 #include <mutex>
 #include <set>
 #include <string>
@@ -34,7 +33,7 @@ class mqtt_script
     int unsubscribe_result;
     uint32_t unsubscribed; /* the count that unsubscribing comes back with */
     int disconnect_result;
-    int publish_errno; /* what a publish leaves in errno; 0 leaves it alone */
+    std::atomic<int> publish_errno; /* what a publish leaves in errno; 0 leaves it alone */
 
     /* The results of the next publishes; 0 after them. */
     void results(std::initializer_list<int> next);

@@ -78,7 +78,7 @@ TEST_F(DataConv, AFailedInitSaysWhyAndLeavesNothingOpen)
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.line);
-        const captured_log own;
+        const log_view own = log.from_here();
         const long before = open_descriptors();
         row.failing.arm(0, -1, EMFILE);
         EXPECT_EQ(bridge_dataplane_init(ignore_failure, nullptr), -1);
@@ -98,7 +98,7 @@ TEST_F(DataConv, FailingPipeFlagsReturnTheResultOfThePipe)
         {faults.fcntl_set, "ERROR failed to set pipe flags"},
     };
     for (const auto &[failing, line] : rows) {
-        const captured_log own;
+        const log_view own = log.from_here();
         const long before = open_descriptors();
         failing.arm(0, -1, EBADF);
         EXPECT_EQ(bridge_dataplane_init(ignore_failure, nullptr), 0) << line;
@@ -267,7 +267,7 @@ TEST_F(DataConv, DisconnectingFromTheNetworkServerUnsubscribesFirst)
             ASSERT_EQ(bridge_dataplane_ns_connect(), 0);
             mqtt.unsubscribed = row.unsubscribed;
             mqtt.disconnect_result = row.result;
-            const captured_log own;
+            const log_view own = log.from_here();
             EXPECT_EQ(bridge_dataplane_ns_disconnect(), row.result);
             EXPECT_FALSE(converter_ctx.ns_connected);
             EXPECT_THAT(own.lines(), testing::ElementsAreArray(row.lines));

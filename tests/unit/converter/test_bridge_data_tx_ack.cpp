@@ -82,7 +82,7 @@ TEST_F(DataTxAck, ADatagramOf12BytesIsTheShortestTxAck)
     start(NS_TYPE_CHIRPSTACK_V3);
     ASSERT_EQ(tx_ack("").size(), 12U);
     for (size_t size = 4; size < 12; size++) {
-        const captured_log own;
+        const log_view own = log.from_here();
         answers_to(tx_ack("").substr(0, size));
         EXPECT_TRUE(own.has(join({"DEBUG no data to handle: ", std::to_string(size - 3)})));
         EXPECT_THAT(own.complaints(), ElementsAre("ERROR failed to process uplink message"));
@@ -96,12 +96,14 @@ TEST_F(DataTxAck, TextThatIsNoJsonIsNotForwarded)
 {
     start(NS_TYPE_CHIRPSTACK_V3);
     for (const char *text : {"{\"", "null", "  ", "{\"txpk_ack\":"}) {
-        const captured_log own;
+        const log_view own = log.from_here();
         answers_to(tx_ack(text));
         EXPECT_THAT(own.complaints(), ElementsAre("ERROR failed to allocate tokener",
                                                   "ERROR failed to process uplink message"));
     }
     EXPECT_THAT(mqtt.publishes(), IsEmpty());
+    answers_to(with_error("\"TOO_LATE\""));
+    EXPECT_THAT(published_bodies(), ElementsAre(message("TOO_LATE"))) << "nothing of it is left";
 }
 
 /* The whole message has 511 characters at most: what does not fit is refused, and the process lives on. */
@@ -118,7 +120,7 @@ TEST_F(DataTxAck, AStatusThatDoesNotFitTheMessageIsRefused)
     EXPECT_THAT(log.complaints(), IsEmpty());
     const size_t before = mqtt.publishes().size();
     for (const size_t length : {longest + 1, size_t{900}}) {
-        const captured_log own;
+        const log_view own = log.from_here();
         answers_to(with_error(join({"\"", std::string(length, 's'), "\""})));
         EXPECT_THAT(own.complaints(),
                     ElementsAre(testing::StartsWith("ERROR "), "ERROR failed to process uplink message"));

@@ -265,7 +265,7 @@ TEST_F(BstnClock, ACountTooFarBehindTheBaseGivesZero)
     };
     for (const auto &row : rows) {
         bstn_xtime_base = row.base;
-        const captured_log own;
+        const log_view own = log.from_here();
         EXPECT_EQ(to_server_clock(row.tmst), 0);
         EXPECT_THAT(own.lines(),
                     ElementsAre(join({"ERROR Something seems to be wrong, UL timestamp: ",

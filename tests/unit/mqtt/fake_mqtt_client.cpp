@@ -252,7 +252,7 @@ int MQTTClient_publishMessage(MQTTClient handle, const char *topic, MQTTClient_m
         end_session(client);
         guard.unlock();
         wait_for_thread_end();
-        return MQTTCLIENT_FAILURE;
+        return MQTTCLIENT_SUCCESS;
     }
     const int result = next_result("publish", client->connected ? 0 : MQTTCLIENT_DISCONNECTED);
     if (result == 0 && fake.holds_acknowledgements)

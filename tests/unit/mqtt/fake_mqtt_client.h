@@ -46,8 +46,9 @@ void fake_mqtt_script(const std::string &verb, std::vector<int> results);
 /* Runs inside each call of `verb`, without a lock, before it takes effect. Empty to remove. */
 void fake_mqtt_on(const std::string &verb, std::function<void()> hook);
 
-/* The next publish finds the connection broken: the client's session ends inside the call. When no other
- * client is connected, the call then waits for the library's thread to end, which a callback may hold. */
+/* The next publish finds the connection broken: the client's session ends inside the call, which succeeds all
+ * the same. When no other client is connected, the call first waits for the library's thread to end, and so
+ * for a callback that runs. */
 void fake_mqtt_break_on_publish();
 bool fake_mqtt_is_connected(int client);
 

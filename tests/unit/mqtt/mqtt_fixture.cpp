@@ -109,7 +109,7 @@ static std::atomic<uint32_t> wait_rounds;
 static std::mutex wait_action_lock;
 static std::function<void()> wait_action;
 
-void test_on_next_wait(std::function<void()> action)
+void test_on_wait(std::function<void()> action)
 {
     const std::lock_guard<std::mutex> guard(wait_action_lock);
     wait_action = std::move(action);
@@ -120,7 +120,7 @@ static void run_wait_action()
     std::function<void()> action;
     {
         const std::lock_guard<std::mutex> guard(wait_action_lock);
-        action.swap(wait_action);
+        action = wait_action;
     }
     if (action)
         action();

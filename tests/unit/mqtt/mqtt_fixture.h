@@ -36,8 +36,8 @@ void test_config_set_keepalive(uint32_t seconds);
 /* Waits of the code under test, which last a tenth of what they ask for. */
 uint32_t test_wait_rounds();
 
-/* Runs once, inside the next wait in milliseconds. */
-void test_on_next_wait(std::function<void()> action);
+/* Runs inside each wait in milliseconds, on its thread. Empty to remove. */
+void test_on_wait(std::function<void()> action);
 
 /* What the handlers got: "topic=payload" each, with "@mark" behind it when the context names one. */
 std::vector<std::string> delivered();

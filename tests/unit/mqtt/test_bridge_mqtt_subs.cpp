@@ -145,6 +145,24 @@ TEST_F(BridgeMqttSubs, MessageThatOvertakesTheAnswerOfTheServerIsDelivered)
     EXPECT_THAT(delivered(), ElementsAre("cfg=retained"));
 }
 
+/* The server's answer stands behind them in the same stream. */
+TEST_F(BridgeMqttSubs, MessagesAreTakenAtOnceWhileTheServersAnswerIsAwaited)
+{
+    const auto flood = [] {
+        background library([] {
+            for (int i = 0; i < 50; i++)
+                EXPECT_EQ(fake_mqtt_arrive(1, "cfg", std::to_string(i)), 1);
+        });
+        EXPECT_TRUE(library.ends());
+    };
+    fake_mqtt_on("subscribe", flood);
+    fake_mqtt_on("unsubscribe", flood);
+    const uint32_t rounds = test_wait_rounds();
+    EXPECT_EQ(subscribe(NS, "cfg"), 0);
+    EXPECT_EQ(unsubscribe(NS, "cfg"), 0);
+    EXPECT_EQ(test_wait_rounds(), rounds);
+}
+
 /* ---- unsubscribing ---- */
 
 TEST_F(BridgeMqttSubs, UnsubscribeCountsTheRowsNotTheTopics)
