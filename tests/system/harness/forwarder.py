@@ -123,6 +123,7 @@ class Forwarder:
         self.host = host
         self.up = Socket(host)
         self.down = Socket(host)
+        self._marks: dict[int, int] = {}
 
     def send_raw(self, raw: bytes, sender: Optional[Socket] = None) -> None:
         (sender or self.up).socket.sendto(raw, self.target)
@@ -133,11 +134,16 @@ class Forwarder:
         """Sends PUSH_DATA without waiting, and returns its token."""
         token = next_token() if token is None else token
         head = bytes([version]) + token.to_bytes(2, "little") + bytes([PUSH_DATA])
+        self._marks[token] = self.up.mark()
         self.send_raw(head + mac + body_bytes(body))
         return token
 
-    def wait_push_ack(self, token: int, timeout: float = PATIENCE, after: int = 0) -> Datagram:
-        return self.up.wait_for(PUSH_ACK, token, timeout, after)
+    def wait_push_ack(
+        self, token: int, timeout: float = PATIENCE, after: Optional[int] = None
+    ) -> Datagram:
+        """Behind the last PUSH_DATA of the token: tokens come round, and an old answer is none."""
+        mark = self._marks.get(token, 0) if after is None else after
+        return self.up.wait_for(PUSH_ACK, token, timeout, mark)
 
     def pull_data(self, version: int = 2, token: Optional[int] = None) -> Datagram:
         """Sends PULL_DATA and returns the PULL_ACK."""
