@@ -579,10 +579,7 @@ static int publish_through(bridge_mqtt_ep_group *group, const char *topic, const
     if (mqtt_ctx.torn_down)
         return -1;
     const std::lock_guard<std::mutex> guard(mqtt_ctx.message_lock);
-    const int result = MQTTClient_publishMessage(group->handle, topic, &message, nullptr);
-    if (result != 0)
-        group->session++;
-    return result;
+    return MQTTClient_publishMessage(group->handle, topic, &message, nullptr);
 }
 
 int bridge_mqtt_publish(bridge_mqtt_endpoint_t endpoint, const char *topic, const void *payload,

@@ -73,37 +73,18 @@ static void settle_pending_subscriptions(bool keep)
     }
 }
 
-/* Like a publish, these calls may end the connection, and with it the messages that the library holds. */
-static int subscribe_topic(bridge_mqtt_ep_group *group, const char *topic)
-{
-    const std::lock_guard<std::mutex> guard(mqtt_ctx.message_lock);
-    const int result = MQTTClient_subscribe(group->handle, topic, SUBSCRIBE_QOS);
-    if (result != 0)
-        group->session++;
-    return result;
-}
-
-static int unsubscribe_from_server(bridge_mqtt_ep_group *group, const char *topic)
-{
-    const std::lock_guard<std::mutex> guard(mqtt_ctx.message_lock);
-    const int result = MQTTClient_unsubscribe(group->handle, topic);
-    if (result != 0)
-        group->session++;
-    return result;
-}
-
-static int subscribe_at_server(bridge_mqtt_ep_group *group, std::span<const char *const> topics)
+static int subscribe_at_server(MQTTClient handle, std::span<const char *const> topics)
 {
     for (size_t i = 0; i < topics.size(); i++) {
         BRIDGE_TRACE("subscribing for [%s] topic", topics[i]);
-        const int result = subscribe_topic(group, topics[i]);
+        const int result = MQTTClient_subscribe(handle, topics[i], SUBSCRIBE_QOS);
         if (result == 0) {
             BRIDGE_TRACE("subscribing for [%s] topic complete", topics[i]);
             continue;
         }
         BRIDGE_ERROR("failed to subscribe for topic: %s with error: [%d]", topics[i], result);
         for (const char *topic : topics.first(i))
-            unsubscribe_from_server(group, topic);
+            MQTTClient_unsubscribe(handle, topic);
         return -1;
     }
     return 0;
@@ -130,14 +111,14 @@ int bridge_mqtt_subscribe(bridge_mqtt_endpoint_t endpoint, const char *const *to
         BRIDGE_ERROR("no free subsriptions available");
         return -1;
     }
-    bridge_mqtt_ep_group *group = bridge_mqtt_find_connected_group(endpoint);
+    const bridge_mqtt_ep_group *group = bridge_mqtt_find_connected_group(endpoint);
     if (group == nullptr)
         return -1;
     /* Rows go first: a retained message may arrive before the server's answer. */
     const std::span<const char *const> wanted(topics, topics_size);
     fill_subscriptions(endpoint, wanted, handler, context);
     const library_call call;
-    const int result = subscribe_at_server(group, wanted);
+    const int result = subscribe_at_server(group->handle, wanted);
     settle_pending_subscriptions(result == 0);
     return result;
 }
@@ -157,13 +138,13 @@ static void release_subscription(bridge_mqtt_sub *sub)
     mqtt_ctx.free_subs++;
 }
 
-static int unsubscribe_topic(bridge_mqtt_ep_group *group, bridge_mqtt_endpoint_t endpoint, const char *topic,
+static int unsubscribe_topic(MQTTClient handle, bridge_mqtt_endpoint_t endpoint, const char *topic,
                              uint32_t *released)
 {
     for (bridge_mqtt_sub &sub : mqtt_ctx.subs) {
         if (!is_subscribed(sub, endpoint, topic))
             continue;
-        const int result = unsubscribe_from_server(group, topic);
+        const int result = MQTTClient_unsubscribe(handle, topic);
         if (result != 0)
             return result;
         release_subscription(&sub);
@@ -184,12 +165,12 @@ int bridge_mqtt_unsubscribe(bridge_mqtt_endpoint_t endpoint, const char *const *
     const std::lock_guard<std::mutex> guard(mqtt_ctx.ep_lock);
     const std::span<const char *const> wanted(topics, *topics_size);
     *topics_size = 0;
-    bridge_mqtt_ep_group *group = bridge_mqtt_find_connected_group(endpoint);
+    const bridge_mqtt_ep_group *group = bridge_mqtt_find_connected_group(endpoint);
     if (group == nullptr)
         return -1;
     const library_call call;
     for (const char *topic : wanted) {
-        const int result = unsubscribe_topic(group, endpoint, topic, topics_size);
+        const int result = unsubscribe_topic(group->handle, endpoint, topic, topics_size);
         if (result != 0)
             return result;
     }

@@ -71,13 +71,16 @@ static const std::vector<std::string> DEFAULTS = {
     "oam.skip_secure_cert=0", "oam.url_set=0", "oam.gw_user_set=0",        "oam.gw_pass_set=0",
     "oam.skip_secure_cert_set=1",
     "performance.battery_reporting_period_mins=60", "performance.battery_reporting_period_mins_set=0",
-    "snmp.agent_addr=127.0.0.1", "snmp.community=", "snmp.mib_dir=/usr/share/snmp/mibs", "snmp.agent_addr_set=1",
+    "snmp.agent_addr=127.0.0.1", "snmp.community=", "snmp.mib_dir=/usr/share/snmp/mibs",
+    "snmp.agent_addr_set=1",
     "snmp.community_set=0", "snmp.mib_dir_set=1", "snmp.trap_transport=udp:1800", "snmp.trap_transport_set=1",
     "rev_ssh.local_port=22", "rev_ssh.timeout=300", "rev_ssh.local_port_set=1", "rev_ssh.timeout_set=1",
-    "security.private_key=", "security.bridge_cert=", "security.private_key_set=0", "security.bridge_cert_set=0",
+    "security.private_key=", "security.bridge_cert=", "security.private_key_set=0",
+    "security.bridge_cert_set=0",
     "generic.client_id=gateway-7", "generic.gw_mac=0016C001FF10ABCD", "generic.status_http_port=0",
     "generic.semtech_udp_listen_port=1780", "generic.semtech_udp_listen_port_set=1",
-    "generic.mqtt_disconnect_timeout=10000", "generic.mqtt_keepalive_interval=60", "generic.gw_events_interval=30",
+    "generic.mqtt_disconnect_timeout=10000", "generic.mqtt_keepalive_interval=60",
+    "generic.gw_events_interval=30",
     "generic.state_dir=/var/lib/sarnivel-mqtt-bridge/", "generic.mqtt_disconnect_timeout_set=1",
     "generic.status_http_port_set=0", "generic.state_dir_set=1", "generic.mqtt_keepalive_interval_set=1",
     "generic.gw_events_interval_set=1",
@@ -109,7 +112,8 @@ static const key_effect KEY_EFFECTS[] = {
     {"oam.gw_user = 'u'",               {"oam.gw_user=u", "oam.gw_user_set=1"}},
     {"oam.gw_pass = 'p'",               {"oam.gw_pass=p", "oam.gw_pass_set=1"}},
     {"oam.skip_secure_cert = true",     {"oam.skip_secure_cert=1"}},
-    {"geoloc.url = 'tcp://geo:1883'",   {"geoloc.geoloc_enabled=1", "geoloc.url=tcp://geo:1883", "geoloc.url_set=1"}},
+    {"geoloc.url = 'tcp://geo:1883'",   {"geoloc.geoloc_enabled=1", "geoloc.url=tcp://geo:1883",
+                                         "geoloc.url_set=1"}},
     {"geoloc.gw_user = 'u'",            {"geoloc.gw_user=u", "geoloc.gw_user_set=1"}},
     {"geoloc.gw_pass = 'p'",            {"geoloc.gw_pass=p", "geoloc.gw_pass_set=1"}},
     {"geoloc.skip_secure_cert = true",  {"geoloc.skip_secure_cert=1"}},
@@ -296,9 +300,11 @@ static constexpr const char *NS_URL = "[ns]\nurl = 'tcp://ns'\n";
 static constexpr const char *NS_CHIRPSTACK = "[ns]\nurl = 'tcp://ns'\ntype = 'chirpstack'\n";
 static constexpr const char *NS_AND_OAM = "[ns]\nurl = 'tcp://ns'\n[oam]\nurl = 'tcp://oam'\n";
 static constexpr const char *GEOLOC_URL = "[geoloc]\nurl = 'tcp://geo'\n";
-static constexpr const char *EVERYTHING = "[ns]\nurl = 'tcp://ns'\n[oam]\nurl = 'tcp://oam'\n[geoloc]\nurl = 'tcp://geo'\n";
+static constexpr const char *EVERYTHING =
+    "[ns]\nurl = 'tcp://ns'\n[oam]\nurl = 'tcp://oam'\n[geoloc]\nurl = 'tcp://geo'\n";
 
-/* A native server lends its credentials to OA&M even with --no-snmp, which turns off only an own OA&M server. */
+/* A native server lends its credentials to OA&M even with --no-snmp, which turns off only a server of OA&M's
+ * own. */
 static constexpr service_row SERVICES[] = {
     /* content           no_snmp no_udp enabled */
     {"",                 false,  false, ""},

@@ -6,6 +6,7 @@
 #include "config/captured_log.h"
 #include "config/config_folder.h"
 
+#include <deque>
 #include <memory>
 
 using testing::ElementsAre;
@@ -14,16 +15,30 @@ using testing::HasSubstr;
 using testing::MatchesRegex;
 using testing::StartsWith;
 
+struct file_identity {
+    ino_t inode;
+    dev_t device;
+};
+
+/* What the next calls of fstat() say of their files; the truth after them. */
+static std::deque<file_identity> identities;
 static bool fstat_fails = false;
 
 /* The one or the other, by the width of the build's file offsets; here they are the same. */
 extern "C" int __real_fstat64(int fd, struct stat *status);
 extern "C" int __wrap_fstat64(int fd, struct stat *status)
 {
-    if (!fstat_fails)
-        return __real_fstat64(fd, status);
-    fstat_fails = false;
-    return -1;
+    if (fstat_fails) {
+        fstat_fails = false;
+        return -1;
+    }
+    const int result = __real_fstat64(fd, status);
+    if (!identities.empty()) {
+        status->st_ino = identities.front().inode;
+        status->st_dev = identities.front().device;
+        identities.pop_front();
+    }
+    return result;
 }
 
 extern "C" int __wrap_fstat(int fd, struct stat *status)
@@ -345,6 +360,25 @@ TEST_F(ConfigToml, AFileReachedThroughASymbolicOrAHardLinkIsTheSameFile)
     EXPECT_THAT(last_lines(log, 4), ElementsAreArray(cycle_lines(other, path)));
 }
 
+TEST_F(ConfigToml, AFileIsKnownByInodeAndDeviceTogether)
+{
+    folder.write("b.toml", "[ns]\nurl = 'b'\n");
+    const std::string path = write_including("a.toml", {"b.toml"});
+    identities = {{7, 1}, {7, 2}};
+    EXPECT_EQ(process(path), 0);
+    identities = {{7, 1}, {8, 1}};
+    EXPECT_EQ(process(path), 0);
+    identities = {{7, 1}, {7, 1}};
+    EXPECT_EQ(process(path), -1);
+    EXPECT_EQ(log.lines().back(), "DEBUG device: 1 inode: 7");
+    /* A device beyond 32 bits is none that is known. */
+    const dev_t wide = (dev_t{1} << 32) + 1;
+    identities = {{7, wide}, {7, wide}};
+    EXPECT_EQ(process(path), 0);
+    identities = {{7, 1}, {7, wide}};
+    EXPECT_EQ(process(path), 0);
+}
+
 TEST_F(ConfigToml, ACycleDoesNotSpoilTheNextLoad)
 {
     const std::string path = write_including("a.toml", {"a.toml"});
@@ -364,10 +398,12 @@ TEST_F(ConfigToml, AChainLongerThanTheListOfOpenFilesIsRead)
     ASSERT_EQ(process(write_including("a.toml", {name(0)})), 0);
     EXPECT_STREQ(root->ns.url, "the end");
 
-    folder.write(name(FILES), includes(folder, {name(3)}));
+    /* The 64th file of the chain: the first is "a.toml". */
+    static constexpr int LAST_REMEMBERED = 62;
+    folder.write(name(FILES), includes(folder, {name(LAST_REMEMBERED)}));
     EXPECT_EQ(process(write_including("a.toml", {name(0)})), -1);
     EXPECT_THAT(last_lines(log, 4),
-                ElementsAreArray(cycle_lines(folder.path(name(3)), folder.path(name(FILES)))));
+                ElementsAreArray(cycle_lines(folder.path(name(LAST_REMEMBERED)), folder.path(name(FILES)))));
 }
 
 TEST_F(ConfigToml, OnlyAnAuxSectionWithoutIncludesIsTold)
@@ -469,18 +505,21 @@ struct conversion_row {
 static constexpr conversion_row BAD_VALUES[] = {
     {"ns.url = 1",                      "failed to allocate TOML string for parameter: url", "url"},
     {"ns.gw_pass = 1234",               "failed to allocate TOML string for parameter: gw_pass", "gw_pass"},
-    {"generic.client_id = true",        "failed to allocate TOML string for parameter: client_id", "client_id"},
+    {"ns.gw_user = true",               "failed to allocate TOML string for parameter: gw_user", "gw_user"},
     {"snmp.mib_dir = 1.5",              "failed to allocate TOML string for parameter: mib_dir", "mib_dir"},
     {"geoloc.topic = 2026-01-02",       "failed to allocate TOML string for parameter: topic", "topic"},
-    {"ns.skip_secure_cert = 1",         "failed to convert skip_secure_cert config parameter into boolean", "skip_secure_cert"},
-    {"oam.skip_secure_cert = 'true'",   "failed to convert skip_secure_cert config parameter into boolean", "skip_secure_cert"},
+    {"ns.skip_secure_cert = 1",         "failed to convert skip_secure_cert config parameter into boolean",
+                                        "skip_secure_cert"},
+    {"oam.skip_secure_cert = 'true'",   "failed to convert skip_secure_cert config parameter into boolean",
+                                        "skip_secure_cert"},
     {"rev_ssh.timeout = '300'",         "failed to convert timeout config parameter into integer", "timeout"},
     {"rev_ssh.timeout = 1.0",           "failed to convert timeout config parameter into integer", "timeout"},
     {"rev_ssh.timeout = true",          "failed to convert timeout config parameter into integer", "timeout"},
     {"rev_ssh.timeout = 10:00:00",      "failed to convert timeout config parameter into integer", "timeout"},
     {"rev_ssh.timeout = -1",            "expected unsigned type for timeout configuration entry", "timeout"},
     {"generic.status_http_port = -9223372036854775808",
-                                        "expected unsigned type for status_http_port configuration entry", "status_http_port"},
+                                        "expected unsigned type for status_http_port configuration entry",
+                                        "status_http_port"},
 };
 /* clang-format on */
 

@@ -28,8 +28,10 @@ static std::string everything(std::initializer_list<std::string_view> uplinks)
 }
 
 static constexpr const char *NATIVE_STAT =
-    R"({"altitude":-1,"latitude":-1.000000,"longitude":-1.000000,"mac":"0016c001ff10abcd","rxPacketsReceived":1,)"
-    R"("rxPacketsReceivedOK":1,"txPacketsReceived":0,"txPacketsEmitted":0,"time":"2026-01-02T03:04:05.000000Z"})";
+    R"({"altitude":-1,"latitude":-1.000000,"longitude":-1.000000,"mac":"0016c001ff10abcd",)"
+    R"("rxPacketsReceived":1,)"
+    R"("rxPacketsReceivedOK":1,"txPacketsReceived":0,"txPacketsEmitted":0,)"
+    R"("time":"2026-01-02T03:04:05.000000Z"})";
 static constexpr const char *LOCATION = R"([{"a":1}])";
 
 /* ---- the road of a datagram ---- */
@@ -477,6 +479,19 @@ TEST_F(DataUplink, PushAndPullKeepEachItsOwnPort)
     forwarder.send(push_data("{}"));
     EXPECT_EQ(forwarder.receive(), push_ack());
     EXPECT_TRUE(pull.is_silent() && other_pull.is_silent());
+}
+
+TEST_F(DataUplink, TheSamePortOfAnotherHostIsAnotherSender)
+{
+    start();
+    const forwarder_socket neighbour("127.0.0.2", forwarder.port());
+    for (const auto *sender :
+         std::initializer_list<const forwarder_socket *>{&forwarder, &neighbour, &forwarder}) {
+        sender->send(push_data("{}"));
+        EXPECT_EQ(sender->receive(), push_ack());
+        sender->send(pull_data());
+        EXPECT_EQ(sender->receive(), pull_ack());
+    }
 }
 
 /* There is one host, that of the last sender, and a port for each kind. */

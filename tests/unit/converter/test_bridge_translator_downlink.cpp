@@ -15,13 +15,16 @@ static constexpr const char *NATIVE_DOWN =
 
 static constexpr const char *V2_DOWN =
     R"({"phyPayload":"AQ/+BA==","token":4660,"txInfo":{"codeRate":"4/5","dataRate":{"bandwidth":125,)"
-    R"("modulation":"LORA","spreadFactor":9},"frequency":868100000,"immediately":false,"mac":"0016c001ff10abcd",)"
+    R"("modulation":"LORA","spreadFactor":9},"frequency":868100000,"immediately":false,)"
+    R"("mac":"0016c001ff10abcd",)"
     R"("power":14,"timestamp":3513348611}})";
 
 static constexpr const char *V3_DOWN =
-    R"({"phyPayload":"AQ/+BA==","token":4660,"txInfo":{"gatewayID":"ABbAAf8Qq80=","frequency":868100000,"power":14,)"
+    R"({"phyPayload":"AQ/+BA==","token":4660,"txInfo":{"gatewayID":"ABbAAf8Qq80=",)"
+    R"("frequency":868100000,"power":14,)"
     R"("modulation":"LORA","loRaModulationInfo":{"bandwidth":125,"spreadingFactor":9,"codeRate":"4/5",)"
-    R"("polarizationInversion":true},"board":0,"antenna":0,"timing":"DELAY","delayTimingInfo":{"delay":"1s"},)"
+    R"("polarizationInversion":true},"board":0,"antenna":0,"timing":"DELAY",)"
+    R"("delayTimingInfo":{"delay":"1s"},)"
     R"("context":"wy9a0QAAAAA="}})";
 
 static const char *downlink_of(const dialect &from)
@@ -361,7 +364,8 @@ static const std::vector<const char *> REQUIRED_KEYS[] = {
      "txInfo.dataRate.modulation", "txInfo.dataRate.spreadFactor", "txInfo.frequency", "txInfo.immediately",
      "txInfo.mac", "txInfo.power", "txInfo.timestamp"},
     {"phyPayload", "txInfo", "token", "txInfo.frequency", "txInfo.power", "txInfo.modulation",
-     "txInfo.loRaModulationInfo", "txInfo.loRaModulationInfo.bandwidth", "txInfo.loRaModulationInfo.spreadingFactor",
+     "txInfo.loRaModulationInfo", "txInfo.loRaModulationInfo.bandwidth",
+     "txInfo.loRaModulationInfo.spreadingFactor",
      "txInfo.loRaModulationInfo.codeRate", "txInfo.loRaModulationInfo.polarizationInversion", "txInfo.board",
      "txInfo.antenna", "txInfo.timing"},
 };

@@ -9,7 +9,8 @@ class TranslatorStatistics : public Translation
 };
 
 static constexpr const char *STAT =
-    R"({"time":"2026-01-02 03:04:05 GMT","boot":"2026-01-01 00:00:00 GMT","hal":"5.1.0","lati":46.24,"long":-3.2523,)"
+    R"({"time":"2026-01-02 03:04:05 GMT","boot":"2026-01-01 00:00:00 GMT","hal":"5.1.0","lati":46.24,)"
+    R"("long":-3.2523,)"
     R"("alti":145,"rxnb":10,"rxok":9,"rxfw":8,"ackr":99.5,"dwnb":7,"txnb":6,"lmok":5,"lmst":4})";
 
 /* What is needed and nothing more. */
@@ -18,11 +19,15 @@ static constexpr const char *SHORT_STAT =
 
 /* clang-format off */
 static constexpr const char *NATIVE_STAT =
-    R"({"altitude":145,"latitude":46.240000,"longitude":-3.252300,"mac":"0016c001ff10abcd","rxPacketsReceived":10,)"
-    R"("rxPacketsReceivedOK":9,"txPacketsReceived":7,"txPacketsEmitted":6,"time":"2026-01-02T03:04:05.000000Z"})";
+    R"({"altitude":145,"latitude":46.240000,"longitude":-3.252300,"mac":"0016c001ff10abcd",)"
+    R"("rxPacketsReceived":10,)"
+    R"("rxPacketsReceivedOK":9,"txPacketsReceived":7,"txPacketsEmitted":6,)"
+    R"("time":"2026-01-02T03:04:05.000000Z"})";
 static constexpr const char *NATIVE_SHORT_STAT =
-    R"({"altitude":-1,"latitude":-1.000000,"longitude":-1.000000,"mac":"0016c001ff10abcd","rxPacketsReceived":10,)"
-    R"("rxPacketsReceivedOK":9,"txPacketsReceived":7,"txPacketsEmitted":6,"time":"2026-01-02T03:04:05.000000Z"})";
+    R"({"altitude":-1,"latitude":-1.000000,"longitude":-1.000000,"mac":"0016c001ff10abcd",)"
+    R"("rxPacketsReceived":10,)"
+    R"("rxPacketsReceivedOK":9,"txPacketsReceived":7,"txPacketsEmitted":6,)"
+    R"("time":"2026-01-02T03:04:05.000000Z"})";
 static constexpr const char *V3_STAT =
     R"({"gatewayID":"ABbAAf8Qq80=","time":"2026-01-02T03:04:05.000000Z","rxPacketsReceived":10,)"
     R"("rxPacketsReceivedOK":9,"txPacketsReceived":7,"txPacketsEmitted":6,)"

@@ -53,33 +53,41 @@ struct whole_message {
 static constexpr whole_message WHOLE_MESSAGES[] = {
     {NATIVE, 1,
      R"({"phyPayload":"AQ\/+BA==","rxInfo":{"channel":2,"codeRate":"4\/5","crcStatus":1,)"
-     R"("dataRate":{"bandwidth":125,"modulation":"LORA","spreadFactor":7},"frequency":868300000,"loRaSNR":-7.5,)"
+     R"("dataRate":{"bandwidth":125,"modulation":"LORA","spreadFactor":7},"frequency":868300000,)"
+     R"("loRaSNR":-7.5,)"
      R"("mac":"0016c001ff10abcd","rfChain":1,"rssi":-35,"size":4,"time":"2026-01-02T03:04:05.678901Z",)"
      R"("timestamp":3512348611,"timeGps":1451606418000}})"},
     {NATIVE, 2,
      R"({"phyPayload":"AQ\/+BA==","rxInfo":{"channel":2,"codeRate":"4\/5","crcStatus":1,)"
-     R"("dataRate":{"bandwidth":125,"modulation":"LORA","spreadFactor":7},"frequency":868300000,"loRaSNR":-7.5,)"
+     R"("dataRate":{"bandwidth":125,"modulation":"LORA","spreadFactor":7},"frequency":868300000,)"
+     R"("loRaSNR":-7.5,)"
      R"("mac":"0016c001ff10abcd","rfChain":1,"rssi":-35,"size":4,"time":"2026-01-02T03:04:05.678901Z",)"
      R"("timestamp":3512348611,"timeGps":1451606418000}})"},
     {CHIRPSTACK_V2, 1,
-     R"({"phyPayload":"AQ\/+BA==","rxInfo":{"board":0,"antenna":3,"channel":2,"codeRate":"4\/5","crcStatus":1,)"
-     R"("dataRate":{"bandwidth":125,"modulation":"LORA","spreadFactor":7},"frequency":868300000,"loRaSNR":-7,)"
+     R"({"phyPayload":"AQ\/+BA==","rxInfo":{"board":0,"antenna":3,"channel":2,"codeRate":"4\/5",)"
+     R"("crcStatus":1,)"
+     R"("dataRate":{"bandwidth":125,"modulation":"LORA","spreadFactor":7},"frequency":868300000,)"
+     R"("loRaSNR":-7,)"
      R"("mac":"0016c001ff10abcd","rfChain":1,"rssi":-35,"size":4,"time":"2026-01-02T03:04:05.678901Z",)"
      R"("timestamp":3512348611}})"},
     {CHIRPSTACK_V2, 2,
-     R"({"phyPayload":"AQ\/+BA==","rxInfo":{"board":0,"antenna":0,"channel":2,"codeRate":"4\/5","crcStatus":1,)"
-     R"("dataRate":{"bandwidth":125,"modulation":"LORA","spreadFactor":7},"frequency":868300000,"loRaSNR":-7,)"
+     R"({"phyPayload":"AQ\/+BA==","rxInfo":{"board":0,"antenna":0,"channel":2,"codeRate":"4\/5",)"
+     R"("crcStatus":1,)"
+     R"("dataRate":{"bandwidth":125,"modulation":"LORA","spreadFactor":7},"frequency":868300000,)"
+     R"("loRaSNR":-7,)"
      R"("mac":"0016c001ff10abcd","rfChain":1,"rssi":-35,"size":4,"time":"2026-01-02T03:04:05.678901Z",)"
      R"("timestamp":3512348611}})"},
     {CHIRPSTACK_V3, 1,
      R"({"phyPayload":"AQ\/+BA==","txInfo":{"frequency":868300000,"modulation":"LORA",)"
-     R"("loRaModulationInfo":{"bandwidth":125,"spreadingFactor":7,"codeRate":"4\/5","polarizationInversion":false}},)"
+     R"("loRaModulationInfo":{"bandwidth":125,"spreadingFactor":7,"codeRate":"4\/5",)"
+     R"("polarizationInversion":false}},)"
      R"("rxInfo":{"gatewayID":"ABbAAf8Qq80=","time":"2026-01-02T03:04:05.678901Z","timestamp":3512348611,)"
      R"("rssi":-35,"loRaSNR":-7,"channel":2,"rfChain":1,"board":0,"antenna":3,"fineTimestampType":"PLAIN",)"
      R"("plainFineTimestamp":{"time":"2026-01-02T03:04:05.678901Z"},"context":"wy9a0QAAAAA="}})"},
     {CHIRPSTACK_V3, 2,
      R"({"phyPayload":"AQ\/+BA==","txInfo":{"frequency":868300000,"modulation":"LORA",)"
-     R"("loRaModulationInfo":{"bandwidth":125,"spreadingFactor":7,"codeRate":"4\/5","polarizationInversion":false}},)"
+     R"("loRaModulationInfo":{"bandwidth":125,"spreadingFactor":7,"codeRate":"4\/5",)"
+     R"("polarizationInversion":false}},)"
      R"("rxInfo":{"gatewayID":"ABbAAf8Qq80=","time":"2026-01-02T03:04:05.678901Z","timestamp":3512348611,)"
      R"("rssi":-35,"loRaSNR":-7,"channel":2,"rfChain":1,"board":0,"antenna":0,"fineTimestampType":"PLAIN",)"
      R"("plainFineTimestamp":{"time":"2026-01-02T03:04:05.678901Z"},"context":"wy9a0QAAAAA="}})"},

@@ -3,13 +3,11 @@
 #include "mqtt/mqtt_fixture.h"
 
 #include <array>
-#include <cstdlib>
 #include <unistd.h>
 
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::Not;
 
 static constexpr auto NS = BRIDGE_MQTT_EP_NS;
 static constexpr auto OAM = BRIDGE_MQTT_EP_OAM;

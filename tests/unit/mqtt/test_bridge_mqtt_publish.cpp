@@ -5,7 +5,6 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Not;
-using testing::StartsWith;
 
 static constexpr auto NS = BRIDGE_MQTT_EP_NS;
 static constexpr auto OAM = BRIDGE_MQTT_EP_OAM;
