@@ -24,11 +24,10 @@ struct bridge_mqtt_ep_group {
     const char *pkey_path;
     const char *cert_path;
     bool validate_server_cert;
-    uint32_t publish_room;      /* publishes that surely fit before the library's limit */
-    std::atomic<bool> closing;  /* the client is being ended: its messages reach nobody */
-    std::atomic<int> callbacks; /* message-arrived calls under way */
-    std::atomic<uint32_t>
-        session; /* counts the calls after which the library has dropped what it had received */
+    uint32_t publish_room;         /* publishes that surely fit before the library's limit */
+    std::atomic<bool> closing;     /* the client is being ended: its messages reach nobody */
+    std::atomic<int> callbacks;    /* message-arrived calls under way */
+    std::atomic<uint32_t> session; /* counts the connects: a message of an earlier one is gone */
 };
 
 struct bridge_mqtt_sub {
