@@ -68,5 +68,5 @@ def test_without_the_network_server_geolocation_runs_alone(
     token = road.forwarder.push_data({"rxpk": [rxpk_v2()], "stat": stat(), "locpk": ["here"]})
     road.forwarder.wait_push_ack(token)
     assert peer.wait_for(lambda message: True).text == '["here"]'
-    assert len(road.bridge.log.find("NS packet is dropped: endpoint is disabled")) == 2
+    road.bridge.wait_for_log("NS packet is dropped: endpoint is disabled", count=2)
     assert road.peer.messages == []

@@ -65,7 +65,8 @@ using data_owned = std::unique_ptr<event_worker_data, bridge_release<free_data>>
 template <size_t Size>
 static const char *name_of(int64_t number, const std::array<const char *, Size> &names, const char *other)
 {
-    return number >= 0 && number < static_cast<int64_t>(Size) ? names[static_cast<size_t>(number)] : other;
+    const bool known = number >= 0 && number < static_cast<int64_t>(Size);
+    return known ? names.at(static_cast<size_t>(number)) : other;
 }
 
 /* The selector and the text are one look-up on the agent; another reader may come between the two. */
