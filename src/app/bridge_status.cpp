@@ -13,6 +13,7 @@
 #include <cstring>
 #include <memory>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <openssl/bio.h>
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
@@ -55,6 +56,9 @@ static void serve_client(int client)
     /* A client that reads nothing must not hold the next one, nor the end of the daemon. */
     const timeval limit = {.tv_sec = SEND_LIMIT_S, .tv_usec = 0};
     setsockopt(client, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
+    /* The close resets a client that has sent a request, and drops what still waits to be sent by then. */
+    const int at_once = 1;
+    setsockopt(client, IPPROTO_TCP, TCP_NODELAY, &at_once, sizeof(at_once));
 
     send_text(client, "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nConnection: Closed\r\n\r\n");
     send_text(client, "@@public_key:\r\n\r\n");

@@ -1,5 +1,7 @@
 """Collects the lines of a pipe while a process runs."""
+import os
 import re
+import select
 import threading
 from typing import IO, Optional, Union
 
@@ -8,6 +10,7 @@ from .waiting import PATIENCE, wait_on
 Wanted = Union[str, re.Pattern[str]]
 
 TAIL = 60
+PIECE = 65536
 
 
 def matches(wanted: Wanted, line: str) -> bool:
@@ -15,23 +18,41 @@ def matches(wanted: Wanted, line: str) -> bool:
 
 
 class LogReader:
-    """The lines so far, in order, without their line ends; a line is found by text or regular expression."""
+    """The lines so far, in order, without their line ends; a line is found by text or regular expression.
+
+    Whoever looks takes what waits in the pipe first: all that the process had written by then is seen."""
 
     def __init__(self, pipe: IO[bytes]) -> None:
         self.lines: list[str] = []
         self.closed = False
+        os.set_blocking(pipe.fileno(), False)
+        self._pipe = pipe
+        self._begun_line = b""
         self._changed = threading.Condition()
-        self._thread = threading.Thread(target=self._read, args=(pipe,), daemon=True)
+        self._thread = threading.Thread(target=self._read, daemon=True)
         self._thread.start()
 
-    def _read(self, pipe: IO[bytes]) -> None:
-        for raw in pipe:
+    def _read(self) -> None:
+        readable = select.poll()
+        readable.register(self._pipe, select.POLLIN)
+        while not self.closed:
+            readable.poll()
             with self._changed:
-                self.lines.append(raw.rstrip(b"\n").decode(errors="backslashreplace"))
-                self._changed.notify_all()
-        pipe.close()
-        with self._changed:
-            self.closed = True
+                self._catch_up()
+        self._pipe.close()
+
+    def _catch_up(self) -> None:
+        """With the lock held: takes what waits in the pipe."""
+        while not self.closed:
+            try:
+                piece = os.read(self._pipe.fileno(), PIECE)
+            except BlockingIOError:
+                return
+            *ended, self._begun_line = (self._begun_line + piece).split(b"\n")
+            if not piece:
+                ended = [self._begun_line] if self._begun_line else []
+                self.closed = True
+            self.lines += (line.decode(errors="backslashreplace") for line in ended)
             self._changed.notify_all()
 
     def join(self) -> None:
@@ -40,10 +61,12 @@ class LogReader:
     def mark(self) -> int:
         """The place from which a later search may start."""
         with self._changed:
+            self._catch_up()
             return len(self.lines)
 
     def since(self, mark: int) -> list[str]:
         with self._changed:
+            self._catch_up()
             return self.lines[mark:]
 
     def find(self, wanted: Wanted, after: int = 0) -> list[str]:
