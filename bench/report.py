@@ -10,8 +10,7 @@ DAEMON = "daemon"
 SUBJECTS = (DAEMON, "parsed", "paced", "plain")
 LABELS = {DAEMON: "daemon", "parsed": "(c) parsed", "paced": "(b) paced", "plain": "(a) plain"}
 NOISE = 0.05
-BEGIN = "<!-- figures: begin -->"
-END = "<!-- figures: end -->"
+FIGURES = "figures"
 
 Measurement = dict[str, Any]
 Row = tuple[str, ...]
@@ -200,10 +199,11 @@ def render(results: Results) -> str:
     return "\n\n".join(parts)
 
 
-def write_between_markers(path: Path, text: str) -> None:
-    old = path.read_text() if path.exists() else f"{BEGIN}\n{END}\n"
-    before, begin, rest = old.partition(BEGIN)
-    _, end, after = rest.partition(END)
+def write_between_markers(path: Path, text: str, name: str = FIGURES) -> None:
+    begin_line, end_line = f"<!-- {name}: begin -->", f"<!-- {name}: end -->"
+    old = path.read_text() if path.exists() else f"{begin_line}\n{end_line}\n"
+    before, begin, rest = old.partition(begin_line)
+    _, end, after = rest.partition(end_line)
     if not begin or not end:
-        raise SystemExit(f"{path} lacks the lines {BEGIN} and {END}")
-    path.write_text(f"{before}{BEGIN}\n{text}\n{END}{after}")
+        raise SystemExit(f"{path} lacks the lines {begin_line} and {end_line}")
+    path.write_text(f"{before}{begin_line}\n{text}\n{end_line}{after}")

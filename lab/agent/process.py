@@ -22,50 +22,34 @@ class Refused(Exception):
     """The control port did not do what it was told."""
 
 
-class LabAgent:
-    """Runs from the constructor, which returns once the agent serves, to `stop` or `kill`. What it complains
-    of goes to `errors`."""
+def agent_command(
+    binary: Path,
+    address: str,
+    scenario: Path = SCENARIOS / "gateway.json",
+    trap_to: str = "",
+    community: str = "public",
+) -> list[str]:
+    command = [str(binary), "--scenario", str(scenario), "--mibs", str(MIBS), "--listen", address]
+    return command + ["--community", community, "--trap-to", trap_to]
 
-    def __init__(
-        self,
-        binary: Path,
-        port: int,
-        errors: Path,
-        scenario: Path = SCENARIOS / "gateway.json",
-        trap_to: str = "",
-        community: str = "public",
-        cwd: Optional[Path] = None,
-    ) -> None:
-        self.address = f"udp:127.0.0.1:{port}"
-        self.errors = errors
-        command = [str(binary), "--scenario", str(scenario), "--mibs", str(MIBS), "--listen", self.address]
-        command += ["--community", community, "--trap-to", trap_to]
-        with errors.open("ab") as sink:
-            self.process = subprocess.Popen(
-                command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=sink, cwd=cwd
-            )
+
+def control_port_of(line: str | bytes) -> int:
+    """The first line of a running agent tells it."""
+    return int(json.loads(line)["control"])
+
+
+class AgentControl:
+    """The control port of a running agent."""
+
+    def __init__(self, control_port: int) -> None:
+        self.control_port = control_port
         self._lock = threading.Lock()
-        try:
-            self.control_port = self._wait_ready()
-            self._connect()
-        except BaseException:
-            self.kill()
-            raise
-
-    def _wait_ready(self) -> int:
-        """The line that tells the ports; an agent that hangs before it is killed, which ends the read."""
-        timer = threading.Timer(READY_WITHIN, self.process.kill)
-        timer.start()
-        assert self.process.stdout
-        line = self.process.stdout.readline()
-        timer.cancel()
-        if not line:
-            raise AssertionError(f"the agent does not start: {self.errors.read_text(errors='replace')}")
-        return int(json.loads(line)["control"])
-
-    def _connect(self) -> None:
-        self._socket = socket.create_connection(("127.0.0.1", self.control_port), timeout=ANSWER_WITHIN)
+        self._socket = socket.create_connection(("127.0.0.1", control_port), timeout=ANSWER_WITHIN)
         self._lines = self._socket.makefile("r", encoding="utf-8", errors="replace")
+
+    def hang_up(self) -> None:
+        self._lines.close()
+        self._socket.close()
 
     def ask(self, line: dict[str, Any]) -> dict[str, Any]:
         """One line of the control port and its answer, also a refusal."""
@@ -122,25 +106,63 @@ class LabAgent:
     def is_idle(self) -> bool:
         return bool(self.do({"waiting": True})["waiting"] == 0)
 
+
+class LabAgent(AgentControl):
+    """Runs from the constructor, which returns once the agent serves, to `stop` or `kill`. What it complains
+    of goes to `errors`."""
+
+    def __init__(
+        self,
+        binary: Path,
+        port: int,
+        errors: Path,
+        scenario: Path = SCENARIOS / "gateway.json",
+        trap_to: str = "",
+        community: str = "public",
+        cwd: Optional[Path] = None,
+    ) -> None:
+        self.address = f"udp:127.0.0.1:{port}"
+        self.errors = errors
+        command = agent_command(binary, self.address, scenario, trap_to, community)
+        with errors.open("ab") as sink:
+            self.process = subprocess.Popen(
+                command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=sink, cwd=cwd
+            )
+        try:
+            super().__init__(self._wait_ready())
+        except BaseException:
+            self.kill()
+            raise
+
+    def _wait_ready(self) -> int:
+        """The line that tells the ports; an agent that hangs before it is killed, which ends the read."""
+        timer = threading.Timer(READY_WITHIN, self.process.kill)
+        timer.start()
+        assert self.process.stdout
+        line = self.process.stdout.readline()
+        timer.cancel()
+        if not line:
+            raise AssertionError(f"the agent does not start: {self.errors.read_text(errors='replace')}")
+        return control_port_of(line)
+
     def stop(self) -> int:
         """Ends the agent as a person would, and returns its status."""
         self.process.send_signal(signal.SIGTERM)
         status = self.process.wait(END_WITHIN)
-        self._close()
+        self._release()
         return status
 
     def kill(self) -> None:
         if self.process.poll() is None:
             self.process.kill()
         self.process.wait()
-        self._close()
+        self._release()
 
-    def _close(self) -> None:
+    def _release(self) -> None:
         if self.process.stdout:
             self.process.stdout.close()
         if hasattr(self, "_socket"):
-            self._lines.close()
-            self._socket.close()
+            self.hang_up()
 
     def close(self) -> None:
         self.kill()

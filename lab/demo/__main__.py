@@ -8,7 +8,7 @@ import signal
 import sys
 from pathlib import Path
 
-from lab.demo.build import BuildFailed, build_daemon
+from lab.demo.build import BuildFailed, build_programs
 from lab.demo.children import ChildFailed
 from lab.demo.dialects import DIALECTS
 from lab.demo.own_config import run_own_config
@@ -32,7 +32,8 @@ def _arguments() -> argparse.Namespace:
     parser = argparse.ArgumentParser(
         prog="scripts/demo",
         description="Builds the daemon and runs its main job end to end: simulated devices and packet"
-        " forwarder, the daemon, a private MQTT server, and a view of what arrives there. Ctrl-C ends it.",
+        " forwarder, an SNMP agent, the daemon, a private MQTT server, and a view of what arrives there."
+        " Ctrl-C ends it.",
     )
     parser.add_argument(
         "--dialect", choices=sorted(DIALECTS, reverse=True), help="of the network server (native)"
@@ -60,10 +61,10 @@ def _run(args: argparse.Namespace, stop: StopRequest) -> int:
 
     view = View()
     try:
-        daemon = build_daemon(_ROOT, stop)
+        programs = build_programs(_ROOT, stop)
         if args.config:
-            return run_own_config(daemon, args.config, stop)
-        session = Session(daemon, DIALECTS[args.dialect or "native"], args.rate or 2.0, stop, view)
+            return run_own_config(programs.daemon, args.config, stop)
+        session = Session(programs, DIALECTS[args.dialect or "native"], args.rate or 2.0, stop, view)
         complete = session.run(args.seconds or float("inf"))
     except Interrupted:
         return 128 + stop.number

@@ -1,4 +1,4 @@
-"""The Release build of the daemon, in build/."""
+"""The Release build of the daemon and of its agent, in build/."""
 
 from __future__ import annotations
 
@@ -6,6 +6,7 @@ import os
 import signal
 import subprocess
 import sys
+from dataclasses import dataclass
 from pathlib import Path
 
 from lab.demo.stop import Interrupted, StopRequest
@@ -13,6 +14,12 @@ from lab.demo.stop import Interrupted, StopRequest
 
 class BuildFailed(Exception):
     pass
+
+
+@dataclass(frozen=True)
+class Programs:
+    daemon: Path
+    agent: Path
 
 
 def _run(command: list[str], stop: StopRequest, quiet: bool = False) -> None:
@@ -36,7 +43,7 @@ def _run(command: list[str], stop: StopRequest, quiet: bool = False) -> None:
         raise BuildFailed(f"{' '.join(command)}: status {process.returncode}")
 
 
-def build_daemon(root: Path, stop: StopRequest) -> Path:
+def build_programs(root: Path, stop: StopRequest) -> Programs:
     folder = root / "build"
     fresh = not (folder / "CMakeCache.txt").exists()
     configure = ["cmake", "-S", str(root), "-B", str(folder), "-DCMAKE_BUILD_TYPE=Release"]
@@ -45,6 +52,6 @@ def build_daemon(root: Path, stop: StopRequest) -> Path:
         # The demo's own packages do without the test libraries; a build of scripts/test keeps its tests.
         configure += ["-G", "Ninja", "-DBRIDGE_TESTS=OFF"]
     _run(configure, stop, quiet=not fresh)
-    build = ["cmake", "--build", str(folder), "--target", "snv_mqtt_bridge"]
+    build = ["cmake", "--build", str(folder), "--target", "snv_mqtt_bridge", "lab_agent"]
     _run(build if fresh else [*build, "--", "--quiet"], stop)
-    return folder / "snv_mqtt_bridge"
+    return Programs(folder / "snv_mqtt_bridge", folder / "lab" / "agent" / "lab_agent")

@@ -58,6 +58,10 @@ struct bridge_mqtt_context {
 
 extern bridge_mqtt_context mqtt_ctx;
 
+/* To be called behind each connect. Otherwise a small message waits for the server's delayed acknowledgement
+ * of the one before: 40 ms for the answer to a command, and for the acknowledgement of a downlink. */
+void bridge_mqtt_send_at_once();
+
 /* Marks the time of a call into the library, under ep_lock. */
 class library_call
 {

@@ -3,6 +3,7 @@ import os
 import re
 import signal
 import subprocess
+import sys
 import time
 from datetime import datetime
 from functools import cache
@@ -13,33 +14,17 @@ from .log_reader import LogReader, Wanted
 from .waiting import PATIENCE
 
 REPOSITORY = Path(__file__).resolve().parents[3]
+sys.path.append(str(REPOSITORY))
+
+from lab.sandboxed import sandboxed  # noqa: E402
+
 BINARY = Path(os.environ.get("SNV_BRIDGE", REPOSITORY / "build" / "snv_mqtt_bridge")).resolve()
-SANDBOX = Path(__file__).resolve().parent / "sandbox.sh"
 
 SANITIZER_REPORTS = re.compile(r"ERROR: \w+Sanitizer|WARNING: \w+Sanitizer|runtime error:")
 SIGNAL_AGAIN = 0.5
 
 CONNECTED = "UDP bridge is connected to NS"
 TIMESTAMP = re.compile(r"^(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3})")
-
-
-def sandboxed(work: Path, arguments: list[str]) -> list[str]:
-    """The command line that runs the daemon in its own mount and IPC namespaces, as the same process."""
-    as_user = [] if os.geteuid() == 0 else ["--user", "--map-root-user"]
-    return [
-        "unshare",
-        *as_user,
-        "--mount",
-        "--ipc",
-        "--propagation",
-        "private",
-        "--",
-        "/bin/sh",
-        str(SANDBOX),
-        str(work),
-        str(BINARY),
-        *arguments,
-    ]
 
 
 @cache
@@ -81,7 +66,7 @@ class Bridge:
         assert BINARY.exists(), f"no daemon at {BINARY}: build it, or set SNV_BRIDGE"
         self.work = work
         self.process = subprocess.Popen(
-            sandboxed(work, arguments),
+            sandboxed(work, BINARY, arguments),
             cwd=work,
             env=environment(work, extra_env),
             stdin=subprocess.DEVNULL,

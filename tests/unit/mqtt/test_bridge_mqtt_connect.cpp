@@ -1,7 +1,12 @@
 /* Connections: what the library is asked, in which order, and who uses the one that stands. */
 #include "mqtt/mqtt_fixture.h"
 
+#include "common/bridge_release.h"
+
 #include <cstring>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
 
 using testing::Contains;
 using testing::ElementsAre;
@@ -16,7 +21,24 @@ static uint32_t connected_bits(size_t group)
     return mqtt_ctx.ep_handles[group].connected_bits;
 }
 
+static int sends_at_once(int sock)
+{
+    int at_once = -1;
+    socklen_t size = sizeof(at_once);
+    getsockopt(sock, IPPROTO_TCP, TCP_NODELAY, &at_once, &size);
+    return at_once;
+}
+
 /* ---- sharing ---- */
+
+/* The answer to a command follows the acknowledgement of its request, and would wait for the server's. */
+TEST_F(BridgeMqttShared, SocketsOfAConnectionSendAtOnce)
+{
+    const bridge_fd of_the_library(socket(AF_INET, SOCK_STREAM, 0));
+    ASSERT_EQ(sends_at_once(of_the_library.get()), 0);
+    ASSERT_EQ(bridge_mqtt_connect(NS), 0);
+    EXPECT_EQ(sends_at_once(of_the_library.get()), 1);
+}
 
 TEST_F(BridgeMqttShared, ThreeEndpointsShareOneClientAndOneConnection)
 {
