@@ -1,6 +1,7 @@
 /* Timestamps, the clearing of directories by them, and the forked watcher. */
 #include "common/bridge_fileops_watch.h"
 
+#include "common/bridge_child.h"
 #include "common/bridge_fileops.h"
 #include "common/bridge_log.h"
 #include "common/bridge_release.h"
@@ -131,10 +132,11 @@ int bridge_fileops_update_tmst(const bridge_fileops_watch_dir *dir)
     return 0;
 }
 
-/* The child. It drops nothing and runs no program: it keeps the daemon's descriptors until it exits, takes no
- * lock of the daemon's, and touches only the watched directories and the log. */
+/* The child. It drops the daemon's descriptors and runs no program, takes no lock of the daemon's, and
+ * touches only the watched directories and the log. */
 [[noreturn]] static void watch_dirs(const bridge_fileops_watch_dir *dirs, size_t dirs_sz)
 {
+    bridge_child_drop_descriptors();
     BRIDGE_INFO("slave process started");
     while (bridge_fileops_check_clean(dirs, dirs_sz) != NOTHING_LEFT)
         bridge_wait_s(WATCH_PERIOD_S);

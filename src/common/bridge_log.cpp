@@ -56,6 +56,16 @@ static void unlock_output()
     pthread_mutex_unlock(&output_lock);
 }
 
+bridge_fork_hold::bridge_fork_hold()
+{
+    lock_output();
+}
+
+bridge_fork_hold::~bridge_fork_hold()
+{
+    unlock_output();
+}
+
 /* Under the output lock: a zone that changes while the daemon runs is followed. */
 static void fill_timestamp(log_timestamp *stamp)
 {
@@ -97,6 +107,24 @@ bool bridge_log_is_stderr()
     return log_to_stderr;
 }
 
+/* In one piece: the children of the daemon write to the same place, and the C library's own print on standard
+ * error hands the first character over by itself. */
+static void write_line(const char *format, va_list arguments)
+{
+    char *line = nullptr;
+    const int length = vasprintf(&line, format, arguments);
+    if (length < 0)
+        return;
+    ssize_t at = 0;
+    while (at < length) {
+        const ssize_t written = write(STDERR_FILENO, line + at, static_cast<size_t>(length - at));
+        if (written < 0 && errno != EINTR)
+            break;
+        at += written < 0 ? 0 : written;
+    }
+    free(line);
+}
+
 void bridge_log_print_message(uint32_t level, const char *file, int line, const char *format, ...)
 {
     BRIDGE_ASSERT_TEXT(file != nullptr, "file != NULL");
@@ -130,7 +158,7 @@ void bridge_log_print_message(uint32_t level, const char *file, int line, const 
     lock_output();
     errno = caller_errno;
     if (log_to_stderr)
-        vfprintf(stderr, line_format, arguments);
+        write_line(line_format, arguments);
     else
         vsyslog(LOG_NOTICE, line_format, arguments);
     va_end(arguments);

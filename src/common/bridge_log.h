@@ -26,6 +26,17 @@ bool bridge_log_is_stderr();
 void bridge_log_print_message(uint32_t level, const char *file, int line, const char *format, ...)
     __attribute__((format(printf, 4, 5)));
 
+/* While one lives nothing is logged and no fork happens: for a call into the C library that takes a lock of
+ * its own, as those that look at the time zone do. A child would find that lock taken for ever. */
+class bridge_fork_hold
+{
+  public:
+    bridge_fork_hold();
+    ~bridge_fork_hold();
+    bridge_fork_hold(const bridge_fork_hold &) = delete;
+    bridge_fork_hold &operator=(const bridge_fork_hold &) = delete;
+};
+
 [[noreturn]] void bridge_assert_failed(const char *file, int line, const char *text);
 
 /* Ends the process unless the low byte of `condition` is exactly 1. For programming faults only; active in

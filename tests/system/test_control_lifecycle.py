@@ -1,6 +1,8 @@
 """Start, loss and restart of the control plane: its agent, its server, and the commands under way."""
 import json
+import os
 import signal
+import time
 from pathlib import Path
 from typing import Any, Callable
 
@@ -10,7 +12,7 @@ from conftest import Cleanup
 from harness.bridge import log_time
 from harness.broker import Mosquitto
 from harness.config import ControlPlane
-from harness.control import CAPABILITIES, COMMANDS, CONFIGURATION, STARTED, ControlRoad, request
+from harness.control import CAPABILITIES, COMMANDS, CONFIGURATION, PIPE, STARTED, ControlRoad, request
 from harness.dialects import NATIVE
 from harness.lab import AGENT_BINARY, LabAgent
 from harness.ports import free_port
@@ -24,6 +26,7 @@ StartRoad = Callable[..., ControlRoad]
 PATIENT = 60.0
 RETRY, RESTART, LATE = 10.0, 20.0, 3.0
 SOON = 5.0
+TICK, REBOOT_DELAY = 10.0, 5.0
 FREE_WORKERS = 14
 PING = {"destination": "192.0.2.1", "packetsCount": 4}
 WHOLE_RESTART = "ctrlplane restart requested"
@@ -243,3 +246,42 @@ def test_an_uplink_passes_while_every_worker_is_busy(
     road.peer.wait_for(lambda message: message.topic == NATIVE.uplink and "through" in message.text)
     road.forwarder.wait_push_ack(token)
     assert not [each for each in road.peer.since(0) if "packets_sent" in each.text], "the pings still run"
+
+
+# --- restart with work under way ---
+
+
+@pytest.mark.waits_long
+def test_a_restart_in_the_wait_before_a_reboot(start: StartRoad) -> None:
+    road = start().wait_ready()
+    next_tick = log_time(road.bridge.wait_for_log(STARTED)) + TICK
+    wait_until(lambda: time.time() > next_tick - 0.7 * REBOOT_DELAY, "the next tick is near")
+    road.send("reboot")
+    road.bridge.wait_for_log("waiting 5 seconds before executing reboot")
+    road.broker.kill()
+    road.bridge.wait_for_log("cannot set reset flag")
+    road.bridge.wait_for_log("all control plane threads are stopped")
+    assert "lumoReset.0" not in [name for name, _ in road.agent.written()]
+    road.bridge.wait_for_log(FAILED, PATIENT)
+
+
+def fill(pipe: Path) -> None:
+    """Writes as much as fits."""
+    descriptor = os.open(pipe, os.O_WRONLY | os.O_NONBLOCK)
+    try:
+        while True:
+            os.write(descriptor, b"x" * 4096)
+    except BlockingIOError:
+        os.close(descriptor)
+
+
+@pytest.mark.waits_long
+def test_a_restart_with_a_full_pipe_that_nobody_reads(start: StartRoad) -> None:
+    road = start().wait_ready()
+    road.broker.kill()
+    road.write_pipe(b"lost")
+    road.bridge.wait_for_log("failed to send fileops response")
+    fill(road.inside(PIPE))
+    road.bridge.wait_for_log(DEINITIALISED, PATIENT)
+    road.broker.start()
+    road.wait_ready(count=2, timeout=PATIENT)

@@ -4,6 +4,7 @@
 #include "common/bridge_json_helpers.h"
 #include "common/bridge_log.h"
 #include "common/bridge_release.h"
+#include "common/bridge_sem.h"
 #include "converter/control/bridge_bsp_upgrade.h"
 #include "converter/control/bridge_configs.h"
 #include "converter/control/bridge_ctrl_ctx.h"
@@ -169,7 +170,7 @@ static void capabilities_message_handler(const char *, void *, const uint8_t *pa
         BRIDGE_ERROR("failed to allocate worker data");
         return;
     }
-    sem_wait(&module_ctx.lock);
+    bridge_sem_wait(&module_ctx.lock);
     if (!launch_worker(std::move(data), payload, payload_size))
         sem_post(&module_ctx.lock);
 }
@@ -234,7 +235,7 @@ int bridge_capabilities_start()
         BRIDGE_DEBUG("capabilities service already started");
         return 0;
     }
-    sem_wait(&module_ctx.lock);
+    bridge_sem_wait(&module_ctx.lock);
     const int result = start_locked();
     sem_post(&module_ctx.lock);
     return result;
@@ -259,7 +260,7 @@ static void stop_locked()
 int bridge_capabilities_stop()
 {
     BRIDGE_DEBUG("stopping capabilities service");
-    sem_wait(&module_ctx.lock);
+    bridge_sem_wait(&module_ctx.lock);
     stop_locked();
     sem_post(&module_ctx.lock);
     return 0;

@@ -5,9 +5,17 @@
 #include "common/bridge_json_helpers.h"
 #include "common/bridge_log.h"
 #include "common/bridge_wait.h"
+#include "converter/control/bridge_cmd_async.h"
+#include "converter/control/bridge_cmd_bsp.h"
 #include "converter/control/bridge_cmd_family.h"
 #include "converter/control/bridge_cmd_gateway.h"
+#include "converter/control/bridge_cmd_modem.h"
+#include "converter/control/bridge_cmd_network.h"
+#include "converter/control/bridge_cmd_pdp.h"
 #include "converter/control/bridge_cmd_pipe.h"
+#include "converter/control/bridge_cmd_radio.h"
+#include "converter/control/bridge_cmd_revssh.h"
+#include "converter/control/bridge_cmd_software.h"
 #include "converter/control/bridge_cmd_state.h"
 #include "converter/control/bridge_ctrl_ctx.h"
 #include "mqtt/bridge_mqtt.h"
@@ -30,73 +38,73 @@ struct command_row {
 /* Searched from the top. */
 /* clang-format off */
 static constexpr command_row commands_table[] = {
-    {"ping",                                 bridge_cmd_ping,                 false},
-    {"reboot",                               bridge_cmd_reboot,               false},
-    {"reverseSsh",                           nullptr,                         false},
-    {"stopReverseSsh",                       nullptr,                         false},
-    {"getPublicKey",                         nullptr,                         false},
-    {"getGatewayInfo",                       nullptr,                         false},
-    {"getBackups",                           bridge_cmd_get_backups,          false},
-    {"createBackup",                         nullptr,                         false},
-    {"restoreBackup",                        nullptr,                         false},
-    {"getRadioStatistics",                   bridge_cmd_get_radio_statistics, false},
-    {"resetRadioStatisticsCounters",         nullptr,                         false},
-    {"getGpsCoordinates",                    nullptr,                         false},
-    {"getSoftwareVersions",                  nullptr,                         false},
-    {"getUpgradableSoftware",                nullptr,                         false},
-    {"getInstallableSoftware",               nullptr,                         false},
-    {"upgradeSoftware",                      nullptr,                         false},
-    {"installSoftware",                      nullptr,                         false},
-    {"getInstallStatus",                     nullptr,                         false},
-    {"getUpgradeStatus",                     nullptr,                         false},
-    {"getLastInstallUpgradeStatus",          nullptr,                         false},
-    {"getBspStatus",                         nullptr,                         false},
-    {"getWmDeviceInformation",               nullptr,                         false},
-    {"getWmHomeNetworkBranch",               nullptr,                         false},
-    {"getWmRfInformation",                   nullptr,                         false},
-    {"getWmActiveProfileParameters",         nullptr,                         false},
-    {"getWmCallStatistics",                  nullptr,                         false},
-    {"getWmApns",                            nullptr,                         false},
-    {"addWmApn",                             nullptr,                         false},
-    {"updateWmApn",                          nullptr,                         false},
-    {"deleteWmApn",                          nullptr,                         false},
-    {"getWmStatusApn",                       nullptr,                         false},
-    {"getWmPDP_Profiles",                    nullptr,                         true},
-    {"addWmPDP_Profiles",                    nullptr,                         true},
-    {"modifyWmPDP_Profiles",                 nullptr,                         true},
-    {"removeWmPDP_Profiles",                 nullptr,                         true},
-    {"setSpectrumAnalyzerParams",            nullptr,                         false},
-    {"getSpectrumAnalyzerOutput",            nullptr,                         false},
-    {"getConnectivityTypes",                 nullptr,                         false},
-    {"setPreferredFallbackConnectivityType", nullptr,                         false},
-    {"executeSpectralScan",                  nullptr,                         false},
-    {"getAntennasCount",                     nullptr,                         false},
-    {"getSpectralScanProgress",              nullptr,                         false},
-    {"getSpectralScanParams",                nullptr,                         false},
-    {"getSpectralScanResults",               nullptr,                         false},
-    {"getFirewallConfiguration",             nullptr,                         false},
-    {"setFirewallConfiguration",             nullptr,                         false},
-    {"setPreferredPingIpAddress",            nullptr,                         false},
-    {"getPreferredPingIpAddress",            nullptr,                         false},
-    {"fileUploadStart",                      nullptr,                         false},
-    {"fileUploadChunk",                      nullptr,                         false},
-    {"fileUploadStop",                       nullptr,                         false},
-    {"getWmNetworkInfo",                     nullptr,                         false},
-    {"setWmPreferredNetwork",                nullptr,                         false},
-    {"fopsScanDir",                          nullptr,                         false},
-    {"fopsStreamStart",                      nullptr,                         true},
-    {"fopsStreamStop",                       nullptr,                         false},
-    {"fopsFetchStart",                       nullptr,                         true},
-    {"fopsFetchStop",                        nullptr,                         false},
-    {"fopsExecuteStart",                     nullptr,                         true},
-    {"fopsExecuteStop",                      nullptr,                         false},
-    {"logRetrieveStart",                     nullptr,                         false},
-    {"logRetrieveStop",                      nullptr,                         false},
-    {"getSimStatus",                         nullptr,                         false},
-    {"upgradeBspLocal",                      nullptr,                         true},
-    {"getAvailableBspUpgrade",               nullptr,                         false},
-    {"getBspStatusString",                   nullptr,                         false},
-    {"getCurrentBspVersion",                 nullptr,                         false},
+    {"ping",                                 bridge_cmd_ping,                       false},
+    {"reboot",                               bridge_cmd_reboot,                     false},
+    {"reverseSsh",                           bridge_cmd_reverse_ssh,                false},
+    {"stopReverseSsh",                       bridge_cmd_stop_reverse_ssh,           false},
+    {"getPublicKey",                         bridge_cmd_get_public_key,             false},
+    {"getGatewayInfo",                       bridge_cmd_get_gateway_info,           false},
+    {"getBackups",                           bridge_cmd_get_backups,                false},
+    {"createBackup",                         bridge_cmd_create_backup,              false},
+    {"restoreBackup",                        bridge_cmd_restore_backup,             false},
+    {"getRadioStatistics",                   bridge_cmd_get_radio_statistics,       false},
+    {"resetRadioStatisticsCounters",         bridge_cmd_reset_radio_statistics,     false},
+    {"getGpsCoordinates",                    bridge_cmd_get_gps_coordinates,        false},
+    {"getSoftwareVersions",                  bridge_cmd_get_software_versions,      false},
+    {"getUpgradableSoftware",                bridge_cmd_get_upgradable_software,    false},
+    {"getInstallableSoftware",               bridge_cmd_get_installable_software,   false},
+    {"upgradeSoftware",                      bridge_cmd_upgrade_software,           false},
+    {"installSoftware",                      bridge_cmd_install_software,           false},
+    {"getInstallStatus",                     bridge_cmd_get_install_status,         false},
+    {"getUpgradeStatus",                     bridge_cmd_get_upgrade_status,         false},
+    {"getLastInstallUpgradeStatus",          bridge_cmd_get_last_status,            false},
+    {"getBspStatus",                         bridge_cmd_get_bsp_status,             false},
+    {"getWmDeviceInformation",               bridge_cmd_wm_device_information,      false},
+    {"getWmHomeNetworkBranch",               bridge_cmd_wm_home_network,            false},
+    {"getWmRfInformation",                   bridge_cmd_wm_rf_information,          false},
+    {"getWmActiveProfileParameters",         bridge_cmd_wm_active_profile,          false},
+    {"getWmCallStatistics",                  bridge_cmd_wm_call_statistics,         false},
+    {"getWmApns",                            bridge_cmd_get_wm_apns,                false},
+    {"addWmApn",                             bridge_cmd_add_wm_apn,                 false},
+    {"updateWmApn",                          bridge_cmd_update_wm_apn,              false},
+    {"deleteWmApn",                          bridge_cmd_delete_wm_apn,              false},
+    {"getWmStatusApn",                       bridge_cmd_get_wm_apn_status,          false},
+    {"getWmPDP_Profiles",                    bridge_cmd_get_wm_pdp_profiles,        true},
+    {"addWmPDP_Profiles",                    bridge_cmd_add_wm_pdp_profiles,        true},
+    {"modifyWmPDP_Profiles",                 bridge_cmd_modify_wm_pdp_profiles,     true},
+    {"removeWmPDP_Profiles",                 bridge_cmd_remove_wm_pdp_profiles,     true},
+    {"setSpectrumAnalyzerParams",            bridge_cmd_set_spectrum_analyzer,      false},
+    {"getSpectrumAnalyzerOutput",            bridge_cmd_get_spectrum_analyzer,      false},
+    {"getConnectivityTypes",                 bridge_cmd_get_connectivity_types,     false},
+    {"setPreferredFallbackConnectivityType", bridge_cmd_set_connectivity_types,     false},
+    {"executeSpectralScan",                  bridge_cmd_execute_spectral_scan,      false},
+    {"getAntennasCount",                     bridge_cmd_get_antennas_count,         false},
+    {"getSpectralScanProgress",              bridge_cmd_get_scan_progress,          false},
+    {"getSpectralScanParams",                bridge_cmd_get_scan_params,            false},
+    {"getSpectralScanResults",               bridge_cmd_get_scan_results,           false},
+    {"getFirewallConfiguration",             bridge_cmd_get_firewall,               false},
+    {"setFirewallConfiguration",             bridge_cmd_set_firewall,               false},
+    {"setPreferredPingIpAddress",            bridge_cmd_set_ping_target,            false},
+    {"getPreferredPingIpAddress",            bridge_cmd_get_ping_target,            false},
+    {"fileUploadStart",                      nullptr,                               false},
+    {"fileUploadChunk",                      nullptr,                               false},
+    {"fileUploadStop",                       nullptr,                               false},
+    {"getWmNetworkInfo",                     bridge_cmd_get_wm_network_info,        false},
+    {"setWmPreferredNetwork",                bridge_cmd_set_wm_preferred_network,   false},
+    {"fopsScanDir",                          nullptr,                               false},
+    {"fopsStreamStart",                      nullptr,                               true},
+    {"fopsStreamStop",                       nullptr,                               false},
+    {"fopsFetchStart",                       nullptr,                               true},
+    {"fopsFetchStop",                        nullptr,                               false},
+    {"fopsExecuteStart",                     nullptr,                               true},
+    {"fopsExecuteStop",                      nullptr,                               false},
+    {"logRetrieveStart",                     nullptr,                               false},
+    {"logRetrieveStop",                      nullptr,                               false},
+    {"getSimStatus",                         bridge_cmd_get_sim_status,             false},
+    {"upgradeBspLocal",                      bridge_cmd_upgrade_bsp_local,          true},
+    {"getAvailableBspUpgrade",               bridge_cmd_get_available_bsp_upgrade,  false},
+    {"getBspStatusString",                   bridge_cmd_get_bsp_status_string,      false},
+    {"getCurrentBspVersion",                 bridge_cmd_get_current_bsp_version,    false},
 };
 
 /* Paths that exist before any command runs. */
@@ -199,6 +207,16 @@ static void reboot_if_pending(converter_ctx *ctx)
     BRIDGE_ERROR("cannot set reset flag");
 }
 
+static void give_answer(const converter_ctx *ctx, const char *topic, json_object *answer)
+{
+    if (publish_answer(topic, answer) == 0)
+        return;
+    BRIDGE_ERROR("failed to publish response");
+    BRIDGE_ASSERT(ctx->user_handler);
+    ctx->user_handler(CODE_RESTART, ctx->user_handler_arg);
+}
+
+/* A child that finds nothing to do has its request answered a second time, without a response. */
 static void run_command(converter_ctx *ctx, const char *topic, const command_row &row,
                         const cmd_request &request, json_object *answer)
 {
@@ -206,10 +224,10 @@ static void run_command(converter_ctx *ctx, const char *topic, const command_row
     row.handler(ctx, row.pass_root ? request.root : request.params, &response);
     if (response != nullptr)
         json_object_object_add(answer, "response", response);
-    if (publish_answer(topic, answer) != 0) {
-        BRIDGE_ERROR("failed to publish response");
-        BRIDGE_ASSERT(ctx->user_handler);
-        ctx->user_handler(CODE_RESTART, ctx->user_handler_arg);
+    give_answer(ctx, topic, answer);
+    if (cmd_async_returned_early()) {
+        json_object_object_del(answer, "response");
+        give_answer(ctx, topic, answer);
     }
     reboot_if_pending(ctx);
 }
@@ -235,6 +253,7 @@ static void process_request(converter_ctx *ctx, const char *topic, const cmd_req
 
 void bridge_cmd_worker(converter_ctx *ctx, const char *topic, const char *payload)
 {
+    cmd_async_collect();
     errno = 0; /* a bad number of the message before must not count against this one */
     const json_owned root(json_tokener_parse(payload));
     if (!root) {
@@ -300,9 +319,13 @@ int bridge_cmd_launcher(converter_ctx *ctx, const char *)
     if (result < 0)
         return result;
     result = read_last_software_command(ctx);
-    if (result < 0)
+    if (result < 0) {
         bridge_cmd_pipe_stop(ctx); /* its watcher would hold the pool for ever */
-    return result;
+        return result;
+    }
+    if (ctx->last_sw_cmd == SW_CMD_LOCAL_UPGRADE && ctx->last_sw_req_id != 0)
+        bridge_cmd_resume_bsp_upgrade(ctx);
+    return 0;
 }
 
 static int stop_watcher(converter_ctx *ctx)

@@ -3,10 +3,21 @@
 
 #include "common/bridge_json_helpers.h"
 #include "common/bridge_log.h"
+#include "common/bridge_release.h"
+#include "common/bridge_utils.h"
 #include "common/bridge_wait.h"
 #include "converter/control/bridge_cmd_family.h"
 #include "converter/control/bridge_ctrl_ctx.h"
 
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+static constexpr size_t PASSWORD_ENTRY_SIZE = 4096;
 static constexpr int64_t PING_EXTRA_ROUNDS = 10;
 
 /* ---- ping ---- */
@@ -15,7 +26,7 @@ static constexpr int64_t PING_EXTRA_ROUNDS = 10;
 static int wait_for_ping(converter_ctx *ctx, int64_t count)
 {
     bridge_wait_s(1);
-    for (int64_t round = 0; round < count + PING_EXTRA_ROUNDS; round++) {
+    for (int64_t round = 0; round - PING_EXTRA_ROUNDS < count; round++) {
         long running = 0;
         if (bridge_snmp_get_property_int(ctx, "utilPingExecute.0", &running, 0) < 0)
             return -1;
@@ -26,22 +37,14 @@ static int wait_for_ping(converter_ctx *ctx, int64_t count)
     return 0;
 }
 
-static int add_integer(json_object *object, const char *key, int64_t number)
-{
-    json_object *value = json_object_new_int64(number);
-    if (value == nullptr)
-        return -1;
-    return json_object_object_add(object, key, value);
-}
-
 static void answer_ping(int64_t sent, int64_t received, json_object *answer, json_object **response)
 {
     json_owned owned(answer);
-    if (add_integer(answer, "packets_sent", sent) < 0) {
+    if (cmd_add_number(answer, "packets_sent", sent) < 0) {
         cmd_answer_error("cannot create packet sent json object", response);
         return;
     }
-    if (add_integer(answer, "packets_recv", received) < 0) {
+    if (cmd_add_number(answer, "packets_recv", received) < 0) {
         cmd_answer_error("cannot create recv json object", response);
         return;
     }
@@ -51,12 +54,9 @@ static void answer_ping(int64_t sent, int64_t received, json_object *answer, jso
 static void run_ping(converter_ctx *ctx, const char *destination, const char *count_text, int64_t count,
                      json_object **response)
 {
-    const cmd_write_row start[] = {
-        {"utilPingCount.0", count_text},
-        {"utilPingDestination.0", destination},
-        {"utilPingExecute.0", CMD_TRIGGER},
-    };
-    if (cmd_write(ctx, start) < 0) {
+    if (cmd_write(ctx,
+                  {cmd_text("utilPingCount.0", count_text), cmd_text("utilPingDestination.0", destination),
+                   cmd_text("utilPingExecute.0", CMD_TRIGGER)}) < 0) {
         cmd_answer_error("failed to process ping command parameters", response);
         return;
     }
@@ -108,16 +108,82 @@ void bridge_cmd_reboot(converter_ctx *ctx, json_object *, json_object **)
     ctx->reboot_pending = true; /* carried out once the answer is out */
 }
 
-/* ---- backups ---- */
+/* ---- identity ---- */
 
-static int number_rows(json_object *rows)
+static const char *home_directory(char *buffer, size_t size)
 {
-    for (size_t i = 0; i < json_object_array_length(rows); i++) {
-        if (add_integer(json_object_array_get_idx(rows, i), "index", static_cast<int64_t>(i)) < 0)
-            return -1;
-    }
-    return 0;
+    const char *home = getenv("HOME");
+    if (home != nullptr)
+        return home;
+    passwd entry = {};
+    passwd *found = nullptr;
+    if (getpwuid_r(getuid(), &entry, buffer, size, &found) != 0 || found == nullptr)
+        return nullptr;
+    return found->pw_dir;
 }
+
+static json_object *read_key_file(const char *path)
+{
+    struct stat status = {};
+    if (stat(path, &status) < 0) {
+        BRIDGE_ERROR("failed to get pubkey file information");
+        return nullptr;
+    }
+    const size_t size = static_cast<size_t>(status.st_size) + 1;
+    const std::unique_ptr<uint8_t, bridge_release<free>> text(static_cast<uint8_t *>(calloc(size, 1)));
+    if (!text) {
+        BRIDGE_ERROR("failed to allocate memory for public key");
+        return nullptr;
+    }
+    if (bridge_utils_read_text_file_to_buf(path, text.get(), size) < 0)
+        return nullptr;
+    json_object *key = json_object_new_string(reinterpret_cast<const char *>(text.get()));
+    if (key == nullptr)
+        BRIDGE_ERROR("failed to allocate JSON object for a key");
+    return key;
+}
+
+void bridge_cmd_get_public_key(converter_ctx *, json_object *, json_object **response)
+{
+    char buffer[PASSWORD_ENTRY_SIZE];
+    const char *home = home_directory(buffer, sizeof(buffer));
+    char path[4096];
+    const int length = snprintf(path, sizeof(path), "%s/.ssh/id_rsa.pub", home != nullptr ? home : "");
+    if (length < 0 || static_cast<size_t>(length) >= sizeof(path)) {
+        BRIDGE_ERROR("SSH key path is too long");
+        return;
+    }
+    *response = read_key_file(path);
+}
+
+/* clang-format off */
+static constexpr cmd_read_row IDENTITY[] = {
+    /* object                   key                  form              capacity */
+    {"moduleName.0",         "moduleName",         PROP_TYPE_STRING, 64},
+    {"moduleProductCode.0",  "moduleProductCode",  PROP_TYPE_STRING, 64},
+    {"moduleRevision.0",     "moduleRevision",     PROP_TYPE_STRING, 8},
+    {"moduleSerialNumber.0", "moduleSerialNumber", PROP_TYPE_STRING, 32},
+    {"custGatewayId.0",      "custGatewayId",      PROP_TYPE_STRING, 32},
+};
+/* clang-format on */
+
+void bridge_cmd_get_gateway_info(converter_ctx *ctx, json_object *, json_object **response)
+{
+    json_owned answer(json_object_new_object());
+    json_object *interfaces = json_object_new_object();
+    if (!answer || interfaces == nullptr) {
+        BRIDGE_ERROR("failed to create JSON interface object");
+        json_object_put(interfaces);
+        return;
+    }
+    json_object_object_add(answer.get(), "interfaces", interfaces);
+    if (cmd_read_into(ctx, IDENTITY, "failed to get properties for gateway information", answer.get()) < 0 ||
+        cmd_add_interfaces(ctx, interfaces) < 0)
+        return;
+    *response = answer.release();
+}
+
+/* ---- backups ---- */
 
 void bridge_cmd_get_backups(converter_ctx *ctx, json_object *, json_object **response)
 {
@@ -138,7 +204,7 @@ void bridge_cmd_get_backups(converter_ctx *ctx, json_object *, json_object **res
         return;
     }
     json_owned backups(table);
-    if (number_rows(backups.get()) < 0) {
+    if (cmd_number_rows(backups.get(), "index", 0) < 0) {
         BRIDGE_ERROR("failed to allocate backup index");
         return;
     }
@@ -149,6 +215,30 @@ void bridge_cmd_get_backups(converter_ctx *ctx, json_object *, json_object **res
     }
     json_object_object_add(answer.get(), "backups", backups.release());
     *response = answer.release();
+}
+
+void bridge_cmd_create_backup(converter_ctx *ctx, json_object *params, json_object **)
+{
+    json_object *description = nullptr;
+    if (!json_object_object_get_ex(params, "description", &description) || description == nullptr) {
+        BRIDGE_ERROR("description string is missing!");
+        return;
+    }
+    if (cmd_write(ctx, {cmd_text("swBackupDescription.0", json_object_get_string(description)),
+                        cmd_text("swBackupExecute.0", CMD_TRIGGER)}) < 0)
+        BRIDGE_ERROR("failed to set backup properties");
+}
+
+void bridge_cmd_restore_backup(converter_ctx *ctx, json_object *params, json_object **)
+{
+    int64_t index = 0;
+    if (cmd_get_integer(params, "index", &index) < 0) {
+        BRIDGE_ERROR("can't get backup index from the request parameters");
+        return;
+    }
+    if (cmd_write(ctx, {cmd_number("swRestorePointSelected.0", &index),
+                        cmd_text("swRestorePointExecute.0", CMD_TRIGGER)}) < 0)
+        BRIDGE_ERROR("failed to set restore backup properties");
 }
 
 /* ---- radio statistics ---- */
@@ -169,4 +259,23 @@ static constexpr cmd_read_row RADIO_STATISTICS[] = {
 void bridge_cmd_get_radio_statistics(converter_ctx *ctx, json_object *, json_object **response)
 {
     cmd_read(ctx, RADIO_STATISTICS, "failed to get properties for radio stats", response);
+}
+
+void bridge_cmd_reset_radio_statistics(converter_ctx *ctx, json_object *, json_object **)
+{
+    if (bridge_snmp_set_property(ctx, "radioStatisticsResetCounters.0", CMD_TRIGGER, 0) < 0)
+        BRIDGE_ERROR("failed to reset radio counters");
+}
+
+/* ---- position ---- */
+
+static constexpr cmd_field_row POSITION[] = {
+    {"gpsLatitude.0", "lat"},
+    {"gpsLongitude.0", "long"},
+    {"gpsAltitude.0", "alti"},
+};
+
+void bridge_cmd_get_gps_coordinates(converter_ctx *ctx, json_object *, json_object **response)
+{
+    cmd_answer_fields(ctx, POSITION, PROP_TYPE_DOUBLE, "failed to get SNMP table", -EIO, response);
 }

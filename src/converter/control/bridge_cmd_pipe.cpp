@@ -5,15 +5,19 @@
 #include "common/bridge_json_helpers.h"
 #include "common/bridge_log.h"
 #include "common/bridge_release.h"
+#include "common/bridge_wait.h"
+#include "converter/control/bridge_cmd_async.h"
 #include "converter/control/bridge_ctrl_ctx.h"
 #include "mqtt/bridge_mqtt.h"
 #include "thread_pool/thpool.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <memory>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -21,11 +25,18 @@ static constexpr const char *PIPE_PATH = "/tmp/snv_bridge.pipe";
 static constexpr const char *RESPONSE_TOPIC = "api/v1/gateway/commands/async_response";
 static constexpr size_t READ_SIZE = 4096;
 static constexpr mode_t PIPE_MODE = 0600;
+static constexpr int COLLECT_MS = 500;
+static constexpr uint32_t PUBLISH_LIMIT_MS = 5000;
+static constexpr uint32_t PUBLISH_STEP_MS = 10;
 static constexpr char WAKE_WORD = 'X';
 static constexpr int32_t CODE_RESTART = 1;
 static constexpr int32_t CODE_PIPE_LOST = 3;
 
 /* ---- the watcher ---- */
+
+/* The process that has the watcher, and how much that has published. */
+static std::atomic<pid_t> watching_process;
+static std::atomic<uint32_t> published;
 
 static int publish_answer(converter_ctx *ctx, const char *text, size_t size)
 {
@@ -45,13 +56,23 @@ struct pipe_watch {
     bridge_fd fd;
 };
 
+/* Where children are left to collect, the wait looks after them. */
+static void wait_for_text(int fd)
+{
+    pollfd watched = {.fd = fd, .events = POLLIN, .revents = 0};
+    while (poll(&watched, 1, cmd_async_collect() ? COLLECT_MS : -1) == 0)
+        continue;
+}
+
 /* One read is one message: a longer one goes out in pieces, and two close ones as one. */
 static void watch_pipe(void *arg)
 {
     const std::unique_ptr<pipe_watch> watch(static_cast<pipe_watch *>(arg));
     converter_ctx *ctx = watch->ctx;
+    watching_process = getpid();
     BRIDGE_DEBUG("starting async pipe watch thread");
     for (;;) {
+        wait_for_text(watch->fd.get());
         char buffer[READ_SIZE + 1];
         const ssize_t count = read(watch->fd.get(), buffer, READ_SIZE);
         if (!ctx->pipe_watch_thr_running) {
@@ -66,6 +87,7 @@ static void watch_pipe(void *arg)
         buffer[count] = '\0';
         if (publish_answer(ctx, buffer, static_cast<size_t>(count)) < 0)
             return;
+        published++;
     }
 }
 
@@ -139,6 +161,17 @@ int bridge_cmd_pipe_start(converter_ctx *ctx)
     return result;
 }
 
+/* A pipe that is full wakes the watcher as well, and without one nobody would ever make room. */
+static int wake_watcher(int fd)
+{
+    const int flags = fcntl(fd, F_GETFL);
+    if (flags < 0 || fcntl(fd, F_SETFL, flags | O_NONBLOCK) < 0)
+        return -1;
+    if (write(fd, &WAKE_WORD, sizeof(WAKE_WORD)) < 0 && errno != EAGAIN)
+        return -1;
+    return 0;
+}
+
 int bridge_cmd_pipe_stop(converter_ctx *ctx)
 {
     BRIDGE_DEBUG("destroying async response pipe");
@@ -153,7 +186,7 @@ int bridge_cmd_pipe_stop(converter_ctx *ctx)
         BRIDGE_ERROR("can't close fileops pipe: invalid descriptor");
         return -1;
     }
-    if (write(ctx->fileops_async_pipe, &WAKE_WORD, sizeof(WAKE_WORD)) < 0)
+    if (wake_watcher(ctx->fileops_async_pipe) < 0)
         result = -1;
     close(ctx->fileops_async_pipe);
     return result;
@@ -195,9 +228,19 @@ static int send_response(json_owned response, int64_t req_id)
     return send_text(str);
 }
 
+/* The daemon itself, which ends with its answer, must not end before its watcher has passed that on. */
+static void wait_for_watcher(uint32_t before)
+{
+    for (uint32_t waited = 0; waited < PUBLISH_LIMIT_MS && published == before; waited += PUBLISH_STEP_MS)
+        bridge_wait_ms(PUBLISH_STEP_MS);
+}
+
 void bridge_cmd_async_respond(json_object *response, int64_t req_id)
 {
+    const uint32_t before = published;
     if (send_response(json_owned(response), req_id) == 0) {
+        if (watching_process == getpid())
+            wait_for_watcher(before);
         BRIDGE_DEBUG("response handler done");
         exit(0);
     }

@@ -2,6 +2,7 @@
  */
 #include "converter/control/bridge_ctrl_conv.h"
 
+#include "common/bridge_config.h"
 #include "common/bridge_log.h"
 #include "common/bridge_release.h"
 #include "common/bridge_wait.h"
@@ -315,6 +316,27 @@ int bridge_ctrlplane_disconnect_agent()
     }
     ctx->snmp_ready = false;
     return 0;
+}
+
+/* ---- in a forked child ---- */
+
+void bridge_ctrl_renew_mutex(converter_ctx *ctx)
+{
+    create_mutex(&ctx->mutex);
+}
+
+void bridge_ctrl_close_session(converter_ctx *ctx)
+{
+    if (ctx->sess_handle != nullptr)
+        close_normal_session(ctx);
+}
+
+void bridge_ctrl_reopen_session(converter_ctx *ctx)
+{
+    if (!ctx->snmp_ready)
+        return;
+    const bridge_config_root *config = bridge_config_get_root_checked();
+    ctx->snmp_ready = open_normal_session(ctx, config->snmp.agent_addr, config->snmp.community) == 0;
 }
 
 /* ---- messages ---- */

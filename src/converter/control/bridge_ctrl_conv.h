@@ -5,6 +5,8 @@
 
 #include <cstdint>
 
+struct converter_ctx;
+
 using bridge_ctrl_handler_t = void (*)(int32_t code, void *context);
 
 /* `handler` is called with code 1 when the control plane is to be restarted. Returns 0 or -1. */
@@ -21,6 +23,13 @@ int bridge_snmp_connect_oam();
 /* Returns the result of the MQTT disconnect. */
 int bridge_ctrlplane_disconnect_oam();
 int bridge_ctrlplane_disconnect_agent();
+
+/* For a forked child, which shares the agent's session and the context mutex with nobody: the mutex is made
+ * anew, as another thread of the daemon may have held it; the session is closed, and opened anew if it was
+ * open. */
+void bridge_ctrl_renew_mutex(converter_ctx *ctx);
+void bridge_ctrl_close_session(converter_ctx *ctx);
+void bridge_ctrl_reopen_session(converter_ctx *ctx);
 
 /* Waits for the workers, without a limit. Returns 0, or -1 when not initialised. */
 int bridge_ctrlplane_deinit();

@@ -96,6 +96,7 @@ static int publish_event(converter_ctx *ctx, const char *topic, const event_sour
         field_int("severity", &severity),
         field_int("state", &state),
     };
+    errno = 0; /* a library call of this thread may have left one that counts against the numbers */
     if (bridge_json_deserialize(row, frame, std::size(frame)) < 0) {
         BRIDGE_ERROR("can't de-serialize event JSON");
         return -1;
@@ -193,6 +194,8 @@ static void take_notifications(converter_ctx *ctx, const char *topic)
     } else if (ready == 0) {
         const ctx_guard guard(ctx);
         snmp_timeout();
+    } else if (ready != -1) {
+        BRIDGE_ERROR("select returned %d", ready);
     } else if (errno != EINTR) {
         BRIDGE_ERROR("select");
     }

@@ -163,9 +163,10 @@ int bridge_snmp_get_property_double(converter_ctx *ctx, const char *oid_str, dou
     if (bridge_snmp_fetch(ctx, oid_str, timeout_ms, &fetch) < 0)
         return -1;
     const netsnmp_variable_list *var = fetch.response->variables;
-    if (var->type == ASN_OPAQUE_FLOAT) {
+    /* The library hands an opaque number over under a type of its own. */
+    if (var->type == ASN_FLOAT || var->type == ASN_OPAQUE_FLOAT) {
         *val = static_cast<double>(*var->val.floatVal);
-    } else if (var->type == ASN_OPAQUE_DOUBLE) {
+    } else if (var->type == ASN_DOUBLE || var->type == ASN_OPAQUE_DOUBLE) {
         *val = *var->val.doubleVal;
     } else {
         BRIDGE_ERROR("returned value is not an float: %d", var->type);
@@ -362,11 +363,12 @@ int bridge_snmp_set_property(converter_ctx *ctx, const char *oid_str, const char
 {
     BRIDGE_ASSERT(oid_str);
     BRIDGE_ASSERT(value);
-    BRIDGE_ASSERT(ctx && ctx->ss);
+    BRIDGE_ASSERT_TEXT(ctx, "ctx && ctx->ss");
     BRIDGE_TRACE("attempt to set property: [%s] with value: [%s]", oid_str, value);
     const ctx_guard guard(ctx);
     if (!ctx->snmp_ready)
         return -1;
+    BRIDGE_ASSERT_TEXT(ctx->ss, "ctx && ctx->ss"); /* a late caller finds the session closed, and not ready */
     set_timeout(ctx, timeout_ms);
     oid name[MAX_OID_LEN];
     size_t name_length = MAX_OID_LEN;

@@ -120,11 +120,12 @@ static int print_number(const netsnmp_variable_list *var, const bridge_snmp_read
     return 0;
 }
 
-/* The library keeps a value of 40 bytes and more outside the variable; such a text reads as empty here.
- * Servers count on a bounded text: bridge_snmp_get_property_str gives the whole one. */
+/* Only a text under 40 bytes is read here, a longer one reads as empty: the library keeps it outside the
+ * variable, save one of exactly 40 bytes, which some of its ways bring inside. Servers count on a bounded
+ * text: bridge_snmp_get_property_str gives the whole one. */
 static size_t inline_text_length(const netsnmp_variable_list *var)
 {
-    if (var->val.string != var->buf)
+    if (var->val.string != var->buf || var->val_len >= sizeof(var->buf))
         return 0;
     return strnlen(reinterpret_cast<const char *>(var->buf), var->val_len);
 }

@@ -172,7 +172,10 @@ static int read_row(converter_ctx *ctx, exact_walk *walk, size_t row_number, jso
         snprintf(walk->index, sizeof(walk->index), "%zu", row_number + 1);
     if (fill_slots(walk, row.get()) < 0)
         return -1;
-    if (request_row(ctx, walk) < 0) {
+    char previous[NAME_SIZE];
+    memcpy(previous, walk->index, sizeof(previous));
+    /* An agent whose index does not move on would be asked for ever. */
+    if (request_row(ctx, walk) < 0 || (walk->idx_key != nullptr && strcmp(previous, walk->index) == 0)) {
         BRIDGE_TRACE("end of table is reached");
         return 0;
     }

@@ -126,8 +126,11 @@ int bridge_semtech_current_time(char *buffer, size_t size)
 {
     const time_t now = time(nullptr);
     tm utc = {};
-    if (gmtime_r(&now, &utc) == nullptr)
-        return -1;
+    {
+        const bridge_fork_hold hold;
+        if (gmtime_r(&now, &utc) == nullptr)
+            return -1;
+    }
     return strftime(buffer, size, "%FT%TZ", &utc) > 0 ? 0 : -1;
 }
 

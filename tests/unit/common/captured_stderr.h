@@ -6,6 +6,7 @@
 
 #include <csignal>
 #include <cstdio>
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <string>
 #include <sys/mman.h>
@@ -17,6 +18,7 @@ class captured_stream
     explicit captured_stream(FILE *stream)
         : stream_(stream), saved_(dup(fileno(stream))), file_(memfd_create("captured", MFD_CLOEXEC))
     {
+        fcntl(file_.get(), F_SETFL, O_APPEND); /* forked children and their parent keep each other's lines */
         fflush(stream_);
         dup2(file_.get(), fileno(stream_));
     }
