@@ -218,6 +218,14 @@ char *bridge_fileops_replace_dirname(const char *original, const char *new_dirna
     return bridge_fileops_join_path(new_dirname, segment.data(), segment.size());
 }
 
+char *bridge_fileops_last_segment(const char *path)
+{
+    std::string_view rest = path;
+    size_t parents = 0;
+    const std::string_view segment = cut_resolved_segment(&rest, &parents);
+    return segment.empty() ? nullptr : strndup(segment.data(), segment.size());
+}
+
 /* ---- look-up ---- */
 
 /* A plain name is compared over the length that was asked for, so that its beginning matches as well: servers

@@ -50,6 +50,9 @@ char *bridge_fileops_join_path(const char *prefix_path, const char *segment, siz
  * never more than one level. Null when no segment is left, or for want of memory. The caller frees it. */
 char *bridge_fileops_replace_dirname(const char *original, const char *new_dirname);
 
+/* The last segment of the path, as above, or null. The caller frees it. */
+char *bridge_fileops_last_segment(const char *path);
+
 /* The real file behind `virtpath`, for which `entry` was found; the caller frees it. Returns 0, -12, or -22
  * for a row without a real path. */
 int bridge_fileops_real_path(const bridge_fileops_entry *entry, const char *virtpath, char **real_path);

@@ -1,6 +1,8 @@
 /* The table of commands, the road of a request, and the start and stop of the service. */
 #include "converter/control/bridge_cmd.h"
 
+#include "common/bridge_fileops.h"
+#include "common/bridge_fileops_jobs.h"
 #include "common/bridge_fileops_watch.h"
 #include "common/bridge_json_helpers.h"
 #include "common/bridge_log.h"
@@ -8,6 +10,7 @@
 #include "converter/control/bridge_cmd_async.h"
 #include "converter/control/bridge_cmd_bsp.h"
 #include "converter/control/bridge_cmd_family.h"
+#include "converter/control/bridge_cmd_files.h"
 #include "converter/control/bridge_cmd_gateway.h"
 #include "converter/control/bridge_cmd_modem.h"
 #include "converter/control/bridge_cmd_network.h"
@@ -17,6 +20,7 @@
 #include "converter/control/bridge_cmd_revssh.h"
 #include "converter/control/bridge_cmd_software.h"
 #include "converter/control/bridge_cmd_state.h"
+#include "converter/control/bridge_cmd_upload.h"
 #include "converter/control/bridge_ctrl_ctx.h"
 #include "mqtt/bridge_mqtt.h"
 
@@ -31,8 +35,8 @@ static constexpr int32_t CODE_RESTART = 1;
 
 struct command_row {
     const char *command;
-    bridge_cmd_handler handler; /* null: answered like an unknown command */
-    bool pass_root;             /* the whole request goes to the handler, not its "params" */
+    bridge_cmd_handler handler;
+    bool pass_root; /* the whole request goes to the handler, not its "params" */
 };
 
 /* Searched from the top. */
@@ -86,20 +90,20 @@ static constexpr command_row commands_table[] = {
     {"setFirewallConfiguration",             bridge_cmd_set_firewall,               false},
     {"setPreferredPingIpAddress",            bridge_cmd_set_ping_target,            false},
     {"getPreferredPingIpAddress",            bridge_cmd_get_ping_target,            false},
-    {"fileUploadStart",                      nullptr,                               false},
-    {"fileUploadChunk",                      nullptr,                               false},
-    {"fileUploadStop",                       nullptr,                               false},
+    {"fileUploadStart",                      bridge_cmd_file_upload_start,          false},
+    {"fileUploadChunk",                      bridge_cmd_file_upload_chunk,          false},
+    {"fileUploadStop",                       bridge_cmd_file_upload_stop,           false},
     {"getWmNetworkInfo",                     bridge_cmd_get_wm_network_info,        false},
     {"setWmPreferredNetwork",                bridge_cmd_set_wm_preferred_network,   false},
-    {"fopsScanDir",                          nullptr,                               false},
-    {"fopsStreamStart",                      nullptr,                               true},
-    {"fopsStreamStop",                       nullptr,                               false},
-    {"fopsFetchStart",                       nullptr,                               true},
-    {"fopsFetchStop",                        nullptr,                               false},
-    {"fopsExecuteStart",                     nullptr,                               true},
-    {"fopsExecuteStop",                      nullptr,                               false},
-    {"logRetrieveStart",                     nullptr,                               false},
-    {"logRetrieveStop",                      nullptr,                               false},
+    {"fopsScanDir",                          bridge_cmd_scan_dir,                   false},
+    {"fopsStreamStart",                      bridge_cmd_stream_start,               true},
+    {"fopsStreamStop",                       bridge_cmd_stream_stop,                false},
+    {"fopsFetchStart",                       bridge_cmd_fetch_start,                true},
+    {"fopsFetchStop",                        bridge_cmd_fetch_stop,                 false},
+    {"fopsExecuteStart",                     bridge_cmd_execute_start,              true},
+    {"fopsExecuteStop",                      bridge_cmd_execute_stop,               false},
+    {"logRetrieveStart",                     bridge_cmd_log_retrieve_start,         false},
+    {"logRetrieveStop",                      bridge_cmd_log_retrieve_stop,          false},
     {"getSimStatus",                         bridge_cmd_get_sim_status,             false},
     {"upgradeBspLocal",                      bridge_cmd_upgrade_bsp_local,          true},
     {"getAvailableBspUpgrade",               bridge_cmd_get_available_bsp_upgrade,  false},
@@ -119,12 +123,6 @@ static constexpr const char *DIRECTORIES[] = {
     "/dev/shm/modem_downloads",
     "/usr/share/snv-mqtt-bridge/scripts",
     "/etc/default",
-};
-
-/* Copies made for a log retrieval; seconds that they may stay. */
-static constexpr bridge_fileops_watch_dir log_backup_dirs[] = {
-    {"/var/log/.snv_bridge_bkp",      "*.log", "/var/log/.snv_bridge_bkp.tmst",      60},
-    {"/var/lib/logs/.snv_bridge_bkp", "*.gz",  "/var/lib/logs/.snv_bridge_bkp.tmst", 60},
 };
 /* clang-format on */
 static_assert(std::size(commands_table) == 67);
@@ -168,7 +166,7 @@ static const command_row *find_command(const char *name)
 {
     for (const command_row &row : commands_table) {
         if (strcmp(row.command, name) == 0)
-            return row.handler != nullptr ? &row : nullptr;
+            return &row;
     }
     return nullptr;
 }
@@ -310,9 +308,7 @@ int bridge_cmd_launcher(converter_ctx *ctx, const char *)
         if (create_directory(path) < 0)
             return -1;
     }
-    const int cleaned = bridge_fileops_check_clean(log_backup_dirs, std::size(log_backup_dirs));
-    if (cleaned < 0)
-        BRIDGE_WARN("can't check and clean log backup dirs: [%d]", cleaned);
+    bridge_cmd_clean_log_backups();
     if (bridge_cmd_state_create() < 0)
         return -1;
     int result = bridge_cmd_pipe_start(ctx);
@@ -339,11 +335,25 @@ static int stop_watcher(converter_ctx *ctx)
     return result;
 }
 
+/* Of the jobs only a fetch is stopped, by the calls of a stream. */
+static int stop_fetch(converter_ctx *ctx)
+{
+    bool running = false;
+    int result = bridge_fileops_stream_running(&fileops_root, ctx->fetch_id, &running);
+    if (result >= 0 && running)
+        result = bridge_fileops_stream_stop(&fileops_root, ctx->fetch_id);
+    if (result < 0)
+        BRIDGE_WARN("failed to stop file stream process: [%d]", result);
+    return result;
+}
+
 int bridge_cmd_stopper(converter_ctx *ctx)
 {
     BRIDGE_DEBUG("stopping command services");
     int result = 0;
     if (ctx->watch_pid > 0 && stop_watcher(ctx) < 0)
+        result = -1;
+    if (ctx->fetch_id > 0 && stop_fetch(ctx) < 0)
         result = -1;
     if (bridge_cmd_pipe_stop(ctx) < 0)
         result = -1;

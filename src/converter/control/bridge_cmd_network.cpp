@@ -293,8 +293,10 @@ static bool knows_address_only(const cmd_version &version)
 
 static int set_ping_address(converter_ctx *ctx, const char *address)
 {
+    /* Without hints of its own the library leaves out a family that the gateway has no address of. */
+    const addrinfo hints = {.ai_family = AF_UNSPEC};
     addrinfo *list = nullptr;
-    int result = getaddrinfo(address, nullptr, nullptr, &list);
+    int result = getaddrinfo(address, nullptr, &hints, &list);
     if (result != 0) {
         BRIDGE_ERROR("failed to resolve ping address: %s", gai_strerror(result));
         return -1;

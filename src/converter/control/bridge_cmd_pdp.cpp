@@ -218,9 +218,9 @@ static void add_job(converter_ctx *ctx, json_object *request)
     cmd_async_begin();
     char apn[APN_SIZE] = "";
     int result = 0;
+    long long row = count;
     for (size_t i = 0; result == 0 && i < json_object_array_length(profiles); i++)
-        result = add_profile(ctx, json_object_array_get_idx(profiles, i),
-                             count + 1 + static_cast<long long>(i), apn);
+        result = add_profile(ctx, json_object_array_get_idx(profiles, i), ++row, apn);
     respond(std::move(answer), result, apn, req_id);
 }
 

@@ -1,6 +1,7 @@
 /* A FIFO held open on both sides by the daemon, so that its reader never sees an end. */
 #include "converter/control/bridge_cmd_pipe.h"
 
+#include "common/bridge_async_pipe.h"
 #include "common/bridge_config.h"
 #include "common/bridge_json_helpers.h"
 #include "common/bridge_log.h"
@@ -21,7 +22,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-static constexpr const char *PIPE_PATH = "/tmp/snv_bridge.pipe";
 static constexpr const char *RESPONSE_TOPIC = "api/v1/gateway/commands/async_response";
 static constexpr size_t READ_SIZE = 4096;
 static constexpr mode_t PIPE_MODE = 0600;
@@ -95,7 +95,7 @@ static void watch_pipe(void *arg)
 
 static int create_fifo()
 {
-    if (mkfifo(PIPE_PATH, PIPE_MODE) == 0)
+    if (mkfifo(BRIDGE_ASYNC_PIPE_PATH, PIPE_MODE) == 0)
         return 0;
     if (errno != EEXIST) {
         BRIDGE_ERROR("failed to create pipe for async messages: %m");
@@ -108,7 +108,7 @@ static int create_fifo()
 /* Opened for both, so that the open waits for no writer; the reader blocks. */
 static int open_fifo()
 {
-    bridge_fd fd(open(PIPE_PATH, O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    bridge_fd fd(open(BRIDGE_ASYNC_PIPE_PATH, O_RDWR | O_NONBLOCK | O_CLOEXEC));
     if (fd.get() < 0) {
         BRIDGE_ERROR("failed to open async pipe: %m");
         return -1;
@@ -194,21 +194,6 @@ int bridge_cmd_pipe_stop(converter_ctx *ctx)
 
 /* ---- answers of children ---- */
 
-static int send_text(const char *text)
-{
-    BRIDGE_TRACE("sending async response: %s", text);
-    const bridge_fd fd(open(PIPE_PATH, O_WRONLY | O_NONBLOCK | O_CLOEXEC));
-    if (fd.get() < 0) {
-        BRIDGE_ERROR("failed to open pipe for sending async response: %m");
-        return -1;
-    }
-    if (write(fd.get(), text, strlen(text)) < 0) {
-        BRIDGE_ERROR("failed to write to an async response pipe: %m");
-        return -1;
-    }
-    return 0;
-}
-
 static int send_response(json_owned response, int64_t req_id)
 {
     const json_owned message(json_object_new_object());
@@ -225,7 +210,7 @@ static int send_response(json_owned response, int64_t req_id)
     json_object_object_add(message.get(), "response", response.release());
     const char *str = json_object_to_json_string_ext(message.get(), JSON_C_TO_STRING_PLAIN);
     BRIDGE_ASSERT_TEXT(str != nullptr, "str != NULL");
-    return send_text(str);
+    return bridge_async_pipe_send(str);
 }
 
 /* The daemon itself, which ends with its answer, must not end before its watcher has passed that on. */

@@ -13,6 +13,7 @@
 
 static constexpr size_t ANALYZER_BLOB_SIZE = 2048;
 static constexpr size_t SAMPLES_PER_CHANNEL = 101;
+static constexpr size_t CHANNEL_SIZE = SAMPLES_PER_CHANNEL * sizeof(int32_t);
 
 /* ---- parameters ---- */
 
@@ -276,9 +277,11 @@ void bridge_cmd_get_scan_results(converter_ctx *ctx, json_object *, json_object 
         return;
     }
     const size_t channels = static_cast<size_t>(scan.channels_125k) + static_cast<size_t>(scan.channels_500k);
-    const size_t size = channels * SAMPLES_PER_CHANNEL * sizeof(int32_t);
-    /* Zeroed: a value of a kind that is no text counts as read, and leaves the buffer as it is. */
-    const std::unique_ptr<uint8_t, bridge_release<free>> blob(static_cast<uint8_t *>(calloc(size, 1)));
+    const size_t size = channels * CHANNEL_SIZE;
+    /* Zeroed: a value of a kind that is no text counts as read, and leaves the buffer as it is. A product
+     * that no size holds fails here, too. */
+    const std::unique_ptr<uint8_t, bridge_release<free>> blob(
+        static_cast<uint8_t *>(calloc(channels, CHANNEL_SIZE)));
     if (!blob) {
         BRIDGE_ERROR("failed to allocate blob with size: [%zu]", size);
         return;

@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -30,12 +31,12 @@ static constexpr int SSH_VERBOSITY = 2;
 static constexpr int MAX_PORT = 65535;
 static constexpr int POLL_MS = 1000;
 static constexpr int BACKLOG_POLL_MS = 5;
-static constexpr int64_t ACCEPT_ROUND_MS = 1000;
+static constexpr int64_t ACCEPT_ROUND_MS = 5000;
 static constexpr short LOCAL_EVENTS = POLLIN | POLLPRI | POLLERR | POLLHUP | POLLNVAL;
 static_assert(LOCAL_EVENTS == 0x3B);
 
 static constexpr size_t READ_SIZE = 2048;
-static constexpr size_t MESSAGE_SIZE = 15 * READ_SIZE; /* servers take 32 KiB with the headers */
+static constexpr size_t MESSAGE_SIZE = 15 * READ_SIZE; /* what one packet takes */
 
 using session_owned = std::unique_ptr<ssh_session_struct, bridge_release<ssh_free>>;
 using channel_owned = std::unique_ptr<ssh_channel_struct, bridge_release<ssh_channel_free>>;
@@ -44,10 +45,11 @@ using event_owned = std::unique_ptr<ssh_event_struct, bridge_release<ssh_event_f
 /* ---- from the channel to the gateway's port ---- */
 
 /* The gateway's end of a connection. While it takes less than the server sends, the rest stays in the
- * library, whose window then holds the server back. */
+ * library, whose window then holds the server back. It is watched while the server takes more. */
 struct local_end {
     int fd;
     bool is_behind;
+    bool is_watched;
 };
 
 /* Returns how much the socket took without waiting: waiting here would stop the other direction too, and a
@@ -84,7 +86,7 @@ static void catch_up(ssh_channel channel, local_end *local)
         local->is_behind = true;
         if (send(local->fd, piece, static_cast<size_t>(count), MSG_NOSIGNAL) < 0) {
             BRIDGE_ERROR("ssh: failed to write to socket: %m");
-            ssh_channel_close(channel);
+            local->is_behind = false; /* on_local_event closes, behind what is still to be read */
             return;
         }
     }
@@ -92,39 +94,43 @@ static void catch_up(ssh_channel channel, local_end *local)
 
 /* ---- from the gateway's port to the channel ---- */
 
-/* Reads what waits, but not more than goes into one SSH packet: a packet for each read would cost half of the
- * speed. Returns the size, or the result of the first read when that gives nothing. */
+/* Reads what waits. Returns the size, or the result of the first read when that gives nothing. */
 static ssize_t read_waiting(int fd, std::span<char> message)
 {
     size_t size = 0;
-    while (size + READ_SIZE <= message.size()) {
-        const ssize_t count = recv(fd, message.data() + size, READ_SIZE, MSG_DONTWAIT);
+    while (size < message.size()) {
+        const size_t wanted = std::min(READ_SIZE, message.size() - size);
+        const ssize_t count = recv(fd, message.data() + size, wanted, MSG_DONTWAIT);
         if (count <= 0)
             return size > 0 ? static_cast<ssize_t>(size) : count;
         size += static_cast<size_t>(count);
-        if (count < static_cast<ssize_t>(READ_SIZE))
+        if (static_cast<size_t>(count) < wanted)
             break;
     }
     return static_cast<ssize_t>(size);
 }
 
-/* Returns as read_waiting. What the channel does not take has no receiver any more: the channel has ended,
- * which the poll loop finds out. */
-static ssize_t forward_waiting(int fd, ssh_channel channel)
+/* Several reads go into one packet: a packet for each would cost half of the speed. Returns as read_waiting.
+ * What the channel does not take has no receiver any more: it has ended, and the poll loop finds that out. */
+static ssize_t forward_waiting(int fd, ssh_channel channel, size_t limit)
 {
-    char message[MESSAGE_SIZE];
-    const ssize_t count = read_waiting(fd, message);
+    std::array<char, MESSAGE_SIZE> message;
+    const ssize_t count = read_waiting(fd, std::span(message).first(std::min(limit, message.size())));
     if (count > 0)
-        ssh_channel_write(channel, message, static_cast<uint32_t>(count));
+        ssh_channel_write(channel, message.data(), static_cast<uint32_t>(count));
     return count;
 }
 
 /* Returns the count forwarded, or -1 when the socket has ended. */
 static int forward(int fd, int events, ssh_channel channel)
 {
+    /* Not more than the server takes now: a wait for the rest would stop the other direction. */
+    const uint32_t limit = ssh_channel_window_size(channel);
+    if (limit == 0)
+        return 0;
     ssize_t count = 0;
     if ((events & POLLIN) != 0) {
-        count = forward_waiting(fd, channel);
+        count = forward_waiting(fd, channel, limit);
         if (count < 0) {
             BRIDGE_ERROR("ssh: failed to read from socket: %m");
             return -1;
@@ -136,15 +142,15 @@ static int forward(int fd, int events, ssh_channel channel)
     }
     if ((events & POLLHUP) != 0) {
         while (count > 0) /* what was sent before the hang-up is still there */
-            count = forward_waiting(fd, channel);
+            count = forward_waiting(fd, channel, MESSAGE_SIZE);
         BRIDGE_WARN("ssh: server disconnected");
         return -1;
     }
     return static_cast<int>(count);
 }
 
-/* A full channel or SSH connection makes ssh_channel_write wait, and in that wait the library reports a
- * hang-up of the very socket whose bytes wait: at once, and again and again. */
+/* In a wait of ssh_channel_write the library reports a hang-up of the very socket whose bytes wait, at once
+ * and again and again. */
 static bool is_forwarding;
 
 static int on_local_event(int fd, int events, void *userdata)
@@ -190,6 +196,22 @@ static int connect_local(int port)
     return fd.release();
 }
 
+static int watch_local(ssh_event event, ssh_channel channel, local_end *local, bool wanted)
+{
+    if (local->is_watched == wanted)
+        return 0;
+    local->is_watched = wanted;
+    if (!wanted) {
+        ssh_event_remove_fd(event, local->fd);
+        return 0;
+    }
+    if (ssh_event_add_fd(event, local->fd, LOCAL_EVENTS, on_local_event, channel) != SSH_OK) {
+        BRIDGE_ERROR("ssh: can't add fd to event");
+        return -EIO;
+    }
+    return 0;
+}
+
 static void poll_connection(ssh_session session, ssh_event event, ssh_channel channel, local_end *local)
 {
     do {
@@ -199,6 +221,8 @@ static void poll_connection(ssh_session session, ssh_event event, ssh_channel ch
             break;
         }
         catch_up(channel, local);
+        if (watch_local(event, channel, local, ssh_channel_window_size(channel) > 0) < 0)
+            break;
     } while (!ssh_channel_is_closed(channel) && !ssh_channel_is_eof(channel));
     BRIDGE_INFO("reverse SSH session closed, waiting for new connection...");
 }
@@ -216,7 +240,7 @@ static int serve_connection(ssh_session session, ssh_channel accepted, int local
         BRIDGE_ERROR("ssh: failed to allocate event object");
         return -ENOMEM;
     }
-    local_end local = {.fd = socket.get(), .is_behind = false};
+    local_end local = {.fd = socket.get(), .is_behind = false, .is_watched = false};
     ssh_channel_callbacks_struct callbacks = {};
     callbacks.userdata = &local;
     callbacks.channel_data_function = on_channel_data;
@@ -225,17 +249,14 @@ static int serve_connection(ssh_session session, ssh_channel accepted, int local
         BRIDGE_ERROR("ssh: error set cb: %s\n", ssh_get_error(session));
         return -EIO;
     }
-    int result = 0;
-    if (ssh_event_add_fd(event.get(), socket.get(), LOCAL_EVENTS, on_local_event, channel.get()) != SSH_OK) {
-        BRIDGE_ERROR("ssh: can't add fd to event");
-        result = -EIO;
-    } else if (ssh_event_add_session(event.get(), session) != SSH_OK) {
+    int result = watch_local(event.get(), channel.get(), &local, true);
+    if (result == 0 && ssh_event_add_session(event.get(), session) != SSH_OK) {
         BRIDGE_ERROR("ssh: can't add session to event");
         result = -EIO;
-    } else {
-        poll_connection(session, event.get(), channel.get(), &local);
     }
-    ssh_event_remove_fd(event.get(), socket.get());
+    if (result == 0)
+        poll_connection(session, event.get(), channel.get(), &local);
+    watch_local(event.get(), channel.get(), &local, false);
     /* A channel that the server has not closed yet outlives this call, and may still get data. */
     ssh_remove_channel_callbacks(channel.get(), &callbacks);
     return result;
