@@ -134,20 +134,28 @@ static void stop_updater(pid_t pid)
 
 /* ---- upload ---- */
 
-/* What is left to hand over. */
 struct upload_data {
-    const char *next;
-    size_t left;
+    const char *start;
+    size_t size;
+    size_t sent;
 };
 
 static size_t hand_over(char *buffer, size_t size, size_t count, void *arg)
 {
     auto *data = static_cast<upload_data *>(arg);
-    const size_t length = std::min(size * count, data->left);
-    memcpy(buffer, data->next, length);
-    data->next += length;
-    data->left -= length;
+    const size_t length = std::min(size * count, data->size - data->sent);
+    memcpy(buffer, data->start + data->sent, length);
+    data->sent += length;
     return length;
+}
+
+/* The library begins anew where a server takes only a second attempt. */
+static int begin_again(void *arg, curl_off_t offset, int origin)
+{
+    if (origin != SEEK_SET || offset != 0)
+        return CURL_SEEKFUNC_CANTSEEK;
+    static_cast<upload_data *>(arg)->sent = 0;
+    return CURL_SEEKFUNC_OK;
 }
 
 static size_t drop_answer(char *, size_t size, size_t count, void *)
@@ -167,7 +175,7 @@ static int fill_form(curl_mime *mime, const bridge_fileops_upload *upload, uploa
         return -ENOMEM;
     }
     curl_mime_name(filedata, "filedata");
-    curl_mime_data_cb(filedata, static_cast<curl_off_t>(upload->size), hand_over, nullptr, nullptr, data);
+    curl_mime_data_cb(filedata, static_cast<curl_off_t>(upload->size), hand_over, begin_again, nullptr, data);
     curl_mime_filename(filedata, name);
     curl_mime_name(mac, "mac");
     curl_mime_data(mac, bridge_config_get_root_checked()->generic.gw_mac, CURL_ZERO_TERMINATED);
@@ -188,7 +196,7 @@ static int post_form(const bridge_fileops_upload *upload, const char *start, con
         BRIDGE_ERROR("curl: failed to init mime");
         return -ENOMEM;
     }
-    upload_data data = {.next = start, .left = upload->size};
+    upload_data data = {.start = start, .size = upload->size, .sent = 0};
     result = fill_form(mime.get(), upload, &data, name);
     if (result < 0)
         return result;
@@ -219,7 +227,9 @@ static int upload_mapped(const bridge_fileops_upload *upload, const char *name)
         BRIDGE_ERROR("curl: failed to open file for reading: %m");
         return -code;
     }
-    const size_t length = static_cast<size_t>(upload->offset) + upload->size;
+    size_t length = 0;
+    if (__builtin_add_overflow(static_cast<size_t>(upload->offset), upload->size, &length))
+        return -EOVERFLOW; /* where an address has 32 bits */
     const file_mapping mapping(mmap(nullptr, length, PROT_READ, MAP_PRIVATE, fd.get(), 0), length);
     if (!mapping.is_valid()) {
         const int code = errno;

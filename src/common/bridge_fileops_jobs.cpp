@@ -181,9 +181,11 @@ int bridge_fileops_fetch_start(const bridge_fileops_entry *root, const char *fil
 /* ---- scripts ---- */
 
 /* The grandchild: its output goes into the log file, and it ends with the job. */
-[[noreturn]] static void exec_script(const char *real_path, int log_fd)
+[[noreturn]] static void exec_script(const char *real_path, int log_fd, pid_t job)
 {
     prctl(PR_SET_PDEATHSIG, SIGTERM);
+    if (getppid() != job)
+        _Exit(127);
     dup2(log_fd, STDOUT_FILENO);
     dup2(log_fd, STDERR_FILENO);
     signal(SIGPIPE, SIG_DFL); /* the MQTT library has it ignored, and a program inherits that */
@@ -202,6 +204,7 @@ static int bridge_fileops_run_script(const char *real_path, int log_fd)
     }
     if (chmod(real_path, SCRIPT_MODE) < 0)
         BRIDGE_ERROR("unable to set permissions for %s: %m", real_path);
+    const pid_t job = getpid();
     const pid_t pid = fork();
     if (pid < 0) {
         const int code = errno;
@@ -209,7 +212,7 @@ static int bridge_fileops_run_script(const char *real_path, int log_fd)
         return -code;
     }
     if (pid == 0)
-        exec_script(real_path, log_fd);
+        exec_script(real_path, log_fd, job);
     BRIDGE_DEBUG("launched script process pid: [%d]", pid);
     int status = 0;
     while (waitpid(pid, &status, 0) < 0 && errno == EINTR)

@@ -12,6 +12,8 @@
 #include <atomic>
 #include <cerrno>
 #include <iterator>
+#include <sys/types.h>
+#include <utility>
 
 static constexpr size_t PATH_SIZE = 4096;
 static constexpr size_t TOKEN_SIZE = 256;
@@ -48,7 +50,7 @@ static int scan_dir(json_object *params, json_object *entries, json_object *answ
     char path[PATH_SIZE] = "";
     const bridge_json_field frame[] = {field_string("path", path)};
     if (cmd_parse(params, frame) < 0) {
-        BRIDGE_ERROR("failed to de-serialize params");
+        BRIDGE_ERROR("failed to de-serialize scandir parameters");
         return -EINVAL;
     }
     const int result = bridge_fileops_scandir_to_existing_json(&fileops_root, path, entries);
@@ -202,7 +204,7 @@ static int start_stream(json_object *request)
         BRIDGE_ERROR("failed to de-serialize params");
         return -EINVAL;
     }
-    if (offset < 0 || size <= 0) {
+    if (offset < 0 || size <= 0 || !std::in_range<off_t>(offset) || !std::in_range<size_t>(size)) {
         BRIDGE_ERROR("invalid parameters received");
         return -EINVAL;
     }

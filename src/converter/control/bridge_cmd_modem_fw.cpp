@@ -9,6 +9,7 @@
 #include "converter/control/bridge_cmd_state.h"
 #include "converter/control/bridge_ctrl_ctx.h"
 
+#include <csignal>
 #include <cstdlib>
 #include <iterator>
 
@@ -36,6 +37,7 @@ static void answer_status(const char *text, json_object **response)
 [[noreturn]] static void install()
 {
     bridge_child_drop_descriptors();
+    signal(SIGPIPE, SIG_DFL); /* the MQTT library has it ignored, and the script would inherit that */
     bridge_cmd_wm_status_write(WM_FW_IN_PROGRESS);
     if (system(INSTALL_LINE) == 0) {
         bridge_cmd_wm_status_write(WM_FW_OK);

@@ -19,6 +19,7 @@
 #include <fcntl.h>
 #include <memory>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -34,9 +35,10 @@ static constexpr int32_t CODE_PIPE_LOST = 3;
 
 /* ---- the watcher ---- */
 
-/* The process that has the watcher, and how much that has published. */
+/* The process that has the watcher, and whether that is at work on what it has read: set before each read, so
+ * that a pipe found empty with nobody at work has been passed on. */
 static std::atomic<pid_t> watching_process;
-static std::atomic<uint32_t> published;
+static std::atomic<bool> watcher_works;
 
 static int publish_answer(converter_ctx *ctx, const char *text, size_t size)
 {
@@ -60,8 +62,10 @@ struct pipe_watch {
 static void wait_for_text(int fd)
 {
     pollfd watched = {.fd = fd, .events = POLLIN, .revents = 0};
+    watcher_works = false;
     while (poll(&watched, 1, cmd_async_collect() ? COLLECT_MS : -1) == 0)
         continue;
+    watcher_works = true;
 }
 
 /* One read is one message: a longer one goes out in pieces, and two close ones as one. */
@@ -87,7 +91,6 @@ static void watch_pipe(void *arg)
         buffer[count] = '\0';
         if (publish_answer(ctx, buffer, static_cast<size_t>(count)) < 0)
             return;
-        published++;
     }
 }
 
@@ -213,19 +216,25 @@ static int send_response(json_owned response, int64_t req_id)
     return bridge_async_pipe_send(str);
 }
 
-/* The daemon itself, which ends with its answer, must not end before its watcher has passed that on. */
-static void wait_for_watcher(uint32_t before)
+static bool is_passed_on(int fd)
 {
-    for (uint32_t waited = 0; waited < PUBLISH_LIMIT_MS && published == before; waited += PUBLISH_STEP_MS)
+    int waiting = 0;
+    return ioctl(fd, FIONREAD, &waiting) < 0 || (waiting == 0 && !watcher_works);
+}
+
+/* The daemon itself, which ends with its answer, must not end before its watcher has passed that on. */
+static void wait_for_watcher()
+{
+    const bridge_fd fd(open(BRIDGE_ASYNC_PIPE_PATH, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    for (uint32_t waited = 0; waited < PUBLISH_LIMIT_MS && !is_passed_on(fd.get()); waited += PUBLISH_STEP_MS)
         bridge_wait_ms(PUBLISH_STEP_MS);
 }
 
 void bridge_cmd_async_respond(json_object *response, int64_t req_id)
 {
-    const uint32_t before = published;
     if (send_response(json_owned(response), req_id) == 0) {
         if (watching_process == getpid())
-            wait_for_watcher(before);
+            wait_for_watcher();
         BRIDGE_DEBUG("response handler done");
         exit(0);
     }

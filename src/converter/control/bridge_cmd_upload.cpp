@@ -11,12 +11,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <mutex>
-#include <new>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -36,10 +36,17 @@ static void answer_status(const char *text, json_object **response)
     *response = bridge_cmd_status_text("status", text);
 }
 
-static void answer_failure(const char *text, json_object **response)
+/* Logs the text of a failure where it is found, and hands it on for the answer. */
+static const char *failed(const char *text)
 {
     BRIDGE_ERROR("%s", text);
-    answer_status(text, response);
+    return text;
+}
+
+/* A null `failure` is success. */
+static void answer_outcome(const char *failure, json_object **response)
+{
+    answer_status(failure != nullptr ? failure : "ok", response);
 }
 
 static bool form_path(char (&path)[PATH_SIZE], const char *directory, const char *name)
@@ -106,18 +113,19 @@ static void discard_old_transaction(converter_ctx *ctx)
     close_transaction(ctx);
 }
 
-static void open_transaction(converter_ctx *ctx, const upload_request &request, json_object **response)
+/* Returns the failure's text, or null. */
+static const char *open_transaction(converter_ctx *ctx, const upload_request &request)
 {
+    if (request.chunk_length >= PTRDIFF_MAX) /* on a gateway of 32 bits, 2 GiB */
+        return failed("no memory for file transfer");
     const auto length = static_cast<size_t>(request.chunk_length);
     ctx->upload_chunk = static_cast<uint8_t *>(malloc(length + 1));
-    if (ctx->upload_chunk == nullptr) {
-        answer_failure("no memory for file transfer", response);
-        return;
-    }
+    if (ctx->upload_chunk == nullptr)
+        return failed("no memory for file transfer");
     ctx->upload_chunk_len = length;
     snprintf(ctx->upload_name, sizeof(ctx->upload_name), "%s", request.name);
     ctx->upload_is_modem_fw = request.is_modem_fw;
-    answer_status("ok", response);
+    return nullptr;
 }
 
 void bridge_cmd_file_upload_start(converter_ctx *ctx, json_object *params, json_object **response)
@@ -129,7 +137,7 @@ void bridge_cmd_file_upload_start(converter_ctx *ctx, json_object *params, json_
     mkdir(STAGING, DIRECTORY_MODE);
     char path[PATH_SIZE];
     if (!form_path(path, STAGING, request.name)) {
-        answer_failure("filename is too big", response);
+        answer_status(failed("filename is too big"), response);
         return;
     }
     BRIDGE_DEBUG("starting uploading a file: %s, chunk len: %ld, overall size: %ld", path,
@@ -139,7 +147,7 @@ void bridge_cmd_file_upload_start(converter_ctx *ctx, json_object *params, json_
         return;
     }
     discard_old_transaction(ctx);
-    open_transaction(ctx, request, response);
+    answer_outcome(open_transaction(ctx, request), response);
 }
 
 /* ---- chunk ---- */
@@ -151,20 +159,21 @@ static const char *append_chunk(const converter_ctx *ctx)
     const int data_size = Base64decode_len(text);
     const bytes_owned data(static_cast<char *>(malloc(static_cast<size_t>(data_size))));
     if (!data)
-        return "failed to allocate memory to decode payload";
+        return failed("failed to allocate memory to decode payload");
     const int rc = Base64decode(data.get(), text);
     if (rc <= 0)
-        return "failed to write to a file"; /* nothing in it: no number of bytes that could be written */
+        return failed(
+            "failed to write to a file"); /* nothing in it: no number of bytes that could be written */
     BRIDGE_ASSERT_TEXT(rc <= data_size, "rc > 0 && (unsigned)rc <= data_size");
     char path[PATH_SIZE];
     form_path(path, STAGING, ctx->upload_name);
     BRIDGE_TRACE("trying to write a file: %s", path);
     file_owned file(fopen(path, "abe"));
     if (!file)
-        return "failed to create a file";
+        return failed("failed to create a file");
     const auto size = static_cast<size_t>(rc);
     if (fwrite(data.get(), 1, size, file.get()) != size || fclose(file.release()) != 0)
-        return "failed to write to a file";
+        return failed("failed to write to a file");
     return nullptr;
 }
 
@@ -173,7 +182,7 @@ void bridge_cmd_file_upload_chunk(converter_ctx *ctx, json_object *params, json_
     BRIDGE_TRACE("received a file chunk");
     const std::lock_guard guard(transaction_lock);
     if (ctx->upload_chunk == nullptr) {
-        answer_failure("non-existing file transaction", response);
+        answer_status(failed("non-existing file transaction"), response);
         return;
     }
     BRIDGE_ASSERT(strlen(ctx->upload_name) > 0);
@@ -189,12 +198,9 @@ void bridge_cmd_file_upload_chunk(converter_ctx *ctx, json_object *params, json_
         return;
     }
     const char *failure = append_chunk(ctx);
-    if (failure == nullptr) {
-        answer_status("ok", response);
-        return;
-    }
-    answer_failure(failure, response);
-    close_transaction(ctx); /* a file with a hole in it is of no use: the server starts anew */
+    answer_outcome(failure, response);
+    if (failure != nullptr)
+        close_transaction(ctx); /* a file with a hole in it is of no use: the server starts anew */
 }
 
 /* ---- stop ---- */
@@ -253,7 +259,7 @@ static const char *move_to_place(const converter_ctx *ctx, const char *staged)
     if (!form_path(target, place.directory,
                    place.final_name != nullptr ? place.final_name : ctx->upload_name)) {
         unlink(staged);
-        return "destination path is too long";
+        return failed("destination path is too long");
     }
     BRIDGE_DEBUG("trying to move: %s to: %s", staged, target);
     mkdir(place.directory, DIRECTORY_MODE);
@@ -264,7 +270,7 @@ static const char *move_to_place(const converter_ctx *ctx, const char *staged)
     }
     if (place.mode != 0 && chmod(target, place.mode) < 0) {
         unlink(target);
-        return "failed to set the file permission";
+        return failed("failed to set the file permission");
     }
     return nullptr;
 }
@@ -293,13 +299,13 @@ static const char *unpack(const converter_ctx *ctx, const char *staged)
     const char *target = ctx->upload_is_modem_fw ? MODEM_FIRMWARE : FIRMWARE;
     mkdir(target, DIRECTORY_MODE);
     if (!ctx->upload_is_modem_fw && empty_firmware() < 0)
-        return "failed to clean target directory";
+        return failed("failed to clean target directory");
     const int result = is_zip(ctx->upload_name) ? run_program("/usr/bin/unzip", "-oq", staged, "-d", target)
                                                 : run_program("/bin/tar", "xf", staged, "-C", target);
     if (result < 0)
-        return "failed to un-compress a file";
+        return failed("failed to un-compress a file");
     if (!ctx->upload_is_modem_fw && unlink(staged) < 0)
-        return "failed to remove an original file";
+        return failed("failed to remove an original file");
     return nullptr;
 }
 
@@ -308,7 +314,7 @@ void bridge_cmd_file_upload_stop(converter_ctx *ctx, json_object *params, json_o
     BRIDGE_INFO("stopping a file upload");
     const std::lock_guard guard(transaction_lock);
     if (ctx->upload_chunk == nullptr) {
-        answer_failure("non-existing file transaction", response);
+        answer_status(failed("non-existing file transaction"), response);
         return;
     }
     bool decompress = false;
@@ -320,10 +326,6 @@ void bridge_cmd_file_upload_stop(converter_ctx *ctx, json_object *params, json_o
     char staged[PATH_SIZE];
     form_path(staged, STAGING, ctx->upload_name);
     BRIDGE_INFO("trying to finalize a file: %s", staged);
-    const char *failure = decompress ? unpack(ctx, staged) : move_to_place(ctx, staged);
-    if (failure != nullptr)
-        answer_failure(failure, response);
-    else
-        answer_status("ok", response);
+    answer_outcome(decompress ? unpack(ctx, staged) : move_to_place(ctx, staged), response);
     close_transaction(ctx);
 }
