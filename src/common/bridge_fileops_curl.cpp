@@ -21,7 +21,7 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
-static constexpr long UPLOAD_BUFFER = 512 * 1024;
+static constexpr long UPLOAD_BUFFER = 512L * 1024;
 
 using curl_owned = std::unique_ptr<CURL, bridge_release<curl_easy_cleanup>>;
 using mime_owned = std::unique_ptr<curl_mime, bridge_release<curl_mime_free>>;

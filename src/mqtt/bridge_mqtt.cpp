@@ -411,7 +411,7 @@ static int open_connection(bridge_mqtt_ep_group *group)
         BRIDGE_ERROR("failed to connect with MQTT code: [%d]", result);
         return -1;
     }
-    bridge_mqtt_send_at_once();
+    bridge_mqtt_set_up_sockets();
     group->publish_room = 0;
     return 0;
 }

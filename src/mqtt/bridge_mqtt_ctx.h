@@ -58,9 +58,10 @@ struct bridge_mqtt_context {
 
 extern bridge_mqtt_context mqtt_ctx;
 
-/* To be called behind each connect. Otherwise a small message waits for the server's delayed acknowledgement
- * of the one before: 40 ms for the answer to a command, and for the acknowledgement of a downlink. */
-void bridge_mqtt_send_at_once();
+/* To be called behind each connect. Its sockets send at once, as otherwise a small message waits for the
+ * server's delayed acknowledgement of the one before: 40 ms for the answer to a command, and for the
+ * acknowledgement of a downlink. And no program that the daemon starts inherits them. */
+void bridge_mqtt_set_up_sockets();
 
 /* Marks the time of a call into the library, under ep_lock. */
 class library_call

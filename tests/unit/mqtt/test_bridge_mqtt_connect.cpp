@@ -4,6 +4,7 @@
 #include "common/bridge_release.h"
 
 #include <cstring>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
@@ -38,6 +39,15 @@ TEST_F(BridgeMqttShared, SocketsOfAConnectionSendAtOnce)
     ASSERT_EQ(sends_at_once(of_the_library.get()), 0);
     ASSERT_EQ(bridge_mqtt_connect(NS), 0);
     EXPECT_EQ(sends_at_once(of_the_library.get()), 1);
+}
+
+TEST_F(BridgeMqttShared, ProgramsDoNotInheritTheSocketsOfAConnection)
+{
+    const bridge_fd of_the_library(socket(AF_INET, SOCK_STREAM, 0));
+    const bridge_fd other(fcntl(STDERR_FILENO, F_DUPFD, 3));
+    ASSERT_EQ(bridge_mqtt_connect(NS), 0);
+    EXPECT_EQ(fcntl(of_the_library.get(), F_GETFD), FD_CLOEXEC);
+    EXPECT_EQ(fcntl(other.get(), F_GETFD), 0);
 }
 
 TEST_F(BridgeMqttShared, ThreeEndpointsShareOneClientAndOneConnection)
