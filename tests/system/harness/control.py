@@ -47,6 +47,11 @@ def is_answer(message: Message) -> bool:
     return message.topic == COMMANDS and message.payload.endswith(b"}\0")
 
 
+def is_push(message: Message) -> bool:
+    """A document of the gateway's own, at the start of its control plane."""
+    return message.topic == CONFIGURATION and b'"applyTs"' in message.payload and b'"contentType"' not in message.payload
+
+
 @dataclass(frozen=True)
 class Answer:
     payload: bytes
@@ -144,9 +149,12 @@ class ControlRoad:
         return [Answer(each.payload) for each in self.peer.since(after) if is_answer(each)]
 
     def _is_settled(self) -> bool:
-        """The daemon hears its own answers too, as requests without a command."""
+        """The daemon hears its own answers too, as requests without a command; but not the documents that it pushes
+        before it subscribes."""
         heard = [
-            each for each in self.peer.since(0) if each.topic in (COMMANDS, CONFIGURATION) and each.payload
+            each
+            for each in self.peer.since(0)
+            if each.topic in (COMMANDS, CONFIGURATION) and each.payload and not is_push(each)
         ]
         return len(self.bridge.log.find(WORKER_DONE)) == len(heard)
 
