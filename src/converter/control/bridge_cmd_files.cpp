@@ -12,6 +12,7 @@
 #include <atomic>
 #include <cerrno>
 #include <iterator>
+#include <mutex>
 #include <sys/types.h>
 #include <utility>
 
@@ -295,6 +296,10 @@ void bridge_cmd_execute_stop(converter_ctx *ctx, json_object *params, json_objec
 
 /* ---- retrieval of logs ---- */
 
+/* Held for a whole command: of two starts at once the second finds the first's retrieval, not its half-made
+ * copies, and no watcher is lost. */
+static std::mutex retrieval_lock;
+
 void bridge_cmd_clean_log_backups()
 {
     const int cleaned = bridge_fileops_check_clean(log_backup_dirs, std::size(log_backup_dirs));
@@ -340,6 +345,7 @@ static int link_logs(json_object *params)
  * stop or the next start of the service. */
 static int retrieve_logs(converter_ctx *ctx, json_object *params, json_object *answer)
 {
+    const std::lock_guard guard(retrieval_lock);
     if (ctx->log_retrieval_running) {
         BRIDGE_ERROR("log retrieval is already started");
         return -EINPROGRESS;
@@ -370,6 +376,7 @@ void bridge_cmd_log_retrieve_start(converter_ctx *ctx, json_object *params, json
 
 static int end_retrieval(converter_ctx *ctx)
 {
+    const std::lock_guard guard(retrieval_lock);
     if (!ctx->log_retrieval_running) {
         BRIDGE_ERROR("log retrieval is not running");
         return -EINVAL;
