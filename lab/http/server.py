@@ -213,7 +213,7 @@ class FileServer:
         port: int = 0,
         sink: Optional[Callable[[Part, bytes], object]] = None,
     ) -> None:
-        """With a folder for its own certificate it talks https. `sink` gets the contents too, as they come."""
+        """With a folder for its certificate it talks https. `sink` gets the contents too, as they come."""
         self.context: Optional[ssl.SSLContext] = None
         self.certificate: Optional[Path] = None
         if certificate_folder:

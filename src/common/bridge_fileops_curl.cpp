@@ -21,6 +21,7 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
+static constexpr const char *SERVER_PROTOCOLS = "http,https,ftp,ftps,tftp";
 static constexpr long UPLOAD_BUFFER = 512L * 1024;
 
 using curl_owned = std::unique_ptr<CURL, bridge_release<curl_easy_cleanup>>;
@@ -62,11 +63,12 @@ class file_mapping
 
 /* ---- the library ---- */
 
+/* A URL leads to a server: the library would take one to any file of the gateway as well. */
 static int init_library(curl_owned *curl)
 {
     curl_global_init(CURL_GLOBAL_ALL);
     curl->reset(curl_easy_init());
-    if (!*curl) {
+    if (!*curl || curl_easy_setopt(curl->get(), CURLOPT_PROTOCOLS_STR, SERVER_PROTOCOLS) != CURLE_OK) {
         BRIDGE_ERROR("curl: failed to init library");
         return -ENOMEM;
     }

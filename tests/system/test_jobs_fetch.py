@@ -122,6 +122,15 @@ def test_an_older_file_is_replaced_whole(gateway: FileGateway) -> None:
     assert file.read_bytes() == b"new" and file.stat().st_mode & 0o777 == 0o640
 
 
+@pytest.mark.parametrize("url", ["file:///etc/hosts", "FILE:///etc/hosts", "dict://127.0.0.1/x", "gopher://127.0.0.1/"])
+def test_a_url_that_leads_to_no_server_of_files_is_refused(gateway: FileGateway, url: str) -> None:
+    """Nothing outside the file tree comes into it from the gateway itself."""
+    log = gateway.log
+    assert gateway.run(FETCH, path="firmware/taken", url=url) == IO_ERROR
+    gateway.road.bridge.wait_for_log("curl: easy_perform() failed: Unsupported protocol", after=log)
+    assert gateway.inside(f"{FIRMWARE}/taken").read_bytes() == b""
+
+
 def test_a_url_may_come_without_its_scheme(gateway: FileGateway) -> None:
     gateway.http.offer("/a", b"content")
     mark = gateway.log
