@@ -6,6 +6,7 @@
 #include "common/bridge_fileops_watch.h"
 #include "common/bridge_json_helpers.h"
 #include "common/bridge_log.h"
+#include "converter/control/bridge_cmd_async.h"
 #include "converter/control/bridge_cmd_family.h"
 #include "converter/control/bridge_ctrl_ctx.h"
 
@@ -113,18 +114,28 @@ static constexpr file_job EXECUTE = {
 /* Frees the slot of a job that is over. Returns 0, -115 while it runs, or a negative errno. */
 static int make_slot_free(converter_ctx *ctx, const file_job &job)
 {
-    if (ctx->*job.slot <= 0)
+    int32_t current = ctx->*job.slot;
+    if (current <= 0)
         return 0;
     bool running = false;
-    const int result = job.running(&fileops_root, ctx->*job.slot, &running);
+    const int result = job.running(&fileops_root, current, &running);
     if (result < 0)
         return result;
     if (running) {
         BRIDGE_ERROR("%s", job.still_running);
         return -EINPROGRESS;
     }
-    ctx->*job.slot = -1;
+    (ctx->*job.slot).compare_exchange_strong(current, -1);
     return 0;
+}
+
+/* Two starts at once may both have found the slot free: the job that the other one overwrites is collected
+ * all the same. */
+static void store_job(converter_ctx *ctx, const file_job &job, int64_t id)
+{
+    const int32_t lost = (ctx->*job.slot).exchange(static_cast<int32_t>(id));
+    if (lost > 0)
+        cmd_async_forget(lost);
 }
 
 /* Reads the request and starts the job; returns its identifier or a negative errno, after logging why. */
@@ -139,7 +150,7 @@ static int start_job(converter_ctx *ctx, const file_job &job, start_function sta
     int64_t id = start(request);
     if (id < 0)
         return static_cast<int>(id);
-    ctx->*job.slot = static_cast<int32_t>(id);
+    store_job(ctx, job, id);
     return add_frame(answer, field_int(job.id_key, &id));
 }
 
@@ -162,7 +173,7 @@ static int stop_job(converter_ctx *ctx, const file_job &job, json_object *params
         BRIDGE_ERROR("failed to de-serialize params");
         return -EINVAL;
     }
-    const int32_t current = ctx->*job.slot;
+    int32_t current = ctx->*job.slot;
     if (current < 0) {
         BRIDGE_ERROR("%s", job.not_running);
         return -ESRCH;
@@ -172,7 +183,8 @@ static int stop_job(converter_ctx *ctx, const file_job &job, json_object *params
         return -EINVAL;
     }
     const int result = job.stop(&fileops_root, current);
-    ctx->*job.slot = -1;
+    (ctx->*job.slot)
+        .compare_exchange_strong(current, -1); /* another job may have been started in the meantime */
     return result;
 }
 
@@ -273,7 +285,7 @@ static int start_script(converter_ctx *ctx, json_object *request, json_object *a
     int64_t id = bridge_fileops_execute_start(&fileops_root, path, "logs", token, req_id);
     if (id < 0)
         BRIDGE_ERROR("failed to start script execution");
-    ctx->execute_id = static_cast<int32_t>(id);
+    store_job(ctx, EXECUTE, id);
     return add_frame(answer, field_int(EXECUTE.id_key, &id));
 }
 

@@ -8,6 +8,7 @@
 #include "common/bridge_release.h"
 #include "common/bridge_wait.h"
 #include "converter/control/bridge_cmd_async.h"
+#include "converter/control/bridge_cmd_family.h"
 #include "converter/control/bridge_ctrl_ctx.h"
 
 #include <algorithm>
@@ -132,6 +133,8 @@ static int forward(int fd, int events, ssh_channel channel)
     ssize_t count = 0;
     if ((events & POLLIN) != 0) {
         count = forward_waiting(fd, channel, limit);
+        if (count < 0 && errno == EAGAIN)
+            return 0;
         if (count < 0) {
             BRIDGE_ERROR("ssh: failed to read from socket: %m");
             return -1;
@@ -311,6 +314,8 @@ static int log_in(ssh_session session, const char *host, const char *user, const
 {
     const int verbosity = SSH_VERBOSITY;
     const int on = 1;
+    const bool reads_files = false; /* nobody has set one up for a tunnel, and one could run programs */
+    ssh_options_set(session, SSH_OPTIONS_PROCESS_CONFIG, &reads_files);
     ssh_options_set(session, SSH_OPTIONS_HOST, host);
     ssh_options_set(session, SSH_OPTIONS_LOG_VERBOSITY, &verbosity);
     ssh_options_set(session, SSH_OPTIONS_USER, user);
@@ -376,8 +381,7 @@ static int read_params(json_object *params, tunnel_params *tunnel)
         field_string("sshHost", tunnel->host),      field_int("sshRevPort", &tunnel->reverse_port),
         field_int("sshPort", &tunnel->ssh_port),
     };
-    /* A JSON null has no object to read. */
-    if (params == nullptr || bridge_json_deserialize(params, frame, std::size(frame)) < 0) {
+    if (cmd_parse(params, frame) < 0) {
         BRIDGE_ERROR("failed to deserialize parameters");
         return -EINVAL;
     }
