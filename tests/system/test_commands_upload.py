@@ -412,6 +412,23 @@ def test_a_chunk_without_a_byte_in_it_ends_the_transaction(road: ControlRoad, da
     assert [chunk(road), stop(road)] == [CLOSED, CLOSED]
 
 
+def test_what_was_staged_goes_with_a_failed_chunk(road: ControlRoad) -> None:
+    assert start(road) == OK and chunk(road) == OK
+    assert staged(road).exists()
+    chunk(road, {"data": "="})
+    assert not staged(road).exists()
+
+
+def test_a_link_in_the_staging_directory_is_not_followed(road: ControlRoad) -> None:
+    victim = road.inside("etc/victim")
+    victim.write_bytes(b"kept")
+    staged(road).symlink_to("/etc/victim")
+    assert start(road).response == ""
+    assert victim.read_bytes() == b"kept"
+    staged(road).unlink()
+    victim.unlink()
+
+
 def test_a_file_that_cannot_be_made_ends_the_transaction(road: ControlRoad) -> None:
     assert start(road) == OK
     staged(road).mkdir()

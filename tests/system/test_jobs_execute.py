@@ -302,6 +302,17 @@ def test_a_script_without_an_end_is_stopped_with_its_job(gateway: FileGateway) -
     assert gateway.stop(EXECUTE, job.pid) == refusal(NO_SUCH_PROCESS)
 
 
+def test_a_job_that_starts_while_another_is_stopped_keeps_its_place(gateway: FileGateway) -> None:
+    path = put_script(gateway, "exec sleep 1000")
+    first = start(gateway, path)
+    stopping = gateway.road.send("fopsExecuteStop", {"exeId": first.pid})
+    wait_until(lambda: is_ended(first.pid), "the first one's end")
+    second = start(gateway, path)
+    assert gateway.road.answer_to(stopping).response == {"status": "ok"}
+    assert gateway.stop(EXECUTE, second.pid) == refusal("ok")
+    assert is_ended(second.pid)
+
+
 def test_one_that_is_over_stops_at_once(gateway: FileGateway) -> None:
     job = start(gateway, put_script(gateway, "exit 0"))
     assert gateway.outcome(job) == "ok"
