@@ -20,6 +20,7 @@ _DOOR = {"id": 7, "severity": 1, "text": "Enclosure door is open"}
 _SHOWN_LETTERS = 110
 
 _COMMANDS: tuple[tuple[str, dict[str, Any]], ...] = (
+    ("getGatewayInfo", {}),
     ("getRadioStatistics", {}),
     ("ping", {"destination": "192.0.2.1", "packetsCount": 2}),
     ("getBackups", {}),

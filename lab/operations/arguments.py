@@ -5,6 +5,7 @@ from __future__ import annotations
 import argparse
 from typing import Any
 
+from . import transfers, uploads
 from .commands import COMMANDS, KINDS, Command
 
 DESCRIPTION = """\
@@ -13,6 +14,10 @@ Sends commands to a gateway as its operations server does, and prints the answer
   oam [options] COMMAND [--parameter value]...   one command; waits for its answer
   oam [options] --raw JSON                       a request as it stands
   oam [options] watch                            prints every message of the MQTT server
+  oam [options] stream PATH [--to FILE]          has the gateway stream a file to here
+  oam [options] fetch PATH FILE                  has the gateway fetch a file from here
+  oam [options] upload FILE [--name NAME]        sends a file in chunks inside requests
+  oam [options] logs [DIR]                       has the gateway stream all its logs to here
 
 Ends with 0 after an answer, with 1 without one, and with 2 after a wrong command line."""
 
@@ -60,6 +65,8 @@ def make_parser() -> argparse.ArgumentParser:
     parser.add_argument("--raw", help="a whole request, sent as it is written")
     commands = parser.add_subparsers(title="what to do", metavar="COMMAND | watch", prog="oam")
     commands.add_parser("watch", help="print every message").set_defaults(command="watch")
+    transfers.add_verbs(commands)
+    uploads.add_verbs(commands)
     for command in COMMANDS:
         add_command(commands, command)
     return parser

@@ -90,6 +90,8 @@ def main(arguments: list[str]) -> int:
             return send_raw(options)
         if isinstance(options.command, Command):
             return send_command(options, options.command)
+        if callable(options.command):
+            return int(options.command(options))
         return watch(options)
     except Unreachable as reason:
         print(reason, file=sys.stderr)

@@ -16,7 +16,8 @@ int bridge_async_pipe_send(const char *text)
         BRIDGE_ERROR("failed to open pipe for sending async response: %m");
         return -1;
     }
-    if (write(fd.get(), text, strlen(text)) < 0) {
+    const size_t size = strlen(text);
+    if (write(fd.get(), text, size) != static_cast<ssize_t>(size)) {
         BRIDGE_ERROR("failed to write to an async response pipe: %m");
         return -1;
     }

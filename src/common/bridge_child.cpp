@@ -18,7 +18,7 @@ int bridge_child_drop_descriptors(int kept)
 {
     static constexpr int FIRST = STDERR_FILENO + 1;
     closelog(); /* by its own number, so before another descriptor can have that */
-    if (kept > FIRST)
+    if (kept >= 0 && kept != FIRST)
         dup2(kept, FIRST);
     closefrom(kept >= 0 ? FIRST + 1 : FIRST);
 #ifdef __SANITIZE_ADDRESS__

@@ -17,6 +17,7 @@
 #include <curl/curl.h>
 #include <fcntl.h>
 #include <memory>
+#include <strings.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <unistd.h>
@@ -73,6 +74,18 @@ static int init_library(curl_owned *curl)
     return 0;
 }
 
+/* A URL leads to a server: the library would take one to any file of the gateway as well. */
+static bool leads_to_server(CURLU *url)
+{
+    static constexpr const char *SCHEMES[] = {"http", "https", "ftp", "ftps", "sftp", "scp", "tftp"};
+    char *text = nullptr;
+    if (curl_url_get(url, CURLUPART_SCHEME, &text, 0) != CURLUE_OK)
+        return false;
+    const curl_text_owned scheme(text);
+    return std::any_of(std::begin(SCHEMES), std::end(SCHEMES),
+                       [&](const char *known) { return strcasecmp(known, text) == 0; });
+}
+
 /* The whole URL; one without a scheme gets the one that its host's name suggests. Returns 0 or -5. */
 static int complete_url(const char *given, curl_text_owned *complete)
 {
@@ -83,7 +96,7 @@ static int complete_url(const char *given, curl_text_owned *complete)
     }
     char *text = nullptr;
     if (curl_url_set(url.get(), CURLUPART_URL, given, CURLU_GUESS_SCHEME) != CURLUE_OK ||
-        curl_url_get(url.get(), CURLUPART_URL, &text, 0) != CURLUE_OK) {
+        !leads_to_server(url.get()) || curl_url_get(url.get(), CURLUPART_URL, &text, 0) != CURLUE_OK) {
         BRIDGE_ERROR("curl: failed to initialize URL object");
         return -EIO;
     }
@@ -228,8 +241,10 @@ static int upload_mapped(const bridge_fileops_upload *upload, const char *name)
         return -code;
     }
     size_t length = 0;
-    if (__builtin_add_overflow(static_cast<size_t>(upload->offset), upload->size, &length))
-        return -EOVERFLOW; /* where an address has 32 bits */
+    if (__builtin_add_overflow(upload->offset, upload->size, &length)) {
+        BRIDGE_ERROR("curl: failed to map a file: it is too long"); /* where an address has 32 bits */
+        return -EOVERFLOW;
+    }
     const file_mapping mapping(mmap(nullptr, length, PROT_READ, MAP_PRIVATE, fd.get(), 0), length);
     if (!mapping.is_valid()) {
         const int code = errno;

@@ -12,6 +12,8 @@ from harness.lab import start_agent
 from harness.log_reader import LogReader
 from harness.mqtt_peer import Message
 from harness.ports import free_port
+from lab.operations.commands import COMMANDS as COMMAND_TABLE
+from lab.operations.reference import reference, split_page
 
 OAM = REPOSITORY / "lab" / "oam"
 SOURCE = REPOSITORY / "src" / "converter" / "control" / "bridge_cmd.cpp"
@@ -57,6 +59,13 @@ def test_the_help_tells_every_command_of_the_daemon_in_its_order() -> None:
     assert re.findall(r"^  (\w+)", done.stdout.split("\ncommands:\n")[1], re.M) == table
     assert "  ping --destination TEXT --packetsCount INTEGER\n" in done.stdout
     assert "  upgradeBspLocal [--delay INTEGER] [--force BOOLEAN]\n" in done.stdout
+
+
+def test_the_reference_of_the_documents_is_made_from_the_same_table() -> None:
+    before, between, behind = split_page()
+    assert between == reference()
+    for command in COMMAND_TABLE:
+        assert f"`{command.name}`" in before, f"{command.name} has no place in a section"
 
 
 @pytest.mark.parametrize(

@@ -324,24 +324,24 @@ int bridge_cmd_launcher(converter_ctx *ctx, const char *)
     return 0;
 }
 
-static int stop_watcher(converter_ctx *ctx)
+static int stop_watcher(pid_t watch_pid)
 {
     bool running = false;
-    int result = bridge_fileops_watch_running(ctx->watch_pid, &running);
+    int result = bridge_fileops_watch_running(watch_pid, &running);
     if (result >= 0 && running)
-        result = bridge_fileops_watch_stop(ctx->watch_pid);
+        result = bridge_fileops_watch_stop(watch_pid);
     if (result < 0)
         BRIDGE_WARN("failed to stop watch process: [%d]", result);
     return result;
 }
 
 /* Of the jobs only a fetch is stopped, by the calls of a stream. */
-static int stop_fetch(converter_ctx *ctx)
+static int stop_fetch(pid_t fetch_id)
 {
     bool running = false;
-    int result = bridge_fileops_stream_running(&fileops_root, ctx->fetch_id, &running);
+    int result = bridge_fileops_stream_running(&fileops_root, fetch_id, &running);
     if (result >= 0 && running)
-        result = bridge_fileops_stream_stop(&fileops_root, ctx->fetch_id);
+        result = bridge_fileops_stream_stop(&fileops_root, fetch_id);
     if (result < 0)
         BRIDGE_WARN("failed to stop file stream process: [%d]", result);
     return result;
@@ -351,10 +351,17 @@ int bridge_cmd_stopper(converter_ctx *ctx)
 {
     BRIDGE_DEBUG("stopping command services");
     int result = 0;
-    if (ctx->watch_pid > 0 && stop_watcher(ctx) < 0)
+    const pid_t watch_pid = ctx->watch_pid; /* a command that still runs may give it up meanwhile */
+    if (watch_pid > 0 && stop_watcher(watch_pid) < 0)
         result = -1;
-    if (ctx->fetch_id > 0 && stop_fetch(ctx) < 0)
+    const pid_t fetch_id = ctx->fetch_id;
+    if (fetch_id > 0 && stop_fetch(fetch_id) < 0)
         result = -1;
+    /* They go on, and the next start does not know them. */
+    for (const pid_t pid : {ctx->stream_id.load(), ctx->execute_id.load(), ctx->ssh_pid.load()}) {
+        if (pid > 0)
+            cmd_async_forget(pid);
+    }
     if (bridge_cmd_pipe_stop(ctx) < 0)
         result = -1;
     return result;

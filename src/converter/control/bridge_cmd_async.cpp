@@ -13,10 +13,13 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <mutex>
+#include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <utility>
 
+/* A silent agent is asked for 18 s. */
+static constexpr int PROGRESS_LIMIT_MS = 30000;
 static constexpr char RETURNED_EARLY = 'r';
 
 static constexpr cmd_async_texts SLAVE_TEXTS = {
@@ -79,12 +82,13 @@ bool cmd_async_returned_early()
     if (progress < 0)
         return false;
     const bridge_fd fd(std::exchange(progress, -1));
-    char word = 0;
-    ssize_t count = 0;
+    pollfd watched = {.fd = fd.get(), .events = POLLIN, .revents = 0};
+    int ready = 0;
     do
-        count = read(fd.get(), &word, sizeof(word));
-    while (count < 0 && errno == EINTR);
-    return count == sizeof(word) && word == RETURNED_EARLY;
+        ready = poll(&watched, 1, PROGRESS_LIMIT_MS);
+    while (ready < 0 && errno == EINTR);
+    char word = 0;
+    return ready > 0 && read(fd.get(), &word, sizeof(word)) == sizeof(word) && word == RETURNED_EARLY;
 }
 
 void cmd_async_begin()

@@ -6,12 +6,14 @@
 #include "common/bridge_fileops_watch.h"
 #include "common/bridge_json_helpers.h"
 #include "common/bridge_log.h"
+#include "converter/control/bridge_cmd_async.h"
 #include "converter/control/bridge_cmd_family.h"
 #include "converter/control/bridge_ctrl_ctx.h"
 
 #include <atomic>
 #include <cerrno>
 #include <iterator>
+#include <mutex>
 #include <sys/types.h>
 #include <utility>
 
@@ -112,18 +114,28 @@ static constexpr file_job EXECUTE = {
 /* Frees the slot of a job that is over. Returns 0, -115 while it runs, or a negative errno. */
 static int make_slot_free(converter_ctx *ctx, const file_job &job)
 {
-    if (ctx->*job.slot <= 0)
+    int32_t current = ctx->*job.slot;
+    if (current <= 0)
         return 0;
     bool running = false;
-    const int result = job.running(&fileops_root, ctx->*job.slot, &running);
+    const int result = job.running(&fileops_root, current, &running);
     if (result < 0)
         return result;
     if (running) {
         BRIDGE_ERROR("%s", job.still_running);
         return -EINPROGRESS;
     }
-    ctx->*job.slot = -1;
+    (ctx->*job.slot).compare_exchange_strong(current, -1);
     return 0;
+}
+
+/* Two starts at once may both have found the slot free: the job that the other one overwrites is collected
+ * all the same. */
+static void store_job(converter_ctx *ctx, const file_job &job, int64_t id)
+{
+    const int32_t lost = (ctx->*job.slot).exchange(static_cast<int32_t>(id));
+    if (lost > 0)
+        cmd_async_forget(lost);
 }
 
 /* Reads the request and starts the job; returns its identifier or a negative errno, after logging why. */
@@ -138,7 +150,7 @@ static int start_job(converter_ctx *ctx, const file_job &job, start_function sta
     int64_t id = start(request);
     if (id < 0)
         return static_cast<int>(id);
-    ctx->*job.slot = static_cast<int32_t>(id);
+    store_job(ctx, job, id);
     return add_frame(answer, field_int(job.id_key, &id));
 }
 
@@ -161,7 +173,7 @@ static int stop_job(converter_ctx *ctx, const file_job &job, json_object *params
         BRIDGE_ERROR("failed to de-serialize params");
         return -EINVAL;
     }
-    const int32_t current = ctx->*job.slot;
+    int32_t current = ctx->*job.slot;
     if (current < 0) {
         BRIDGE_ERROR("%s", job.not_running);
         return -ESRCH;
@@ -171,7 +183,8 @@ static int stop_job(converter_ctx *ctx, const file_job &job, json_object *params
         return -EINVAL;
     }
     const int result = job.stop(&fileops_root, current);
-    ctx->*job.slot = -1;
+    (ctx->*job.slot)
+        .compare_exchange_strong(current, -1); /* another job may have been started in the meantime */
     return result;
 }
 
@@ -272,7 +285,7 @@ static int start_script(converter_ctx *ctx, json_object *request, json_object *a
     int64_t id = bridge_fileops_execute_start(&fileops_root, path, "logs", token, req_id);
     if (id < 0)
         BRIDGE_ERROR("failed to start script execution");
-    ctx->execute_id = static_cast<int32_t>(id);
+    store_job(ctx, EXECUTE, id);
     return add_frame(answer, field_int(EXECUTE.id_key, &id));
 }
 
@@ -294,6 +307,10 @@ void bridge_cmd_execute_stop(converter_ctx *ctx, json_object *params, json_objec
 }
 
 /* ---- retrieval of logs ---- */
+
+/* Held for a whole command: of two starts at once the second finds the first's retrieval, not its half-made
+ * copies, and no watcher is lost. */
+static std::mutex retrieval_lock;
 
 void bridge_cmd_clean_log_backups()
 {
@@ -340,6 +357,7 @@ static int link_logs(json_object *params)
  * stop or the next start of the service. */
 static int retrieve_logs(converter_ctx *ctx, json_object *params, json_object *answer)
 {
+    const std::lock_guard guard(retrieval_lock);
     if (ctx->log_retrieval_running) {
         BRIDGE_ERROR("log retrieval is already started");
         return -EINPROGRESS;
@@ -370,6 +388,7 @@ void bridge_cmd_log_retrieve_start(converter_ctx *ctx, json_object *params, json
 
 static int end_retrieval(converter_ctx *ctx)
 {
+    const std::lock_guard guard(retrieval_lock);
     if (!ctx->log_retrieval_running) {
         BRIDGE_ERROR("log retrieval is not running");
         return -EINVAL;

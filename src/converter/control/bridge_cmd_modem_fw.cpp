@@ -50,7 +50,7 @@ static void answer_status(const char *text, json_object **response)
 
 void bridge_cmd_wm_fw_install_local(converter_ctx *ctx, json_object *, json_object **response)
 {
-    if (ctx->wm_install_running) {
+    if (ctx->wm_install_running.exchange(true)) {
         answer_status("already installing", response);
         return;
     }
@@ -58,11 +58,11 @@ void bridge_cmd_wm_fw_install_local(converter_ctx *ctx, json_object *, json_obje
     if (pid == 0)
         install();
     if (pid < 0) {
+        ctx->wm_install_running = false;
         answer_status("failed to start install process", response);
         return;
     }
     cmd_async_forget(pid);
-    ctx->wm_install_running = true;
     answer_status("started", response);
 }
 

@@ -236,8 +236,8 @@ static int modify_profile(converter_ctx *ctx, json_object *profile, char (&row)[
         BRIDGE_ERROR("failed to de-serialize parameters");
         return -EINVAL;
     }
-    const auto number = static_cast<long long>(static_cast<uint64_t>(idx) + 1);
-    snprintf(row, sizeof(row), "%lli", number);
+    const auto number = static_cast<int64_t>(static_cast<uint64_t>(idx) + 1);
+    snprintf(row, sizeof(row), "%lli", static_cast<long long>(number));
     const int result = write_profile(ctx, profile, number, -EIO);
     if (result < 0)
         return result;

@@ -8,6 +8,7 @@
 #include "common/bridge_release.h"
 #include "common/bridge_wait.h"
 #include "converter/control/bridge_cmd_async.h"
+#include "converter/control/bridge_cmd_family.h"
 #include "converter/control/bridge_ctrl_ctx.h"
 
 #include <algorithm>
@@ -15,6 +16,7 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <csignal>
 #include <cstdlib>
 #include <libssh/callbacks.h>
@@ -31,7 +33,6 @@ static constexpr int SSH_VERBOSITY = 2;
 static constexpr int MAX_PORT = 65535;
 static constexpr int POLL_MS = 1000;
 static constexpr int BACKLOG_POLL_MS = 5;
-static constexpr int64_t ACCEPT_ROUND_MS = 5000;
 static constexpr short LOCAL_EVENTS = POLLIN | POLLPRI | POLLERR | POLLHUP | POLLNVAL;
 static_assert(LOCAL_EVENTS == 0x3B);
 
@@ -110,8 +111,9 @@ static ssize_t read_waiting(int fd, std::span<char> message)
     return static_cast<ssize_t>(size);
 }
 
-/* Several reads go into one packet: a packet for each would cost half of the speed. Returns as read_waiting.
- * What the channel does not take has no receiver any more: it has ended, and the poll loop finds that out. */
+/* Several reads go into one packet: a packet for each costs more than half of the speed. Returns as
+ * read_waiting. What the channel does not take has no receiver any more: it has ended, and the poll loop
+ * finds that out. */
 static ssize_t forward_waiting(int fd, ssh_channel channel, size_t limit)
 {
     std::array<char, MESSAGE_SIZE> message;
@@ -131,6 +133,8 @@ static int forward(int fd, int events, ssh_channel channel)
     ssize_t count = 0;
     if ((events & POLLIN) != 0) {
         count = forward_waiting(fd, channel, limit);
+        if (count < 0 && errno == EAGAIN)
+            return 0;
         if (count < 0) {
             BRIDGE_ERROR("ssh: failed to read from socket: %m");
             return -1;
@@ -149,25 +153,24 @@ static int forward(int fd, int events, ssh_channel channel)
     return static_cast<int>(count);
 }
 
-/* In a wait of ssh_channel_write the library reports a hang-up of the very socket whose bytes wait, at once
- * and again and again. */
+/* While the library waits to send, it reports a hang-up of the very socket whose bytes wait, at once and
+ * again and again. */
 static bool is_forwarding;
 
 static int on_local_event(int fd, int events, void *userdata)
 {
-    auto *channel = static_cast<ssh_channel>(userdata);
     if (is_forwarding) {
         bridge_wait_ms(1);
         return 0;
     }
+    auto *channel = static_cast<ssh_channel>(userdata);
+    is_forwarding = true;
     int result = -1;
-    if (channel != nullptr && !ssh_channel_is_closed(channel)) {
-        is_forwarding = true;
+    if (channel != nullptr && !ssh_channel_is_closed(channel))
         result = forward(fd, events, channel);
-        is_forwarding = false;
-    }
     if (result < 0)
         ssh_channel_close(channel);
+    is_forwarding = false;
     return result;
 }
 
@@ -264,18 +267,31 @@ static int serve_connection(ssh_session session, ssh_channel accepted, int local
 
 /* ---- the session ---- */
 
-/* Waits in rounds, since the library does not end a wait when the server has gone. */
+/* A connection that has been asked for, or null. The library would tell of each look that finds none. */
+static ssh_channel take_connection(ssh_session session)
+{
+    ssh_set_log_level(SSH_LOG_NOLOG);
+    ssh_channel channel = ssh_channel_open_forward_port(session, 0, nullptr, nullptr, nullptr);
+    ssh_set_log_level(SSH_VERBOSITY);
+    return channel;
+}
+
+/* The library's own wait looks twenty times a second and takes a few kilobytes at each, so that what was
+ * under way for the connection before would hold up the next; nor does it end when the server has gone. */
 static ssh_channel accept_connection(ssh_session session)
 {
     using std::chrono::milliseconds, std::chrono::seconds, std::chrono::steady_clock;
+    const event_owned event(ssh_event_new());
+    if (!event || ssh_event_add_session(event.get(), session) != SSH_OK)
+        return nullptr;
     const auto end = steady_clock::now() + seconds(bridge_config_get_root_checked()->rev_ssh.timeout);
     for (;;) {
+        ssh_channel channel = take_connection(session);
         const int64_t left = std::chrono::ceil<milliseconds>(end - steady_clock::now()).count();
-        const int64_t round = std::clamp<int64_t>(left, 0, ACCEPT_ROUND_MS);
-        ssh_channel channel =
-            ssh_channel_open_forward_port(session, static_cast<int>(round), nullptr, nullptr, nullptr);
-        if (channel != nullptr || left <= ACCEPT_ROUND_MS || ssh_is_connected(session) == 0)
+        if (channel != nullptr || left <= 0)
             return channel;
+        if (ssh_event_dopoll(event.get(), static_cast<int>(std::min<int64_t>(left, INT_MAX))) == SSH_ERROR)
+            return nullptr;
     }
 }
 
@@ -298,6 +314,8 @@ static int log_in(ssh_session session, const char *host, const char *user, const
 {
     const int verbosity = SSH_VERBOSITY;
     const int on = 1;
+    const bool reads_files = false; /* nobody has set one up for a tunnel, and one could run programs */
+    ssh_options_set(session, SSH_OPTIONS_PROCESS_CONFIG, &reads_files);
     ssh_options_set(session, SSH_OPTIONS_HOST, host);
     ssh_options_set(session, SSH_OPTIONS_LOG_VERBOSITY, &verbosity);
     ssh_options_set(session, SSH_OPTIONS_USER, user);
@@ -363,8 +381,7 @@ static int read_params(json_object *params, tunnel_params *tunnel)
         field_string("sshHost", tunnel->host),      field_int("sshRevPort", &tunnel->reverse_port),
         field_int("sshPort", &tunnel->ssh_port),
     };
-    /* A JSON null has no object to read. */
-    if (params == nullptr || bridge_json_deserialize(params, frame, std::size(frame)) < 0) {
+    if (cmd_parse(params, frame) < 0) {
         BRIDGE_ERROR("failed to deserialize parameters");
         return -EINVAL;
     }

@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <memory>
 #include <mutex>
 #include <sys/stat.h>
@@ -102,15 +103,20 @@ static int read_start(json_object *params, upload_request *request, json_object 
     return 0;
 }
 
+static void discard_transaction(converter_ctx *ctx)
+{
+    char path[PATH_SIZE];
+    form_path(path, STAGING, ctx->upload_name);
+    unlink(path);
+    close_transaction(ctx);
+}
+
 static void discard_old_transaction(converter_ctx *ctx)
 {
     if (ctx->upload_chunk == nullptr)
         return;
-    char path[PATH_SIZE];
-    form_path(path, STAGING, ctx->upload_name);
-    BRIDGE_DEBUG("deleting old transaction file: %s", path);
-    unlink(path);
-    close_transaction(ctx);
+    BRIDGE_DEBUG("deleting old transaction file: %s/%s", STAGING, ctx->upload_name);
+    discard_transaction(ctx);
 }
 
 /* Returns the failure's text, or null. */
@@ -142,7 +148,8 @@ void bridge_cmd_file_upload_start(converter_ctx *ctx, json_object *params, json_
     }
     BRIDGE_DEBUG("starting uploading a file: %s, chunk len: %ld, overall size: %ld", path,
                  static_cast<long>(request.chunk_length), static_cast<long>(request.size));
-    if (truncate(path, 0) < 0 && errno != ENOENT) {
+    const bridge_fd staged(open(path, O_WRONLY | O_TRUNC | O_NOFOLLOW | O_CLOEXEC));
+    if (staged.get() < 0 && errno != ENOENT) {
         BRIDGE_ERROR("failed to truncate a file: %m");
         return;
     }
@@ -153,6 +160,16 @@ void bridge_cmd_file_upload_start(converter_ctx *ctx, json_object *params, json_
 /* ---- chunk ---- */
 
 /* Returns the failure's text, or null. */
+/* Never through a link that lies where the file should. */
+static FILE *open_staged(const char *path, int flags, const char *mode)
+{
+    bridge_fd fd(open(path, O_WRONLY | O_NOFOLLOW | O_CLOEXEC | flags, 0666));
+    FILE *file = fd.get() >= 0 ? fdopen(fd.get(), mode) : nullptr;
+    if (file != nullptr)
+        (void)fd.release();
+    return file;
+}
+
 static const char *append_chunk(const converter_ctx *ctx)
 {
     const char *text = reinterpret_cast<const char *>(ctx->upload_chunk);
@@ -168,7 +185,7 @@ static const char *append_chunk(const converter_ctx *ctx)
     char path[PATH_SIZE];
     form_path(path, STAGING, ctx->upload_name);
     BRIDGE_TRACE("trying to write a file: %s", path);
-    file_owned file(fopen(path, "abe"));
+    file_owned file(open_staged(path, O_CREAT | O_APPEND, "ab"));
     if (!file)
         return failed("failed to create a file");
     const auto size = static_cast<size_t>(rc);
@@ -200,7 +217,7 @@ void bridge_cmd_file_upload_chunk(converter_ctx *ctx, json_object *params, json_
     const char *failure = append_chunk(ctx);
     answer_outcome(failure, response);
     if (failure != nullptr)
-        close_transaction(ctx); /* a file with a hole in it is of no use: the server starts anew */
+        discard_transaction(ctx); /* a file with a hole in it is of no use: the server starts anew */
 }
 
 /* ---- stop ---- */

@@ -133,6 +133,8 @@ static void release_context(converter_ctx *ctx)
     ctx->pool = nullptr;
     free(ctx->gw_mac);
     ctx->gw_mac = nullptr;
+    free(ctx->upload_chunk); /* an upload does not go on after a restart */
+    ctx->upload_chunk = nullptr;
     pthread_mutex_destroy(&ctx->mutex);
 }
 

@@ -11,6 +11,7 @@ Wanted = Union[str, re.Pattern[str]]
 
 TAIL = 60
 PIECE = 65536
+END_WITHIN = 5.0
 
 
 def matches(wanted: Wanted, line: str) -> bool:
@@ -56,7 +57,8 @@ class LogReader:
             self._changed.notify_all()
 
     def join(self) -> None:
-        self._thread.join()
+        """Waits for the end of the pipe; but a child that outlives the process keeps it open."""
+        self._thread.join(END_WITHIN)
 
     def mark(self) -> int:
         """The place from which a later search may start."""
