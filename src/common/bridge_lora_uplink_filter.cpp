@@ -31,9 +31,10 @@ static int get_lock(FILE **fp)
     BRIDGE_DEBUG("Open uplink packet filter lock file");
     *fp = fopen(LOCK_FILE, "r+e");
     if (*fp == nullptr) {
-        if (errno == ENOENT)
+        const int code = errno;
+        if (code == ENOENT)
             BRIDGE_ERROR("uplink packet filter lock file is not present");
-        else if (errno == EACCES)
+        else if (code == EACCES)
             BRIDGE_ERROR("not enough permission to access the uplink packet filter lock file");
         else
             BRIDGE_ERROR("unable to access the uplink packet filter lock file");
@@ -45,8 +46,7 @@ static int get_lock(FILE **fp)
     for (int attempt = 0; attempt < LOCK_ATTEMPTS; attempt++) {
         if (lockf(fd, F_LOCK, 0) == 0)
             return 0;
-        BRIDGE_TRACE("lock wasn't obtained for the filter file configuration, "
-                     "waiting 5 more sec...");
+        BRIDGE_TRACE("lock wasn't obtained for the filter file configuration, waiting 5 more sec...");
         bridge_wait_s(LOCK_PAUSE_S);
     }
     return -1;
@@ -225,6 +225,7 @@ static int import_filter_list(int fd, json_object *target)
     {
         if (json_object_object_add(target, key, json_object_get(value)) < 0) {
             BRIDGE_ERROR("failed to import the existing filter list");
+            json_object_put(value);
             return -EIO;
         }
     }
@@ -329,8 +330,7 @@ static int rewrite_file(const filter_list &list, int fd, json_object *content, s
     }
     if (lseek(fd, 0, SEEK_SET) < 0) {
         const int code = errno;
-        BRIDGE_ERROR("failed to set the uplink packet filter file offset to the "
-                     "start before writing");
+        BRIDGE_ERROR("failed to set the uplink packet filter file offset to the start before writing");
         return -code;
     }
     json_owned array(json_object_new_array());

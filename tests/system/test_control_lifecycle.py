@@ -12,7 +12,16 @@ from conftest import Cleanup
 from harness.bridge import log_time
 from harness.broker import Mosquitto
 from harness.config import ControlPlane
-from harness.control import CAPABILITIES, COMMANDS, CONFIGURATION, PIPE, STARTED, ControlRoad, request
+from harness.control import (
+    CAPABILITIES,
+    COMMANDS,
+    CONFIGURATION,
+    PIPE,
+    STARTED,
+    ControlRoad,
+    is_push,
+    request,
+)
 from harness.dialects import NATIVE
 from harness.lab import AGENT_BINARY, LabAgent
 from harness.ports import free_port
@@ -134,11 +143,26 @@ def test_an_agent_killed_and_started_again_serves_without_a_restart(
     assert len(road.bridge.log.find(STARTED)) == 1
 
 
+@pytest.mark.waits_long
 def test_an_agent_that_comes_up_late_is_found(start: StartRoad, agent: LabAgent) -> None:
-    """A session needs no agent to be opened; requests are repeated until it answers. A message of the server
-    waits for the exchange under way."""
+    """A session needs no agent to be opened; the first request, for a document, is repeated until then."""
     agent.silence()
+    road = start(polls=300)
+    wait_until(agent.requests, "the agent hears the first request")
+    agent.silence(False)
+    road.wait_ready(timeout=PATIENT)
+    assert [json.loads(each.payload[:-1])["type"] for each in road.peer.since(0) if is_push(each)] == [
+        "GENERAL",
+        "UPGRADE_SERVERS",
+    ]
+    assert road.command("getBackups").response["status"] == "idle"
+
+
+def test_a_command_for_a_silent_agent_is_answered_when_it_speaks_again(
+    start: StartRoad, agent: LabAgent
+) -> None:
     road = start(polls=300).wait_ready()
+    agent.silence()
     number = road.send("getBackups")
     road.bridge.wait_for_log("ctrlplane message received")
     agent.silence(False)

@@ -98,8 +98,8 @@ static const char *format_topic(char (&topic)[128], const char *format)
 
 static const char *desired_topic()
 {
-    static char topic[128];
-    return format_topic(topic, "gateway/mac/%s/firmware/desired");
+    static char topic[128]; /* formed once: the subscription reads it for as long as it stands */
+    return topic[0] != '\0' ? topic : format_topic(topic, "gateway/mac/%s/firmware/desired");
 }
 
 static const char *reported_topic()
@@ -459,7 +459,6 @@ static void bsp_upgrade_thread(void *arg)
 struct bsp_times {
     int64_t timestamp;
     int64_t max_random_delay;
-    bool force;
 };
 
 static int read_times(json_object *object, bsp_times *times)
@@ -467,9 +466,14 @@ static int read_times(json_object *object, bsp_times *times)
     const bridge_json_field frame[] = {
         field_optional(field_int("timestamp", &times->timestamp)),
         field_optional(field_int("maxRandomDelay", &times->max_random_delay)),
-        field_optional(field_bool("force", &times->force)),
     };
     return cmd_parse(object, frame);
+}
+
+static int read_force(json_object *update, bool *force)
+{
+    const bridge_json_field frame[] = {field_optional(field_bool("force", force))};
+    return cmd_parse(update, frame);
 }
 
 static uint64_t to_seconds(int64_t milliseconds)
@@ -498,7 +502,7 @@ static int read_request(json_object *root, bsp_upgrade_msg *message)
         return -1;
     }
     bsp_times times = {};
-    if (read_times(update, &times) < 0) {
+    if (read_times(update, &times) < 0 || read_force(update, &message->force) < 0) {
         BRIDGE_ERROR("failed to de-serialize update params");
         return -1;
     }
@@ -513,7 +517,6 @@ static int read_request(json_object *root, bsp_upgrade_msg *message)
     message->update_ts = to_seconds(update_ts);
     message->update_time = to_seconds(times.timestamp);
     message->update_delay = delay_seconds(times.max_random_delay);
-    message->force = times.force;
     message->download_time = to_seconds(download_times.timestamp);
     message->download_delay = delay_seconds(download_times.max_random_delay);
     return 0;
@@ -538,6 +541,13 @@ static void queue_request(const char *text)
         BRIDGE_WARN("Warning: can't send message to bsp upgrade thread");
 }
 
+/* A start under way is waited for: a retained request comes while it still subscribes. */
+static bool is_started()
+{
+    const std::lock_guard guard(module_ctx.mutex);
+    return module_ctx.started;
+}
+
 static void bsp_upgrade_message_handler(const char *, void *, const uint8_t *payload, uint32_t payload_size)
 {
     if (payload == nullptr) {
@@ -549,10 +559,10 @@ static void bsp_upgrade_message_handler(const char *, void *, const uint8_t *pay
         BRIDGE_ERROR("invalid payload size received");
         return;
     }
-    if (!module_ctx.started) {
-        BRIDGE_TRACE("Bulk upgrade service is not running -- bridge likely in the "
-                     "middle of a restart, ignoring the "
-                     "message");
+    if (!is_started()) {
+        BRIDGE_TRACE(
+            "Bulk upgrade service is not running -- bridge likely in the middle of a restart, ignoring "
+            "the message");
         return;
     }
     const std::unique_ptr<char[]> text(new (std::nothrow) char[size_t{payload_size} + 1]());

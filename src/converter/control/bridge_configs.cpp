@@ -76,8 +76,8 @@ static const char *format_topic(char (&topic)[128], const char *format)
 
 static const char *desired_topic()
 {
-    static char topic[128];
-    return format_topic(topic, "gateway/mac/%s/configuration/desired");
+    static char topic[128]; /* formed once: the subscription reads it for as long as it stands */
+    return topic[0] != '\0' ? topic : format_topic(topic, "gateway/mac/%s/configuration/desired");
 }
 
 static const char *reported_topic()
@@ -240,8 +240,7 @@ static int judge_and_apply(converter_ctx *ctx, const desired_config &desired, js
 
 static void commit()
 {
-    const char *no_arguments[] = {nullptr};
-    (void)cfg_run_script(COMMIT_SCRIPT, no_arguments, COMMIT_ROUNDS, false);
+    (void)cfg_run_script(COMMIT_SCRIPT, {}, COMMIT_ROUNDS, false);
 }
 
 static void respond(json_object *response)
@@ -281,8 +280,6 @@ static void apply(json_object *request, json_object *response, json_object *resp
 
 static void work_on(const char *payload)
 {
-    errno = 0; /* a bad number of the message before must not count against this
-                  one */
     const json_owned request(json_tokener_parse(payload));
     BRIDGE_TRACE("received a configuration: %s", payload);
     if (!request) {

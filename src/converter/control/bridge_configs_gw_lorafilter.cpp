@@ -13,6 +13,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <new>
+#include <span>
 #include <strings.h>
 #include <vector>
 
@@ -72,9 +75,9 @@ static int read_devaddr_range(const char *start, const char *end, devaddr_filter
     if (*end != '\0' && parse_hex(end, DEVADDR_END, &rule->end) < 0)
         return -EINVAL;
     if (rule->start > DEVADDR_MAX || rule->end > DEVADDR_MAX) {
-        BRIDGE_ERROR("DevAddr value(start = %016llX, and/or end = %016llX) exceeds "
-                     "the maximum allowed %016llX",
-                     wide(rule->start), wide(rule->end), DEVADDR_MAX);
+        BRIDGE_ERROR(
+            "DevAddr value(start = %016llX, and/or end = %016llX) exceeds the maximum allowed %016llX",
+            wide(rule->start), wide(rule->end), DEVADDR_MAX);
         return -EINVAL;
     }
     return 0;
@@ -92,8 +95,7 @@ static int read_rule(json_object *element, devaddr_filter_rule *rule)
         field_optional(field_string("end", end)),
     };
     if (cmd_parse(element, frame) < 0) {
-        BRIDGE_ERROR("unable to deserialize the DevAddr filter rule -- one or more "
-                     "fields likely missing in "
+        BRIDGE_ERROR("unable to deserialize the DevAddr filter rule -- one or more fields likely missing in "
                      "a profile");
         return -EINVAL;
     }
@@ -112,8 +114,7 @@ static int read_rule(json_object *element, devaddr_filter_rule *rule)
         BRIDGE_ERROR("Invalid DevAddr filter action: %s, must be %s or %s ", rule->action, ALLOW, DENY);
         return -EINVAL;
     }
-    BRIDGE_DEBUG("DevAddr filter rule : id = %llu, action = %s, start = %llu "
-                 "(%08X), end = %llu (%08X)",
+    BRIDGE_DEBUG("DevAddr filter rule : id = %llu, action = %s, start = %llu (%08X), end = %llu (%08X)",
                  wide(rule->ruleId), rule->action, wide(rule->start), static_cast<unsigned>(rule->start),
                  wide(rule->end), static_cast<unsigned>(rule->end));
     return 0;
@@ -201,8 +202,8 @@ static int read_rule(json_object *element, joinreq_filter_rule *rule)
     if (read_texts(element, true, rule, &texts) < 0) {
         BRIDGE_WARN("No proper DevEUI range -- checking for proper JoinEUI range");
         if (read_texts(element, false, rule, &texts) < 0) {
-            BRIDGE_ERROR("unable to deserialize the JoinReq filter rule -- one or "
-                         "more fields missing in a profile");
+            BRIDGE_ERROR(
+                "unable to deserialize the JoinReq filter rule -- one or more fields missing in a profile");
             return -EINVAL;
         }
     }
@@ -212,9 +213,8 @@ static int read_rule(json_object *element, joinreq_filter_rule *rule)
                        &rule->joinEUI_Start, &rule->joinEUI_End) < 0 ||
         check_joinreq(*rule) < 0)
         return -EINVAL;
-    BRIDGE_DEBUG("JoinReq filter rule : id = %llu, action = %s, deveui_start = "
-                 "%llu (%llx), deveui_end = %llu "
-                 "(%llx), joineui_start = %llu (%llx), joineui_end = %llu (%llx)",
+    BRIDGE_DEBUG("JoinReq filter rule : id = %llu, action = %s, deveui_start = %llu (%llx), deveui_end = "
+                 "%llu (%llx), joineui_start = %llu (%llx), joineui_end = %llu (%llx)",
                  wide(rule->ruleId), rule->action, wide(rule->devEUI_Start), wide(rule->devEUI_Start),
                  wide(rule->devEUI_End), wide(rule->devEUI_End), wide(rule->joinEUI_Start),
                  wide(rule->joinEUI_Start), wide(rule->joinEUI_End), wide(rule->joinEUI_End));
@@ -241,7 +241,8 @@ template <typename Rule> struct list_row {
 /* clang-format off */
 static constexpr list_row<devaddr_filter_rule> DEVADDR_LIST = {
     "devAddrList", BRIDGE_LOG_WARN,
-    "DevAddr list length %zu is not between 0 and %llu (both inclusive), any existing rule would be left untouched",
+    "DevAddr list length %zu is not between 0 and %llu (both inclusive), "
+    "any existing rule would be left untouched",
     "DevAddr filter array of length %zu found in the request",
     "failed to allocate buffer for the DevAddr filter list",
     "Found a NULL DevAddr list in the server request",
@@ -253,7 +254,8 @@ static constexpr list_row<devaddr_filter_rule> DEVADDR_LIST = {
 
 static constexpr list_row<joinreq_filter_rule> JOINREQ_LIST = {
     "joinReqList", BRIDGE_LOG_DEBUG,
-    "JoinReq array length %zu is not between 0 and %llu (both inclusive), any existing rule would be left untouched",
+    "JoinReq array length %zu is not between 0 and %llu (both inclusive), "
+    "any existing rule would be left untouched",
     "JoinReq array of length %zu found in the server request",
     "failed to allocate buffer for the JoinReq list",
     "Found a NULL JoinReq list in the server request",
@@ -264,9 +266,9 @@ static constexpr list_row<joinreq_filter_rule> JOINREQ_LIST = {
 };
 /* clang-format on */
 
-template <typename Rule> static int update(const list_row<Rule> &row, std::vector<Rule> *rules)
+template <typename Rule> static int update(const list_row<Rule> &row, size_t count, const Rule *rules)
 {
-    const int result = row.update(rules->size(), rules->empty() ? nullptr : rules->data());
+    const int result = row.update(count, rules);
     if (result < 0) {
         BRIDGE_ERROR(row.not_updated, result);
         return -1;
@@ -275,7 +277,17 @@ template <typename Rule> static int update(const list_row<Rule> &row, std::vecto
     return 0;
 }
 
-/* A null element ends the list. */
+/* A rule that is JSON null is refused like any other bad one: without it the list might let through what it
+ * is to stop. */
+template <typename Rule> static int read_rules(json_object *array, Rule *rules, size_t count)
+{
+    for (size_t i = 0; i < count; i++) {
+        if (read_rule(json_object_array_get_idx(array, i), &rules[i]) < 0)
+            return -EINVAL;
+    }
+    return 0;
+}
+
 template <typename Rule> static int write_array(const list_row<Rule> &row, json_object *array)
 {
     const size_t count = json_object_array_length(array);
@@ -285,19 +297,19 @@ template <typename Rule> static int write_array(const list_row<Rule> &row, json_
         return 0;
     }
     BRIDGE_DEBUG(row.found, count);
-    std::vector<Rule> rules;
-    rules.reserve(count);
-    for (size_t i = 0; i < count; i++) {
-        json_object *element = json_object_array_get_idx(array, i);
-        if (element == nullptr)
-            break;
-        Rule rule = {};
-        if (read_rule(element, &rule) < 0)
-            return -EINVAL;
-        rules.push_back(rule);
+    std::unique_ptr<Rule[]> rules;
+    if (count > 0) {
+        rules.reset(new (std::nothrow) Rule[count]());
+        if (!rules) {
+            BRIDGE_ERROR("%s", row.no_memory);
+            return -ENOMEM;
+        }
     }
-    row.sort(rules.data(), rules.size());
-    return update(row, &rules);
+    const int result = read_rules(array, rules.get(), count);
+    if (result < 0)
+        return result;
+    row.sort(rules.get(), count);
+    return update(row, count, static_cast<const Rule *>(rules.get()));
 }
 
 /* A list that is too long, or none, leaves the one in the file as it is.
@@ -310,8 +322,7 @@ template <typename Rule> static int write_list(const list_row<Rule> &row, json_o
         return write_array(row, list);
     if (is_there && list == nullptr) {
         BRIDGE_DEBUG("%s", row.is_null);
-        std::vector<Rule> nothing;
-        return update(row, &nothing);
+        return update<Rule>(row, 0, nullptr);
     }
     BRIDGE_DEBUG("%s", row.not_found);
     return 0;
@@ -329,8 +340,7 @@ static int write_lists(converter_ctx *ctx, json_object *cfg, json_object *reply)
         remove_backup_filterlist();
         result = bridge_configs_gw_lorafilter_read(ctx, reply);
         if (result < 0)
-            BRIDGE_ERROR("failed to read the current LoRa filter rule after a "
-                         "successful update");
+            BRIDGE_ERROR("failed to read the current LoRa filter rule after a successful update");
     }
     rollback_filterlist(); /* finds nothing after a good update */
     remove_backup_filterlist();
@@ -355,8 +365,7 @@ int bridge_configs_gw_lorafilter_write(converter_ctx *ctx, json_object *cfg, jso
         return cfg_add(out, value_key, reply.release(),
                        "failed to add current filter configuration to the response");
     if (result == CFG_REPLY_FORMED) {
-        BRIDGE_ERROR("Successfully added response (failure) to a LoRa filter rule "
-                     "write request");
+        BRIDGE_ERROR("Successfully added response (failure) to a LoRa filter rule write request");
         return 0;
     }
     json_object *text = json_object_new_string("LoRa filter rule write request failed");
@@ -432,8 +441,10 @@ int bridge_configs_gw_lorafilter_read(converter_ctx *, json_object *out)
     if (!lists) {
         BRIDGE_ERROR("failed to read the LoRa filter rule");
         json_object *text = json_object_new_string("Failed to read the current LoRa filter rules");
-        if (text == nullptr || json_object_object_add(out, status_key, text) < 0)
+        if (text == nullptr || json_object_object_add(out, status_key, text) < 0) {
+            json_object_put(text);
             return -EIO;
+        }
         return CFG_REPLY_FORMED;
     }
     int result = show_list(content, "devAddrList", DEVADDR_NUMBERS, 8,
@@ -447,6 +458,7 @@ int bridge_configs_gw_lorafilter_read(converter_ctx *, json_object *out)
     {
         if (json_object_object_add(out, key, json_object_get(value)) < 0) {
             BRIDGE_ERROR("failed to process LoRa filter rule read response");
+            json_object_put(value);
             return -EIO;
         }
     }

@@ -8,6 +8,7 @@
 #include "converter/control/bridge_configs_gw.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 static constexpr int WAIT_ROUNDS = 600;
@@ -106,7 +107,7 @@ static int add_slot(converter_ctx *ctx, const sim_slot &slot, json_object *slots
     return 0;
 }
 
-int cfg_simpin_read(converter_ctx *ctx, json_object **reply)
+int simpin_read(converter_ctx *ctx, json_object **reply)
 {
     BRIDGE_INFO("getting current SIM slot info");
     json_owned slots(json_object_new_array());
@@ -174,7 +175,7 @@ static constexpr simpin_change ADD_PIN = {
 
 static int set_logged(converter_ctx *ctx, const char *object, const char *text, const char *failure)
 {
-    if (bridge_snmp_set_property(ctx, object, text, 0) == 0)
+    if (bridge_snmp_set_property(ctx, object, text, 0) >= 0)
         return 0;
     BRIDGE_ERROR("%s", failure);
     return -1;
@@ -246,7 +247,7 @@ static int write_pin(converter_ctx *ctx, const char *name, json_object *given, j
     return cfg_add_element(reply, name, status, request.release());
 }
 
-int cfg_simpin_write(converter_ctx *ctx, const char *name, json_object *requests, json_object **reply)
+int simpin_write(converter_ctx *ctx, const char *name, json_object *requests, json_object **reply)
 {
     BRIDGE_DEBUG("sim pin write function running");
     json_owned elements(json_object_new_array());
@@ -263,7 +264,7 @@ int cfg_simpin_write(converter_ctx *ctx, const char *name, json_object *requests
     }
     BRIDGE_INFO("getting the current simpin state");
     json_object *state = nullptr;
-    if (cfg_simpin_read(ctx, &state) < 0) {
+    if (simpin_read(ctx, &state) < 0) {
         BRIDGE_ERROR("failed to get the final simpin status");
         return -EIO;
     }
@@ -289,9 +290,9 @@ struct cc_item {
 /* Walked from the top. */
 /* clang-format off */
 static constexpr cc_item CC_ITEMS[] = {
-    {"pdpProfile", cfg_pdp_read, cfg_pdp_write,
+    {"pdpProfile", pdp_profile_read, pdp_profile_write,
      "unable to read cellular pdp info", "unable to write any pdp info"},
-    {"simPin", cfg_simpin_read, cfg_simpin_write,
+    {"simPin", simpin_read, simpin_write,
      "unable to read cellular simpin info", "unable to write simpin changes"},
 };
 /* clang-format on */
@@ -320,8 +321,7 @@ int bridge_configs_gw_nw_cc_write(converter_ctx *ctx, json_object *cfg, json_obj
         if (result == CFG_REPLY_FORMED)
             result = 0;
         if (result < 0) {
-            BRIDGE_ERROR("failed current cellular config write for [%s] or the error "
-                         "wasn't handled",
+            BRIDGE_ERROR("failed current cellular config write for [%s] or the error wasn't handled",
                          item.name);
             return result;
         }

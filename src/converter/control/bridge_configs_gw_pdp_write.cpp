@@ -9,6 +9,8 @@
 
 #include <cerrno>
 #include <strings.h>
+#include <sys/types.h>
+#include <utility>
 
 static constexpr size_t VALUE_SIZE = 32;
 static constexpr const char *CONTEXT_ID = "contextId";
@@ -151,50 +153,44 @@ static int tell_action(pdp_reconciliation *work, int result, const char *failed,
 
 /* ---- validation ---- */
 
-static int check_active_name(const pdp_reconciliation &work, const char *name)
+static int check_name(const pdp_reconciliation &work, const char *name)
 {
     int count = count_name(work.gateway.get(), name, "failed to de-serialize current pdp parameters");
     if (count > 1)
-        BRIDGE_ERROR("unable to process the cellular pdp request -- more than one "
-                     "profile exists on the gateway with "
-                     "the same profile name");
+        BRIDGE_ERROR("unable to process the cellular pdp request -- more than one profile exists on the "
+                     "gateway with the same profile name");
     if (count < 0 || count > 1)
         return -EINVAL;
     count = count_name(work.request, name, "failed to de-serialize profile name (from server list)");
     if (count > 1)
-        BRIDGE_ERROR("unable to process the cellular pdp request -- more than one "
-                     "profile exists in the server list "
-                     "with the same profile name");
+        BRIDGE_ERROR("unable to process the cellular pdp request -- more than one profile exists in the "
+                     "server list with the same profile name");
     return count < 0 || count > 1 ? -EINVAL : 0;
 }
 
-/* Exactly one profile of the server's is to be the active one, and its name
- * must be clear. */
+/* Exactly one profile of the server's is to be the active one, and every name must be clear on both sides. */
 static int validate(const pdp_reconciliation &work)
 {
     bool has_active = false;
     for (size_t i = 0; i < json_object_array_length(work.request); i++) {
         pdp_profile profile;
-        if (read_server_profile(json_object_array_get_idx(work.request, i), &profile,
-                                "unable to deserialize the cellular pdp request -- "
-                                "one or more fields missing in a "
-                                "profile") < 0)
+        if (read_server_profile(
+                json_object_array_get_idx(work.request, i), &profile,
+                "unable to deserialize the cellular pdp request -- one or more fields missing in a profile") <
+            0)
             return -EINVAL;
-        if (!is_active(profile))
-            continue;
-        if (has_active) {
-            BRIDGE_ERROR("unable to process the cellular pdp request -- more than "
-                         "one profile with setActive field "
-                         "set to True");
+        if (is_active(profile) && has_active) {
+            BRIDGE_ERROR("unable to process the cellular pdp request -- more than one profile with setActive "
+                         "field set to True");
             return -EINVAL;
         }
-        has_active = true;
-        if (check_active_name(work, profile.name) < 0)
+        has_active = has_active || is_active(profile);
+        if (check_name(work, profile.name) < 0)
             return -EINVAL;
     }
     if (!has_active) {
-        BRIDGE_ERROR("unable to process the cellular pdp request -- no active "
-                     "profile mentioned in the server list");
+        BRIDGE_ERROR(
+            "unable to process the cellular pdp request -- no active profile mentioned in the server list");
         return -EINVAL;
     }
     return 0;
@@ -209,14 +205,12 @@ static int delete_if_unknown(pdp_reconciliation *work, json_object *row)
         return -EIO;
     char name[VALUE_SIZE] = "";
     if (read_name(profile.get(), name,
-                  "unable to process the cellular pdp request -- failed to "
-                  "deserialize the profile name from the "
-                  "gateway list") < 0)
+                  "unable to process the cellular pdp request -- failed to deserialize the profile name from "
+                  "the gateway list") < 0)
         return -EIO;
     const ssize_t place = find_name(work->request, name,
-                                    "unable to process the cellular pdp request "
-                                    "-- failed to deserialize the profile "
-                                    "name from the server list");
+                                    "unable to process the cellular pdp request -- failed to deserialize the "
+                                    "profile name from the server list");
     if (place < -1)
         return -EIO;
     if (place >= 0)
@@ -269,9 +263,8 @@ static int put_profile(pdp_reconciliation *work, json_object *row)
         return -EIO;
     pdp_profile wanted;
     if (read_server_profile(profile.get(), &wanted,
-                            "unable to process the cellular pdp request -- "
-                            "unable to deserialize the profile from the "
-                            "server") < 0)
+                            "unable to process the cellular pdp request -- unable to deserialize the profile "
+                            "from the server") < 0)
         return -EIO;
     pdp_profile present;
     const int found = find_on_gateway(*work, wanted.name, &present);
@@ -308,8 +301,7 @@ static int activate_found(pdp_reconciliation *work, int64_t context, json_owned 
         return -ENOMEM;
     long working = 0;
     if (bridge_snmp_get_property_int(work->ctx, "wmPdpWorkingProfile.0", &working, 0) < 0) {
-        BRIDGE_ERROR("unable to activate cellular pdp info -- can't find the "
-                     "current active profile");
+        BRIDGE_ERROR("unable to activate cellular pdp info -- can't find the current active profile");
         return -EIO;
     }
     if (working == context) {
@@ -326,9 +318,8 @@ static int activate_found(pdp_reconciliation *work, int64_t context, json_owned 
 static int activate(pdp_reconciliation *work, json_object *updated, const char *name, json_owned profile)
 {
     const ssize_t place = find_name(updated, name,
-                                    "unable to process the cellular pdp request "
-                                    "-- failed to deserialize the profile "
-                                    "name from the updated gateway list");
+                                    "unable to process the cellular pdp request -- failed to deserialize the "
+                                    "profile name from the updated gateway list");
     if (place < -1)
         return -EIO;
     if (place < 0)
@@ -355,9 +346,8 @@ static int activate_chosen(pdp_reconciliation *work)
                                     "failed to create a local copy of the server profile"));
         pdp_profile wanted;
         if (!profile || read_server_profile(profile.get(), &wanted,
-                                            "unable to process the cellular pdp "
-                                            "request -- unable to deserialize the "
-                                            "profile from the server") < 0)
+                                            "unable to process the cellular pdp request -- unable to "
+                                            "deserialize the profile from the server") < 0)
             return -EIO;
         if (!is_active(wanted))
             continue;
@@ -384,14 +374,14 @@ static int add_full_list(pdp_reconciliation *work)
     return result;
 }
 
-int cfg_pdp_read(converter_ctx *ctx, json_object **reply)
+int pdp_profile_read(converter_ctx *ctx, json_object **reply)
 {
     return pdp_list_read(ctx, reply);
 }
 
 /* A bad list is refused before anything changes; from then on a failed action
  * is told in its element, and the rest goes on. */
-int cfg_pdp_write(converter_ctx *ctx, const char *name, json_object *request, json_object **reply)
+int pdp_profile_write(converter_ctx *ctx, const char *name, json_object *request, json_object **reply)
 {
     BRIDGE_DEBUG("pdp profile write function running");
     pdp_reconciliation work = {.ctx = ctx, .name = name, .request = request, .gateway = {}, .elements = {}};
@@ -407,8 +397,8 @@ int cfg_pdp_write(converter_ctx *ctx, const char *name, json_object *request, js
         return -EINVAL;
     }
     if (!json_object_is_type(request, json_type_array)) {
-        BRIDGE_ERROR("unable to process the cellular pdp request -- no active "
-                     "profile mentioned in the server list");
+        BRIDGE_ERROR(
+            "unable to process the cellular pdp request -- no active profile mentioned in the server list");
         return -EINVAL;
     }
     int result = validate(work);

@@ -18,11 +18,12 @@ static constexpr uint32_t FIRST_WAIT_US = 100000;
 static constexpr uint32_t ROUND_S = 5;
 
 /* The child. It drops the daemon's descriptors and becomes the program. */
-[[noreturn]] static void become_script(const char *path, const char *const *arguments, bool uses_stderr)
+[[noreturn]] static void become_script(const char *path, std::span<const char *const> arguments,
+                                       bool uses_stderr)
 {
     std::vector<char *> argv = {const_cast<char *>(path)};
-    while (*arguments != nullptr)
-        argv.push_back(const_cast<char *>(*arguments++));
+    for (const char *argument : arguments)
+        argv.push_back(const_cast<char *>(argument));
     argv.push_back(nullptr);
     char *environment[] = {const_cast<char *>(uses_stderr ? "USE_STDERR=1" : "USE_STDERR=0"), nullptr};
     bridge_child_drop_descriptors();
@@ -53,7 +54,7 @@ static pid_t wait_for_end(pid_t pid, int rounds, bool tells_rounds)
     return 0;
 }
 
-pid_t cfg_run_script(const char *path, const char *const *arguments, int rounds, bool tells_rounds)
+pid_t cfg_run_script(const char *path, std::span<const char *const> arguments, int rounds, bool tells_rounds)
 {
     const bool uses_stderr = bridge_log_is_stderr();
     BRIDGE_TRACE("trying to execute: %s", path);

@@ -49,7 +49,11 @@ def is_answer(message: Message) -> bool:
 
 def is_push(message: Message) -> bool:
     """A document of the gateway's own, at the start of its control plane."""
-    return message.topic == CONFIGURATION and b'"applyTs"' in message.payload and b'"contentType"' not in message.payload
+    return (
+        message.topic == CONFIGURATION
+        and b'"applyTs"' in message.payload
+        and b'"contentType"' not in message.payload
+    )
 
 
 @dataclass(frozen=True)
@@ -87,6 +91,8 @@ class ControlRoad:
         polls: int = POLL,
         arguments: tuple[str, ...] = ("-v", "4"),
         state: Optional[dict[str, str]] = None,
+        env: Optional[dict[str, str]] = None,
+        to_stderr: bool = True,
         **snmp: str,
     ) -> None:
         work.mkdir(parents=True, exist_ok=True)
@@ -105,7 +111,7 @@ class ControlRoad:
         self.client_id = str(config["generic"]["client_id"])
         self.peer = MqttPeer(self.broker.port)
         self.peer.subscribe("#")
-        self.bridge = Bridge(work, ["-c", str(path), "-d", *arguments])
+        self.bridge = Bridge(work, ["-c", str(path), *(["-d"] if to_stderr else []), *arguments], env)
 
     def wait_ready(self, count: int = 1, timeout: float = PATIENCE) -> "ControlRoad":
         self.bridge.wait_for_log(STARTED, timeout, count=count)
@@ -149,8 +155,8 @@ class ControlRoad:
         return [Answer(each.payload) for each in self.peer.since(after) if is_answer(each)]
 
     def _is_settled(self) -> bool:
-        """The daemon hears its own answers too, as requests without a command; but not the documents that it pushes
-        before it subscribes."""
+        """The daemon hears its own answers too, as requests without a command; but not the documents that it
+        pushes before it subscribes."""
         heard = [
             each
             for each in self.peer.since(0)
