@@ -156,15 +156,17 @@ def test_without_a_control_plane_a_lost_connection_restarts_the_data_plane_for_e
     road.broker.kill()
     road.bridge.wait_for_log("initiating control plane restart")
     road.broker.start()
-    held = set()
+    held: list[tuple[int, int]] = []
     for count in (1, 2):
         road.bridge.wait_for_log(WHOLE_RESTART, PATIENT, count=count)
         stopped = road.bridge.wait_for_log(DEINITIALISED, count=count)
         started = road.bridge.wait_for_log(STARTED, PATIENT, count=count + 1)
         assert_waited(stopped, started, RESTART)
         road.bridge.wait_for_log(DEINITIALISED, count=count + 1)
-        held.add(road.bridge.resources())
-    assert len(held) == 1, f"descriptors and threads add up: {held}"
+        if not held:
+            held.append(road.bridge.resources())
+        # Threads of the round before may still be ending.
+        wait_until(lambda: all(now <= first for now, first in zip(road.bridge.resources(), held[0])), f"{held[0]} again")
     assert len(road.bridge.log.find(CONNECTED)) == 1
     assert not road.bridge.log.find("ctrlplane deinit complete")
 

@@ -17,7 +17,7 @@ from harness.samples import DOWNLINKS, rxpk_v2
 RunConfig = Callable[..., Bridge]
 OwnRoad = Callable[..., Road]
 
-SOON = 5.0  # less than any sleep of the loop
+SOON = 8.0  # less than any sleep of the loop
 LAST_WORDS = "bridge is shutting down"
 TORN_DOWN = "de-initializing MQTT subsystem"
 DEINITIALISED = "UDP bridge is deinitialized"
