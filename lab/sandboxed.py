@@ -6,6 +6,7 @@ import os
 import subprocess
 from pathlib import Path
 
+GATEWAY_PROGRAMS = "/usr/sbin/mqtt"  # lab/scripts, inside
 SANDBOX = Path(__file__).resolve().parent / "sandbox"
 
 

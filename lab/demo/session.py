@@ -27,7 +27,7 @@ from lab.demo.stop import Interrupted, StopRequest
 from lab.demo.view import View
 from lab.gateway import forwarder as semtech
 from lab.gateway.devices import Radio, lab_devices
-from lab.sandboxed import has_namespaces, sandboxed
+from lab.sandboxed import GATEWAY_PROGRAMS, has_namespaces, sandboxed
 
 _MAC = "0016c001ff1a2b3c"
 _CLIENT_ID = "demo-gateway"
@@ -67,6 +67,9 @@ gw_mac = "{mac}"
 semtech_udp_listen_port = {udp_port}
 state_dir = "{state}/"
 gw_events_interval = 0
+
+[performance_management]
+battery_reporting_period_mins = 1
 
 [snmp]
 agent_addr = "{agent}"
@@ -236,12 +239,14 @@ class Session:
             state="/var/lib" if agent else self._folder.name, agent=agent, traps=traps, mibs=MIBS,
         )  # fmt: skip
         arguments = ["--stderr", "--config", self._config_file("demo.toml", text)]
+        environment = _private_environment()
         if agent:
             command = sandboxed(Path(self._folder.name), self._programs.daemon, arguments)
+            environment["PATH"] = f"{GATEWAY_PROGRAMS}:{environment['PATH']}"
         else:
             command = [str(self._programs.daemon), "--no-snmp", *arguments]
         take_line = lambda line: self._events.put(DaemonLine(line))  # noqa: E731
-        self._children.append(Child("the daemon", command, take_line, _private_environment()))
+        self._children.append(Child("the daemon", command, take_line, environment))
 
     def _publish(self, topic: str, payload: bytes) -> None:
         assert self._client is not None

@@ -24,7 +24,7 @@ FAILED = "failed to get properties for battery performance stats"
 NO_NUMBER = "Warning: No digits found"
 ABSENT = "Warning: SNMP value is N/A"
 
-# As the lab's gateway has them, with a clock that stands.
+# Those of the lab's gateway move with the time of day.
 TIMESTAMP, PERIOD = "1700000000123", 60
 HEAD = f'"timestamp": {TIMESTAMP},"period": {PERIOD},'
 VALUES = {
@@ -115,7 +115,7 @@ def shared(tmp_path_factory: pytest.TempPathFactory) -> Iterator[Battery]:
 @pytest.fixture
 def battery(shared: Battery) -> Battery:
     shared.agent.restore()
-    shared.agent.set({"spmDataTimestamp.0": TIMESTAMP})
+    shared.agent.set({"spmDataTimestamp.0": TIMESTAMP, **{object_of(key): value for key, value in VALUES.items()}})
     shared.mark()
     return shared
 

@@ -2,14 +2,12 @@
 import itertools
 import json
 import re
-from functools import partial
 from pathlib import Path
 from typing import Any, Callable, Iterator
 
 import pytest
 
 from conftest import Cleanup
-from harness.bridge import Bridge
 from harness.config import GW_MAC
 from harness.control import ControlRoad, request
 from harness.lab import SCENARIOS, LabAgent, start_agent
@@ -615,22 +613,9 @@ def put_key(home: Path, text: str) -> None:
     (home / ".ssh" / "id_rsa.pub").write_text(text, newline="")
 
 
-@pytest.fixture
-def start_at_home(
-    start: Callable[..., ControlRoad], monkeypatch: pytest.MonkeyPatch
-) -> Callable[..., ControlRoad]:
-    """A daemon whose HOME is set."""
-
-    def run(home: str) -> ControlRoad:
-        monkeypatch.setattr("harness.control.Bridge", partial(Bridge, extra_env={"HOME": home}))
-        return start()
-
-    return run
-
-
-def test_the_key_is_read_anew_below_home(start_at_home: Callable[..., ControlRoad], tmp_path: Path) -> None:
+def test_the_key_is_read_anew_below_home(start: Callable[..., ControlRoad], tmp_path: Path) -> None:
     home = tmp_path / "road0" / "home"
-    road = start_at_home(str(home))
+    road = start(env={"HOME": str(home)})
     log = road.bridge.log.mark()
     assert ask(road, "getPublicKey", {}) == NO_RESPONSE
     assert len(road.bridge.log.find("failed to get pubkey file information", log)) == 1
@@ -650,7 +635,7 @@ def test_without_home_the_key_is_that_of_the_user(start: Callable[..., ControlRo
     assert json.loads(ask(road, "getPublicKey", None)) == KEY
 
 
-def test_a_home_too_long_for_a_path_is_told(start_at_home: Callable[..., ControlRoad]) -> None:
-    road = start_at_home("/" + "h" * 4096)
+def test_a_home_too_long_for_a_path_is_told(start: Callable[..., ControlRoad]) -> None:
+    road = start(env={"HOME": "/" + "h" * 4096})
     assert ask(road, "getPublicKey", {}) == NO_RESPONSE
     road.bridge.wait_for_log(re.compile("SSH key path is too long$"))
