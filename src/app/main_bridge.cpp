@@ -357,8 +357,10 @@ void bridge_supervise()
 
 /* ---- start-up and shutdown ---- */
 
-static void install_stop_signal()
+/* Children are waited for: who starts the daemon may have had theirs vanish. */
+static void install_signals()
 {
+    signal(SIGCHLD, SIG_DFL);
     struct sigaction action = {};
     action.sa_handler = bridge_on_stop_signal;
     sigemptyset(&action.sa_mask);
@@ -412,7 +414,7 @@ int bridge_main(int argc, char **argv)
     }
     if (check_ports() < 0)
         return 1;
-    install_stop_signal();
+    install_signals();
     const int result = bridge_mqtt_init(bridge_on_connection_failed);
     if (result < 0) {
         BRIDGE_ERROR("cannot initialize MQTT subsystem, aborting...");

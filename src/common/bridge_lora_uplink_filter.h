@@ -25,7 +25,8 @@ struct joinreq_filter_rule {
     uint64_t joinEUI_End;
 };
 
-/* Waits up to 300 s for the lock. Returns 0, -1 without it, or a negative errno. */
+/* Waits for the lock as long as another process holds it; an attempt that fails is made again for up to 300
+ * s. Returns 0, -1 without it, or a negative errno. */
 int backup_filterlist();
 
 /* Puts the backup's content back; without a backup it does nothing. The backup stays. */

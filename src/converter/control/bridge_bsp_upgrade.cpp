@@ -478,7 +478,7 @@ static int read_force(json_object *update, bool *force)
 
 static uint64_t to_seconds(int64_t milliseconds)
 {
-    return static_cast<uint64_t>(milliseconds) / MS_PER_S;
+    return static_cast<uint64_t>(milliseconds / MS_PER_S);
 }
 
 /* Cut to 32 bits before it becomes seconds. */

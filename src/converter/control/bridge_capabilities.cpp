@@ -27,6 +27,7 @@ static struct {
     converter_ctx *ctx; /* not owned */
     std::atomic<bool> started;
     std::atomic<bool> inited;
+    bool closed; /* by a stop that has begun; under the lock */
     sem_t lock;
     int lock_result;
     bool bulk_cfg; /* what the last message listed */
@@ -143,7 +144,7 @@ static bool launch_worker(data_owned data, const uint8_t *payload, uint32_t payl
         return false;
     }
     memcpy(data->payload, payload, payload_size);
-    if (!module_ctx.started) {
+    if (!module_ctx.started || module_ctx.closed) {
         BRIDGE_TRACE(
             "Capabilities service is not running -- bridge likely in the middle of a restart, ignoring "
             "the message");
@@ -207,6 +208,7 @@ static int subscribe()
         return result;
     }
     module_ctx.started = true;
+    module_ctx.closed = false;
     if (result != SUBSCRIPTION_REFUSED)
         return result;
     BRIDGE_WARN("OA&M server doesn't support capabilities API");
@@ -255,6 +257,13 @@ static void stop_locked()
     uint32_t count = 1;
     bridge_mqtt_unsubscribe(BRIDGE_MQTT_EP_OAM, &TOPIC, &count);
     module_ctx.started = false;
+}
+
+void bridge_capabilities_close()
+{
+    bridge_sem_wait(&module_ctx.lock);
+    module_ctx.closed = true;
+    sem_post(&module_ctx.lock);
 }
 
 int bridge_capabilities_stop()

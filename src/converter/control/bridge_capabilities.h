@@ -10,6 +10,11 @@ int bridge_capabilities_init(converter_ctx *ctx);
 
 /* Subscribes; negative on failure, else 0, also when it runs already. */
 int bridge_capabilities_start();
+
+/* Waits for a message under way; until the next start no further one starts a service. Before the services
+ * are stopped: one that starts behind its stop would still run when it is de-initialised. */
+void bridge_capabilities_close();
+
 int bridge_capabilities_stop();
 void bridge_capabilities_deinit();
 

@@ -27,6 +27,7 @@ static constexpr const char *RESPONSE_TOPIC = "api/v1/gateway/commands/async_res
 static constexpr size_t READ_SIZE = 4096;
 static constexpr mode_t PIPE_MODE = 0600;
 static constexpr int COLLECT_MS = 500;
+static constexpr int LOOK_MS = 10'000; /* for children that are given up while it waits */
 static constexpr uint32_t PUBLISH_LIMIT_MS = 5000;
 static constexpr uint32_t PUBLISH_STEP_MS = 10;
 static constexpr char WAKE_WORD = 'X';
@@ -63,7 +64,7 @@ static void wait_for_text(int fd)
 {
     pollfd watched = {.fd = fd, .events = POLLIN, .revents = 0};
     watcher_works = false;
-    while (poll(&watched, 1, cmd_async_collect() ? COLLECT_MS : -1) == 0)
+    while (poll(&watched, 1, cmd_async_collect() ? COLLECT_MS : LOOK_MS) == 0)
         continue;
     watcher_works = true;
 }

@@ -167,6 +167,7 @@ static int config_timestamp_write(const int64_t *update_timestamp)
     if (write(fd.get(), update_timestamp, sizeof(*update_timestamp)) !=
         static_cast<ssize_t>(sizeof(*update_timestamp))) {
         BRIDGE_ERROR("failed to write config timestamp");
+        unlink(path); /* a short file would refuse every later document, also once there is room again */
         return -EIO;
     }
     fsync(fd.get());

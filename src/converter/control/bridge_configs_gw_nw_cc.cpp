@@ -237,7 +237,8 @@ static int write_pin(converter_ctx *ctx, const char *name, json_object *given, j
     if (!request)
         return -EIO;
     for (const char *key : {"simSlot", "newSimPin"}) {
-        if (!json_object_object_get_ex(request.get(), key, nullptr)) {
+        json_object *value = nullptr; /* a null would name slot 0 */
+        if (!json_object_object_get_ex(request.get(), key, &value) || value == nullptr) {
             BRIDGE_ERROR("missing %s in the request", key);
             return -EIO;
         }

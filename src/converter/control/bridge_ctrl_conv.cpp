@@ -20,6 +20,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <memory>
 #include <net-snmp/net-snmp-config.h>
 
@@ -233,6 +234,13 @@ static int load_mibs(const char *mib_dir)
     return 0;
 }
 
+/* A program that the daemon runs must not hold them: a port that it keeps cannot be opened again. */
+static void close_on_exec(const netsnmp_transport *transport)
+{
+    if (transport != nullptr && transport->sock >= 0)
+        fcntl(transport->sock, F_SETFD, FD_CLOEXEC);
+}
+
 static void close_normal_session(converter_ctx *ctx)
 {
     snmp_sess_close(ctx->sess_handle);
@@ -255,6 +263,7 @@ static int open_normal_session(converter_ctx *ctx, const char *host, const char 
         close_normal_session(ctx);
         return -1;
     }
+    close_on_exec(snmp_sess_transport(ctx->sess_handle));
     return 0;
 }
 
@@ -267,6 +276,7 @@ static int open_trap_session(converter_ctx *ctx, const char *host, const char *c
         BRIDGE_ERROR("failed to open the SNMP transport");
         return -1;
     }
+    close_on_exec(transport);
     netsnmp_session session;
     prepare_session(&session, host, community);
     session.authenticator = nullptr;
@@ -442,6 +452,7 @@ static int launch_service(converter_ctx *ctx, ctrl_service *service)
 
 static void stop_management_services()
 {
+    bridge_capabilities_close();
     bridge_bulk_configs_stop();
     bridge_bulk_upgrade_stop();
     bridge_performance_management_stop();

@@ -141,6 +141,11 @@ int bridge_capabilities_start()
     return services.answer("capabilities_start");
 }
 
+void bridge_capabilities_close()
+{
+    services.answer("capabilities_close");
+}
+
 int bridge_capabilities_stop()
 {
     return services.answer("capabilities_stop");

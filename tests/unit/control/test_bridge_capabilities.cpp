@@ -357,6 +357,27 @@ TEST_F(Capabilities, AStopWaitsForTheMessageInProgress)
     EXPECT_TRUE(view.has(COMPLETED)) << "the worker was done when the stop came back";
 }
 
+TEST_F(Capabilities, BehindAStopThatHasBegunNoMessageStartsAService)
+{
+    std::atomic<bool> is_locked_out = false;
+    when_locked_out = [&](sem_t *) { is_locked_out = true; };
+    bulk_cfg.within = [&] { EXPECT_TRUE(wait_until([&] { return is_locked_out.load(); })); };
+    deliver(R"({"capabilities":["bulk_cfg"]})");
+    bridge_capabilities_close();
+    EXPECT_TRUE(view.has(COMPLETED)) << "the worker was done when the call came back";
+    deliver(R"({"capabilities":["bulk_upgr"]})");
+    thpool_wait(ctx->pool);
+    EXPECT_THAT(starts, ElementsAre("bulk_cfg"));
+    EXPECT_TRUE(
+        view.has("TRACE Capabilities service is not running -- bridge likely in the middle of a restart, "
+                 "ignoring the message"));
+    EXPECT_EQ(bridge_capabilities_stop(), 0);
+    EXPECT_EQ(bridge_capabilities_start(), 0);
+    deliver(R"({"capabilities":["bulk_upgr"]})");
+    thpool_wait(ctx->pool);
+    EXPECT_THAT(starts, ElementsAre("bulk_cfg", "bulk_upgr")) << "a start opens it again";
+}
+
 TEST_F(Capabilities, ASignalDoesNotGiveTheLockAway)
 {
     interruptions = 3;

@@ -268,8 +268,8 @@ static const calls ROWS[] = {
     {"config_get_latest_launcher_legacy api/v1/gateway/configuration/request", "wait 10 us"},
     {"events_cb_launcher api/v1/gateway/events", "wait 10 us"},
 };
-static const calls MANAGEMENT_STOP = {"bulk_configs_stop", "bulk_upgrade_stop", "performance_management_stop",
-                                      "capabilities_stop"};
+static const calls MANAGEMENT_STOP = {"capabilities_close", "bulk_configs_stop", "bulk_upgrade_stop",
+                                      "performance_management_stop", "capabilities_stop"};
 
 TEST_F(CtrlAgent, ServicesAreLaunchedInTheOrderOfTheirRows)
 {
