@@ -242,7 +242,7 @@ class Session:
         environment = _private_environment()
         if agent:
             command = sandboxed(Path(self._folder.name), self._programs.daemon, arguments)
-            environment["PATH"] = f"{GATEWAY_PROGRAMS}:{environment['PATH']}"
+            environment |= {"PATH": f"{GATEWAY_PROGRAMS}:{environment['PATH']}", "SANDBOX_GATEWAY": "yes"}
         else:
             command = [str(self._programs.daemon), "--no-snmp", *arguments]
         take_line = lambda line: self._events.put(DaemonLine(line))  # noqa: E731

@@ -5,7 +5,7 @@ from __future__ import annotations
 import argparse
 from typing import Any
 
-from . import transfers, uploads
+from . import management, transfers, uploads
 from .commands import COMMANDS, KINDS, Command
 
 DESCRIPTION = """\
@@ -18,8 +18,14 @@ Sends commands to a gateway as its operations server does, and prints the answer
   oam [options] fetch PATH FILE                  has the gateway fetch a file from here
   oam [options] upload FILE [--name NAME]        sends a file in chunks inside requests
   oam [options] logs [DIR]                       has the gateway stream all its logs to here
+  oam --mac MAC configure FILE.json              has the gateway apply a configuration; waits for its report
+  oam --mac MAC configuration                    shows what the gateway reports of its configuration
+  oam --mac MAC upgrade --in TIME                schedules an upgrade of the board's software; shows it
 
-Ends with 0 after an answer, with 1 without one, and with 2 after a wrong command line."""
+Ends with 0 after an answer, with 1 without one, and with 2 after a wrong command line. A whole transfer or
+upgrade ends with 0 when it is done, and with 1 when it has failed."""
+
+PATIENCE = 130.0
 
 
 def command_list() -> str:
@@ -60,13 +66,19 @@ def make_parser() -> argparse.ArgumentParser:
     parser.add_argument("--port", type=int, default=1883, help="its port (1883)")
     parser.add_argument("--user", dest="server_user", default="", help="name for the server")
     parser.add_argument("--password", dest="server_password", default="", help="password for the server")
-    parser.add_argument("--timeout", type=float, default=130.0, help="seconds to wait for an answer (130)")
-    parser.add_argument("--mac", default="", help="MAC of the request, which comes back with the answer")
+    parser.add_argument(
+        "--timeout",
+        type=float,
+        help=f"seconds to wait for an answer ({PATIENCE:g}; for a configuration or an upgrade's next state "
+        f"{management.PATIENCE:g})",
+    )
+    parser.add_argument("--mac", default="", help="the gateway's MAC: of requests, in topics")
     parser.add_argument("--raw", help="a whole request, sent as it is written")
     commands = parser.add_subparsers(title="what to do", metavar="COMMAND | watch", prog="oam")
     commands.add_parser("watch", help="print every message").set_defaults(command="watch")
     transfers.add_verbs(commands)
     uploads.add_verbs(commands)
+    management.add_verbs(commands)
     for command in COMMANDS:
         add_command(commands, command)
     return parser
@@ -78,9 +90,20 @@ def parse(arguments: list[str]) -> argparse.Namespace:
     chosen = getattr(options, "command", None)
     if (chosen is None) == (options.raw is None):
         parser.error("a command, --raw or watch is needed")
+    if options.timeout is None:
+        options.timeout = getattr(options, "patience", PATIENCE)
+    if getattr(options, "has_mac_topics", False):
+        require_mac(parser, options.mac)
     if isinstance(chosen, Command):
         require_params(parser, chosen, options)
     return options
+
+
+def require_mac(parser: argparse.ArgumentParser, mac: str) -> None:
+    if not mac:
+        parser.error("--mac is needed: the gateway's own, as it stands in topics")
+    if set(mac) & set("/+#"):
+        parser.error(f"{mac!r} is no MAC")
 
 
 def require_params(parser: argparse.ArgumentParser, command: Command, options: argparse.Namespace) -> None:

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import json
 import queue
+import socket
 import time
 from dataclasses import dataclass
 from typing import Any, Iterator
@@ -34,6 +35,11 @@ def parsed(payload: bytes) -> Any:
         return None
 
 
+def send_at_once(_client: mqtt.Client, _data: object, connection: socket.socket) -> None:
+    """A message behind an acknowledgement would wait 40 ms for the other side's otherwise."""
+    connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+
+
 class Client:
     """Connected and subscribed once made."""
 
@@ -47,6 +53,7 @@ class Client:
         self._client.on_connect = self._on_connect
         self._client.on_subscribe = lambda *_: self._results.put(0)
         self._client.on_message = self._on_message
+        self._client.on_socket_open = send_at_once
         try:
             self._client.connect(host, port, keepalive=60)
         except OSError as reason:

@@ -337,6 +337,12 @@ netsnmp_session *snmp_sess_session(void *handle)
     return pointer_by("snmp_sess_session", &opened_session);
 }
 
+netsnmp_transport *snmp_sess_transport(void *handle)
+{
+    EXPECT_EQ(handle, &sess_handle);
+    return nullptr; /* as the library answers for a session without one */
+}
+
 int snmp_sess_close(void *handle)
 {
     EXPECT_EQ(handle, &sess_handle);
@@ -345,6 +351,7 @@ int snmp_sess_close(void *handle)
 
 netsnmp_transport *netsnmp_transport_open_server(const char *application, const char *address)
 {
+    server_transport.sock = -1;
     return pointer_by(join({"open_server ", application, " ", address}), &server_transport);
 }
 

@@ -50,6 +50,7 @@ FAILING_CALL(const char *, json_object_to_json_string_ext, (json_object * object
              nullptr)
 
 static std::atomic<int> read_result;
+static constexpr int IDLE_MS = 10'000; /* without a child to look after */
 static std::mutex polls_lock;
 static std::vector<int> polls; /* the limits of the waits for text */
 
@@ -62,7 +63,7 @@ int __wrap_poll(pollfd *watched, nfds_t count, int limit_ms)
         const std::lock_guard guard(polls_lock);
         polls.push_back(limit_ms);
     }
-    return __real_poll(watched, count, limit_ms < 0 ? limit_ms : 0);
+    return __real_poll(watched, count, limit_ms == IDLE_MS ? limit_ms : 0);
 }
 
 int __wrap___poll_chk(pollfd *watched, nfds_t count, int limit_ms, size_t)
@@ -84,7 +85,7 @@ static bool watcher_waits()
 {
     return wait_until([] {
         const std::lock_guard guard(polls_lock);
-        return !polls.empty() && polls.back() == -1;
+        return !polls.empty() && polls.back() == IDLE_MS;
     });
 }
 
@@ -300,14 +301,14 @@ TEST_F(CmdPipeWatch, ChildrenThatAreLeftAreLookedAfterBetweenTexts)
     ASSERT_EQ(bridge_cmd_pipe_start(ctx), 0);
     ASSERT_TRUE(watcher_waits());
     EXPECT_EQ(looks, 4);
-    EXPECT_EQ(polls, (std::vector<int>{500, 500, 500, -1}));
+    EXPECT_EQ(polls, (std::vector<int>{500, 500, 500, IDLE_MS}));
     children_left = 2;
     write_text("a child has answered");
     ASSERT_TRUE(wait_published(1));
     ASSERT_TRUE(wait_until([] { return looks == 6; }));
     EXPECT_EQ(children_left, 0);
     EXPECT_EQ(stop(), 0);
-    EXPECT_EQ(polls, (std::vector<int>{500, 500, 500, -1, 500, -1}));
+    EXPECT_EQ(polls, (std::vector<int>{500, 500, 500, IDLE_MS, 500, IDLE_MS}));
 }
 
 /* ---- start ---- */
