@@ -139,7 +139,7 @@ int cmd_write(converter_ctx *ctx, std::initializer_list<bridge_snmp_write_prop> 
 
 /* ---- waiting for the agent ---- */
 
-int cmd_wait_for_modem(converter_ctx *ctx, const char *object, char *text, size_t capacity)
+int cmd_wait_while(converter_ctx *ctx, const char *object, const char *at_work, char *text, size_t capacity)
 {
     for (int round = 0; round < MODEM_ROUNDS; round++) {
         bridge_wait_us(MODEM_ROUND_US);
@@ -148,10 +148,15 @@ int cmd_wait_for_modem(converter_ctx *ctx, const char *object, char *text, size_
         if (result < 0)
             return result;
         BRIDGE_TRACE("got status: %s", text);
-        if (strcmp(text, MODEM_AT_WORK) != 0)
+        if (strcmp(text, at_work) != 0)
             break;
     }
     return 0;
+}
+
+int cmd_wait_for_modem(converter_ctx *ctx, const char *object, char *text, size_t capacity)
+{
+    return cmd_wait_while(ctx, object, MODEM_AT_WORK, text, capacity);
 }
 
 /* ---- answers ---- */

@@ -100,8 +100,11 @@ inline bridge_snmp_write_prop cmd_field(const char *object, const char *key, bri
 
 /* ---- waiting for the agent ---- */
 
-/* Reads `object` into `text` every 200 ms until it no longer tells that the modem is at work, for 120 s at
- * most. Returns 0, or the negative result of a failed read. */
+/* Reads `object` into `text` every 200 ms until it is another text than `at_work`, for 120 s at most. Returns
+ * 0, or the negative result of a failed read. */
+int cmd_wait_while(converter_ctx *ctx, const char *object, const char *at_work, char *text, size_t capacity);
+
+/* The same while the modem is waited for. */
 int cmd_wait_for_modem(converter_ctx *ctx, const char *object, char *text, size_t capacity);
 
 /* ---- answers ---- */

@@ -3,7 +3,6 @@
 
 #include "common/bridge_json_helpers.h"
 #include "common/bridge_log.h"
-#include "common/bridge_wait.h"
 #include "converter/control/bridge_cmd_family.h"
 #include "converter/control/bridge_configs_gw.h"
 
@@ -11,8 +10,6 @@
 #include <cstdio>
 #include <cstring>
 
-static constexpr int WAIT_ROUNDS = 600;
-static constexpr uint32_t WAIT_ROUND_US = 200000;
 static constexpr size_t STATUS_SIZE = 128;
 static constexpr size_t PIN_SIZE = 32;
 
@@ -21,19 +18,10 @@ static constexpr size_t PIN_SIZE = 32;
 int cfg_wait_for_text(converter_ctx *ctx, const char *object, const char *at_work, char *text,
                       size_t capacity)
 {
-    for (int round = 0; round < WAIT_ROUNDS; round++) {
-        bridge_wait_us(WAIT_ROUND_US);
-        size_t size = capacity;
-        const int result = bridge_snmp_get_property_str(ctx, object, text, &size, 0);
-        if (result < 0) {
-            BRIDGE_ERROR("status fetch operation failed with error code: %d", result);
-            return result;
-        }
-        BRIDGE_TRACE("got status: %s", text);
-        if (strcmp(text, at_work) != 0)
-            break;
-    }
-    return 0;
+    const int result = cmd_wait_while(ctx, object, at_work, text, capacity);
+    if (result < 0)
+        BRIDGE_ERROR("status fetch operation failed with error code: %d", result);
+    return result;
 }
 
 json_object *cfg_copy(json_object *object, const char *failure)
