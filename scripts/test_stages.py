@@ -37,7 +37,13 @@ ASAN = Variant(
         "UBSAN_OPTIONS": "print_stacktrace=1",
     },
 )
-TSAN = Variant("build-tsan", "thread", {"TSAN_OPTIONS": "second_deadlock_stack=1"}, ("setarch", "-R"))
+TSAN = Variant(
+    "build-tsan",
+    "thread",
+    # A job's process is a fork, and looks up names on a thread of its own.
+    {"TSAN_OPTIONS": "second_deadlock_stack=1:die_after_fork=0"},
+    ("setarch", "-R"),
+)
 
 
 @dataclass
