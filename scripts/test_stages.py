@@ -40,7 +40,7 @@ ASAN = Variant(
 TSAN = Variant(
     "build-tsan",
     "thread",
-    # A job's process is a fork, and looks up names on a thread of its own.
+    # See tests/sanitizers.
     {"TSAN_OPTIONS": "second_deadlock_stack=1:die_after_fork=0"},
     ("setarch", "-R"),
 )
