@@ -17,11 +17,17 @@ from .client import COMMAND_TOPIC, LATE_TOPIC, Client, LateAnswers, answers, is_
 
 MB = 1e6
 LOOK_S = 0.2
+STILL_ENDING_S = 5.0  # of a job whose end has been told
+BUSY = {"status": "Operation now in progress"}
 DONE, FAILED = 0, 1
 
 
 class Failed(Exception):
     """The gateway does not do it, or not to the end."""
+
+
+class Busy(Failed):
+    """Another job of the kind runs there."""
 
 
 class Progress:
@@ -77,7 +83,8 @@ class Exchange:
                 continue
             if isinstance(response, dict) and response.get("status") == "ok":
                 return number, response
-            raise Failed(f"{command}: {json.dumps(answer.get('error', response))}")
+            reason = Busy if response == BUSY else Failed
+            raise reason(f"{command}: {json.dumps(answer.get('error', response))}")
         raise Failed(f"{command}: no answer within {self._timeout:g} s")
 
     def wait_end(self, number: str, moved: Callable[[], int], progress: Progress) -> str:
@@ -103,9 +110,19 @@ class Job:
 
     def __init__(self, exchange: Exchange, kind: str, params: dict[str, Any]) -> None:
         self._exchange, self._kind = exchange, kind
-        self.number, response = exchange.ask(f"fops{kind}Start", params)
+        self.number, response = self._start(params)
         self._id = response["xferId"]
         self.is_over = False
+
+    def _start(self, params: dict[str, Any]) -> tuple[str, dict[str, Any]]:
+        end = time.monotonic() + STILL_ENDING_S
+        while True:
+            try:
+                return self._exchange.ask(f"fops{self._kind}Start", params)
+            except Busy:
+                if time.monotonic() > end:
+                    raise
+                time.sleep(LOOK_S)
 
     def __enter__(self) -> "Job":
         return self

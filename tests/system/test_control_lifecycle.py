@@ -9,7 +9,7 @@ from typing import Any, Callable
 import pytest
 
 from conftest import Cleanup
-from harness.bridge import log_time
+from harness.bridge import TICKED, log_time
 from harness.broker import Mosquitto
 from harness.config import ControlPlane
 from harness.control import (
@@ -302,6 +302,7 @@ def fill(pipe: Path) -> None:
 @pytest.mark.waits_long
 def test_a_restart_with_a_full_pipe_that_nobody_reads(start: StartRoad) -> None:
     road = start().wait_ready()
+    road.bridge.wait_for_log(TICKED, after=road.bridge.log.mark())  # the loss is acted on with the next one
     road.broker.kill()
     road.write_pipe(b"lost")
     road.bridge.wait_for_log("failed to send fileops response")

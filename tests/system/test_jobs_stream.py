@@ -477,6 +477,8 @@ def test_the_number_of_the_request_comes_back_as_text(gateway: FileGateway) -> N
     gateway.road.publish(body.encode())
     wanted = b'{"requestId":"{ \\"a\\": [ 1 ] }","mac":"'
     wait_until(lambda: any(each.startswith(wanted) for each in gateway.road.async_responses()), "the answer")
+    daemon = gateway.road.bridge.process.pid
+    wait_until(lambda: all(is_ended(pid) for pid in children(daemon)), "the end of the job behind it")
 
 
 # --- the timestamp of the directory ---

@@ -5,7 +5,7 @@ from typing import Callable
 
 import pytest
 
-from harness.bridge import CONNECTED, Bridge, log_time
+from harness.bridge import CONNECTED, TICKED, Bridge, log_time
 from harness.broker import Mosquitto
 from harness.config import ControlPlane
 from harness.dialects import NATIVE, V2, V3, Dialect
@@ -33,7 +33,6 @@ ALL_FAILED = "restarting data plane entirely: all available endpoints are failed
 STARTED = "dataplane is started"
 INITIALISED = "UDP bridge is initialized"
 DEINITIALISED = "UDP bridge is deinitialized"
-TICKED = "bridge main loop: ticking and reporting to sysmon"
 GEO_CONNECTED = "UDP bridge is connected to geoloc"
 GEO_FAILED = "failed to connect to geoloc server"
 

@@ -24,6 +24,7 @@ SANITIZER_REPORTS = re.compile(r"ERROR: \w+Sanitizer|WARNING: \w+Sanitizer|runti
 SIGNAL_AGAIN = 0.5
 
 CONNECTED = "UDP bridge is connected to NS"
+TICKED = "bridge main loop: ticking and reporting to sysmon"
 TIMESTAMP = re.compile(r"^(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3})")
 
 
