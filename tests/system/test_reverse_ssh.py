@@ -85,6 +85,12 @@ def is_gone(pid: int) -> bool:
     return not Path(f"/proc/{pid}").exists()
 
 
+def is_listening(port: int) -> bool:
+    """Looked up, since a connection to a tunnel's port would take its place."""
+    sockets = [line.split() for line in Path("/proc/net/tcp").read_text().splitlines()[1:]]
+    return any(local.endswith(f":{port:04X}") and state == "0A" for _, local, _, state, *_ in sockets)
+
+
 class Gate:
     """What listens at the gateway's own port: accepts when a test says so."""
 
@@ -156,23 +162,18 @@ class Tunnel:
         mark = self.server.log.mark()
         assert self.start(**changes).response == {"status": "ok"}
         self.server.log.wait_for(f"Local forwarding listening on 127.0.0.1 port {self.port}.", after=mark)
+        wait_until(lambda: is_listening(self.port), "the server tells of the port just before it listens")
         return self
 
-    def _try_to_connect(self) -> Optional[socket.socket]:
-        try:
-            return socket.create_connection(("127.0.0.1", self.port), PATIENCE)
-        except ConnectionRefusedError:
-            return None
-
     def is_reachable(self) -> bool:
-        connection = self._try_to_connect()
-        if connection:
-            connection.close()
-        return connection is not None
+        try:
+            self.connect().close()
+        except ConnectionRefusedError:
+            return False
+        return True
 
     def connect(self) -> socket.socket:
-        """The server tells of the port just before it listens."""
-        return wait_until(self._try_to_connect, f"the server listens on {self.port}")
+        return socket.create_connection(("127.0.0.1", self.port), PATIENCE)
 
     @contextmanager
     def joined(self) -> Iterator[tuple[socket.socket, socket.socket]]:
