@@ -122,6 +122,16 @@ class Source:
     def tokens(self) -> Tokens:
         return tokens_of(self.path.read_text())
 
+    @cached_property
+    def _places(self) -> dict[str, list[int]]:
+        found: dict[str, list[int]] = {}
+        for place, token in enumerate(self.tokens):
+            found.setdefault(token, []).append(place)
+        return found
+
+    def places(self, token: str) -> list[int]:
+        return self._places.get(token, [])
+
     def cut(self) -> "Source":
         tokens = self.tokens
         place = 0

@@ -5,6 +5,7 @@ from __future__ import annotations
 import re
 from collections import defaultdict
 from dataclasses import dataclass
+from functools import cache
 from pathlib import Path
 from typing import Iterator, Optional
 
@@ -33,6 +34,7 @@ class Program:
         self.sources = read_sources(folder)
         self.functions: dict[str, list[Function]] = defaultdict(list)
         self.structs: dict[str, list[tuple[Source, Struct]]] = defaultdict(list)
+        self._initialised: dict[str, list[Tokens]] = {}
         for source in self.sources:
             for function in source.functions:
                 self.functions[function.name].append(function)
@@ -41,11 +43,16 @@ class Program:
 
     # --- objects of a table's type ---
 
-    def _initialisers(self, name: str) -> Iterator[Tokens]:
+    def _initialisers(self, name: str) -> list[Tokens]:
         """What stands in the braces of each object of the type, those within other objects included."""
+        if name not in self._initialised:
+            self._initialised[name] = list(self._find_initialisers(name))
+        return self._initialised[name]
+
+    def _find_initialisers(self, name: str) -> Iterator[Tokens]:
         for source in self.sources:
-            for place, token in enumerate(source.tokens):
-                if token == name and source.tokens[place - 1] != "struct":
+            for place in source.places(name):
+                if source.tokens[place - 1] != "struct":
                     yield from self._initialised_at(source.tokens, place)
         for owners in list(self.structs.values()):
             for _, owner in owners:
@@ -103,7 +110,7 @@ class Program:
             local = [each for each in source.functions if each.name == called.name]
             if local and called.source is not source:
                 continue  # another function of that name
-            for function in source.functions:
+            for function in source.functions if source.places(called.name) else ():
                 for arguments in calls_in(function.body, called.name):
                     if len(arguments) == len(called.names):
                         yield function, arguments
@@ -157,16 +164,31 @@ class Program:
         return None
 
     def _values_of_member_access(self, expression: Tokens, function: Function) -> set[str]:
-        base, member = expression[0], expression[-1]
+        """Of a member, or of a member's member."""
+        path = [token for token in expression if is_word(token) or token == "["]
+        base, members = path[0], path[1:]
+        if "[" in expression:
+            members = [token for token in expression[closing(expression, expression.index("[")) :] if is_word(token)]
         declarations = [
             each for each, name in zip(function.parameters, function.names, strict=True) if name == base
         ]
         declarations += self._declarations(base, function.body) + self._declarations(base, function.source.tokens)
+        for member in members[:-1]:
+            declarations = [found for each in declarations for found in self._types_of_member(member, each)]
         for declaration in declarations:
-            values = list(self._values_of_member(member, declaration))
+            values = list(self._values_of_member(members[-1], declaration))
             if values:
                 return set().union(*(self.values(each, function) for each in values))
         raise Untraceable(f"{' '.join(expression)} in {function.name} of {function.source.path.name}")
+
+    def _types_of_member(self, member: str, declaration: Tokens) -> list[Tokens]:
+        return [
+            struct.types[struct.members.index(member)]
+            for name in declaration
+            if name in self.structs
+            for _, struct in self.structs[name]
+            if member in struct.members
+        ]
 
     @staticmethod
     def _declarations(name: str, tokens: Tokens) -> list[Tokens]:
@@ -209,6 +231,7 @@ def squeezed(text: str) -> str:
     return " ".join(text.split())
 
 
+@cache
 def pattern_of(text: str) -> re.Pattern[str]:
     """What a page writes for a text: a word in capitals, or three points, for each value."""
     parts: list[str] = []
