@@ -1,5 +1,7 @@
 #!/usr/bin/python3
-"""Runs scripts/demo in a terminal of its own and writes the end of what it shows as a picture: docs/picture.py docs/demo.svg
+"""Runs scripts/demo in a terminal of its own and writes the end of what it shows as a picture.
+
+    docs/picture.py docs/demo.svg
 
 The daemon's own log, which the demo shows among its lines, is left out."""
 
@@ -24,8 +26,16 @@ DAEMON = re.compile(r"\d\d:\d\d:\d\d\.\d{3}  daemon ")
 HEADING = "TIME "
 
 CHARACTER, LINE, MARGIN = 7.2, 16, 14
+FONT = "ui-monospace, DejaVu Sans Mono, Menlo, Consolas, monospace"
 GROUND, INK = "#1d2126", "#d6dbe0"
-COLOURS = {"31": "#f0716b", "32": "#8ccf7e", "33": "#e5c76b", "35": "#c9a0e0", "36": "#71c9d4", "2": "#7d8590"}
+COLOURS = {
+    "31": "#f0716b",
+    "32": "#8ccf7e",
+    "33": "#e5c76b",
+    "35": "#c9a0e0",
+    "36": "#71c9d4",
+    "2": "#7d8590",
+}
 
 Run = tuple[int, str, str]  # column, style, text
 
@@ -36,7 +46,9 @@ def record(command: list[str]) -> str:
     fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", 50, COLUMNS, 0, 0))
     environment = {**os.environ, "TERM": "xterm-256color"}
     environment.pop("NO_COLOR", None)
-    with subprocess.Popen(command, cwd=ROOT, env=environment, stdin=slave, stdout=slave, stderr=slave) as demo:
+    with subprocess.Popen(
+        command, cwd=ROOT, env=environment, stdin=slave, stdout=slave, stderr=slave
+    ) as demo:
         os.close(slave)
         written = b"".join(iter(lambda: read_some(master), b""))
     os.close(master)
@@ -73,20 +85,23 @@ def drawn_run(run: Run) -> str:
     weight = ' font-weight="bold"' if "1" in codes else ""
     under = ' text-decoration="underline"' if "4" in codes else ""
     blanks = len(text) - len(text.lstrip())
-    return f'<tspan x="{MARGIN + (column + blanks) * CHARACTER:.1f}"{colour}{weight}{under}>{escape(text.strip())}</tspan>'
+    x = MARGIN + (column + blanks) * CHARACTER
+    return f'<tspan x="{x:.1f}"{colour}{weight}{under}>{escape(text.strip())}</tspan>'
 
 
 def picture(lines: list[str]) -> str:
     width, height = COLUMNS * CHARACTER + 2 * MARGIN, len(lines) * LINE + 2 * MARGIN
     head = (
         f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {width:.0f} {height}" width="{width:.0f}" '
-        f'height="{height}" font-family="ui-monospace, DejaVu Sans Mono, Menlo, Consolas, monospace" font-size="12">'
+        f'height="{height}" font-family="{FONT}" font-size="12">'
     )
     body = [f'<rect width="100%" height="100%" rx="8" fill="{GROUND}"/>']
     for number, line in enumerate(lines):
         runs = "".join(map(drawn_run, runs_of(line)))
         if runs:
-            body.append(f'<text y="{MARGIN + number * LINE + 12}" fill="{INK}" xml:space="preserve">{runs}</text>')
+            body.append(
+                f'<text y="{MARGIN + number * LINE + 12}" fill="{INK}" xml:space="preserve">{runs}</text>'
+            )
     return "\n".join([head, *body, "</svg>\n"])
 
 

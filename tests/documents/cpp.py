@@ -17,7 +17,19 @@ TOKEN = re.compile(
     re.VERBOSE | re.DOTALL | re.MULTILINE,
 )
 PAIRS = {"(": ")", "[": "]", "{": "}"}
-NOT_CALLED = {"if", "for", "while", "switch", "return", "sizeof", "alignof", "decltype", "static_assert", "catch", "new"}
+NOT_CALLED = {
+    "if",
+    "for",
+    "while",
+    "switch",
+    "return",
+    "sizeof",
+    "alignof",
+    "decltype",
+    "static_assert",
+    "catch",
+    "new",
+}
 
 Tokens = list[str]
 
@@ -138,7 +150,11 @@ class Source:
         while place < len(tokens):
             if tokens[place] == "struct" and is_word(tokens[place + 1]) and tokens[place + 2] in ("{", ":"):
                 place = self._take_struct(place)
-            elif is_word(tokens[place]) and tokens[place] not in NOT_CALLED and tokens[place + 1 : place + 2] == ["("]:
+            elif (
+                is_word(tokens[place])
+                and tokens[place] not in NOT_CALLED
+                and tokens[place + 1 : place + 2] == ["("]
+            ):
                 place = self._take_function(place)
             else:
                 place += 1

@@ -47,7 +47,9 @@ def topics() -> set[str]:
             elif literal == "gateway/%s/event/%s":
                 found |= {f"gateway/<mac>/event/{name}" for name in v3_names}
             else:
-                assert literal.count("%") <= 1, f"{literal} of {path.name} is taken for a topic that has one form"
+                assert (
+                    literal.count("%") <= 1
+                ), f"{literal} of {path.name} is taken for a topic that has one form"
                 found.add(literal.replace("%s", "<mac>"))
     return found
 

@@ -1,5 +1,5 @@
-"""The texts of the log's lines, level by level, as the sources have them: literal ones, and those that reach the
-logging call from a table's row or a caller."""
+"""The texts of the log's lines, level by level, as the sources have them: literal ones, and those that reach
+the logging call from a table's row or a caller."""
 from __future__ import annotations
 
 import re
@@ -9,7 +9,19 @@ from functools import cache
 from pathlib import Path
 from typing import Iterator, Optional
 
-from .cpp import Function, Source, Struct, Tokens, calls_in, closing, is_text, is_word, read_sources, split, text_of
+from .cpp import (
+    Function,
+    Source,
+    Struct,
+    Tokens,
+    calls_in,
+    closing,
+    is_text,
+    is_word,
+    read_sources,
+    split,
+    text_of,
+)
 
 LEVELS = ("ERROR", "WARN", "INFO", "DEBUG", "TRACE")
 WITHOUT_TEXT = frozenset({"nullptr", ""})
@@ -115,7 +127,9 @@ class Program:
                     if len(arguments) == len(called.names):
                         yield function, arguments
 
-    def values(self, expression: Tokens, function: Function, seen: frozenset[tuple[str, str]] = frozenset()) -> set[str]:
+    def values(
+        self, expression: Tokens, function: Function, seen: frozenset[tuple[str, str]] = frozenset()
+    ) -> set[str]:
         """Tokens that the expression may stand for: texts, or names of constants."""
         if not expression:
             raise Untraceable("nothing")
@@ -129,7 +143,9 @@ class Program:
             return self._values_of_member_access(expression, function)
         raise Untraceable(" ".join(expression))
 
-    def _values_of_choice(self, expression: Tokens, function: Function, seen: frozenset[tuple[str, str]]) -> set[str]:
+    def _values_of_choice(
+        self, expression: Tokens, function: Function, seen: frozenset[tuple[str, str]]
+    ) -> set[str]:
         choices = split(expression[expression.index("?") + 1 :], ":")
         return set().union(*(self.values(each, function, seen) for each in choices))
 
@@ -143,7 +159,9 @@ class Program:
             raise Untraceable(f"{name} in {function.name} of {function.source.path.name}")
         return self.values(assigned, function, seen)
 
-    def _values_of_parameter(self, name: str, function: Function, seen: frozenset[tuple[str, str]]) -> set[str]:
+    def _values_of_parameter(
+        self, name: str, function: Function, seen: frozenset[tuple[str, str]]
+    ) -> set[str]:
         key = (function.name, name)
         if key in seen:
             return set()
@@ -168,11 +186,15 @@ class Program:
         path = [token for token in expression if is_word(token) or token == "["]
         base, members = path[0], path[1:]
         if "[" in expression:
-            members = [token for token in expression[closing(expression, expression.index("[")) :] if is_word(token)]
+            members = [
+                token for token in expression[closing(expression, expression.index("[")) :] if is_word(token)
+            ]
         declarations = [
             each for each, name in zip(function.parameters, function.names, strict=True) if name == base
         ]
-        declarations += self._declarations(base, function.body) + self._declarations(base, function.source.tokens)
+        declarations += self._declarations(base, function.body) + self._declarations(
+            base, function.source.tokens
+        )
         for member in members[:-1]:
             declarations = [found for each in declarations for found in self._types_of_member(member, each)]
         for declaration in declarations:
@@ -195,7 +217,11 @@ class Program:
         """The words before a name where it is declared."""
         found = []
         for place, token in enumerate(tokens):
-            if token == name and place > 0 and (is_word(tokens[place - 1]) or tokens[place - 1] in ("&", "*", ">")):
+            if (
+                token == name
+                and place > 0
+                and (is_word(tokens[place - 1]) or tokens[place - 1] in ("&", "*", ">"))
+            ):
                 found.append(tokens[max(0, place - 8) : place])
         return found
 

@@ -1,5 +1,5 @@
-"""The examples of messages in the documents: each one is what the daemon takes or gives, byte for byte but for line
-breaks."""
+"""The examples of messages in the documents: each one is what the daemon takes or gives, byte for byte but
+for line breaks."""
 import base64
 import json
 import re
@@ -277,7 +277,9 @@ def test_services_and_what_the_server_keeps_of_them(services: Upgrades) -> None:
     assert gateway.stamp_file.exists()
 
     battery = Battery(road)
-    battery.agent.set({"spmDataTimestamp.0": TIMESTAMP, **{object_of(key): value for key, value in VALUES.items()}})
+    battery.agent.set(
+        {"spmDataTimestamp.0": TIMESTAMP, **{object_of(key): value for key, value in VALUES.items()}}
+    )
     battery.tick()
     (report,) = battery.reports()
     for examples in (GUIDE, MANAGEMENT):
@@ -303,7 +305,9 @@ def test_sections_of_a_configuration(tmp_path_factory: pytest.TempPathFactory) -
 
         step = json.loads(MANAGEMENT["profile step"].joined)
         profiles = [step["value"], {**step["value"], "pdpProfileName": "first", "setActive": "True"}]
-        (report,) = gateway.desire({"networkConfiguration": {"cellular": {"pdpProfile": profiles}}}, 6).reports
+        (report,) = gateway.desire(
+            {"networkConfiguration": {"cellular": {"pdpProfile": profiles}}}, 6
+        ).reports
         assert MANAGEMENT["profile step"].joined in report.decode(), report
     finally:
         gateway.road.close()
