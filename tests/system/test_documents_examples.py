@@ -21,7 +21,6 @@ from harness.samples import DOWNLINKS, rxpk_v2, stat
 from managed_configuration import DESIRED, REPORTED, ManagedGateway
 from management_services import Battery, Upgrades, report_of
 from test_battery_reports import TIMESTAMP, VALUES, object_of
-from test_board_upgrades import SECOND
 from test_geolocation import RECORDS
 
 sys.path.append(str(REPOSITORY / "tests"))
