@@ -10,6 +10,7 @@ import pytest
 
 from harness.bridge import REPOSITORY
 from harness.dialects import DIALECTS
+from lab.operations.commands import COMMANDS
 from test_configuration import DEFAULTS
 
 sys.path.append(str(REPOSITORY / "tests"))
@@ -113,6 +114,11 @@ def test_the_options_of_the_daemon_are_those_of_its_help() -> None:
     (options,) = [each for each in page("docs/operations.md").tables if each.columns[0] == "Option"]
     told = [span.split()[0] for cell in options.column("Option") for span in spans_of(cell)]
     assert sorted(told) == sorted(form for name, letter in table for form in (f"--{name}", f"-{letter}"))
+
+
+def test_pages_tell_how_many_commands_there_are() -> None:
+    assert re.findall(r"with (\d+)\s+\[commands\]", page("README.md").prose) == [str(len(COMMANDS))]
+    assert re.findall(r"^All (\d+)\.", page("docs/commands.md").prose, re.M) == [str(len(COMMANDS))]
 
 
 # --- configuration ---
