@@ -287,6 +287,15 @@ def test_lines_that_a_page_shows_with_a_level_have_it(each: Page) -> None:
     assert wrong == []
 
 
+def test_lines_to_look_for_in_trouble_exist() -> None:
+    (table,) = [each for each in page("docs/operations.md").tables if each.heading == "Troubleshooting"]
+    spans = [span for cell in table.column("Look for") for span in spans_of(cell) if span[0] not in "-/"]
+    texts = {each.text for each in log_texts()}
+    assert len(spans) > 10
+    lost = [span for span in spans if not any(pattern_of(text).fullmatch(span) for text in texts)]
+    assert lost == []
+
+
 # --- names of the sources ---
 
 
