@@ -37,7 +37,13 @@ ASAN = Variant(
         "UBSAN_OPTIONS": "print_stacktrace=1",
     },
 )
-TSAN = Variant("build-tsan", "thread", {"TSAN_OPTIONS": "second_deadlock_stack=1"}, ("setarch", "-R"))
+TSAN = Variant(
+    "build-tsan",
+    "thread",
+    # See tests/sanitizers.
+    {"TSAN_OPTIONS": "second_deadlock_stack=1:die_after_fork=0"},
+    ("setarch", "-R"),
+)
 
 
 @dataclass

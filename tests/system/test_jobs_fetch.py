@@ -41,7 +41,7 @@ from harness.http_server import Fault, FileServer, faulty, https_server, wait_re
 from harness.lab import LabAgent
 from harness.ports import free_port
 from harness.road import Road
-from harness.waiting import PATIENCE, wait_until
+from harness.waiting import wait_until
 
 STOP_WAIT_S = 3
 MODEM = f"{SHM}/modem_downloads"
@@ -449,9 +449,7 @@ def test_a_daemon_ends_at_once_while_a_job_goes_on_and_its_port_is_free(
     (job,) = children(daemon.pid)
     try:
         begin = time.monotonic()
-        while daemon.poll() is None and time.monotonic() < begin + PATIENCE:
-            road.bridge.signal(signal.SIGUSR2)  # one before a sleep of the loop does not end that sleep
-            wait_until(lambda: daemon.poll() is not None or time.monotonic() > begin + 0.5, "half a second")
+        road.bridge.ask_to_stop()
         assert time.monotonic() - begin < STOP_WAIT_S
         assert is_port_free(road.udp_port)
         assert not is_ended(job)

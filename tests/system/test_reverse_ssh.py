@@ -266,10 +266,10 @@ def test_a_command_runs_on_the_gateway_through_the_tunnel(
     gateway = SshServer(tmp_path / "gateway", tunnel.local_port)
     cleanup.add(gateway)
     done = run_at(tmp_path, tunnel.open().port, "echo $SSH_CONNECTION; head -c 300000 /dev/zero; exit 7")
+    assert done.returncode == 7, done.stderr.decode()
     where, _, zeros = done.stdout.partition(b"\n")
-    assert where.split()[3].decode() == str(tunnel.local_port), done.stderr.decode()
+    assert where.split()[3].decode() == str(tunnel.local_port)
     assert zeros == bytes(300000)
-    assert done.returncode == 7
 
 
 def test_50_megabytes_go_to_the_gateway(tunnel: Tunnel) -> None:

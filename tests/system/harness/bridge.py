@@ -107,9 +107,9 @@ class Bridge:
         self.ended_as_expected = True
         return status
 
-    def stop(self, timeout: float = PATIENCE) -> None:
-        """The stop signal and the clean end that follows. A signal just before a sleep of the loop does not
-        end that sleep, so it is sent until the daemon has ended."""
+    def ask_to_stop(self, timeout: float = PATIENCE) -> None:
+        """Returns when the process has ended, or the time is over. A stop signal just before a sleep of the loop
+        does not end that sleep, so it is sent until then."""
         end = time.monotonic() + timeout
         while self.running() and time.monotonic() < end:
             self.process.send_signal(signal.SIGUSR2)
@@ -117,6 +117,10 @@ class Bridge:
                 self.process.wait(SIGNAL_AGAIN)
             except subprocess.TimeoutExpired:
                 continue
+
+    def stop(self, timeout: float = PATIENCE) -> None:
+        """The stop signal and the clean end that follows."""
+        self.ask_to_stop(timeout)
         status = self.wait_exit(timeout=0.1)
         assert status == 0, f"the daemon ended with {status}:\n{self.tail()}"
 
