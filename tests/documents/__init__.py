@@ -1,0 +1,1 @@
+"""What the tests of the documents read: pages of docs/, and what of the sources the pages tell about."""
