@@ -10,7 +10,7 @@ extern const char *const status_key;
 extern const char *const value_key;
 
 /* A negative result that is no failure: a reply with a status text has been formed. Whoever can receive it
- * turns it into 0; the walk over the sections never sees it. */
+ * turns it into 0. The walk over the sections does not: only the reader of the last one may return it. */
 static constexpr int CFG_REPLY_FORMED = -999;
 
 /* Applies the sections of `cfg` in the table's order, up to the first that fails, and adds to `out` an object
