@@ -27,17 +27,17 @@ int bridge_service_timer::create(void (*handler)(sigval param), void *param)
 
 int bridge_service_timer::start(uint64_t milliseconds, bool repeats)
 {
-    itimerspec spec = {};
-    spec.it_value.tv_sec = static_cast<time_t>(milliseconds / 1000);
-    spec.it_value.tv_nsec = static_cast<long>(milliseconds % 1000) * 1000000;
-    BRIDGE_INFO("Set timer to %lds, %ldns", static_cast<long>(spec.it_value.tv_sec), spec.it_value.tv_nsec);
+    itimerspec times = {};
+    times.it_value.tv_sec = static_cast<time_t>(milliseconds / 1000);
+    times.it_value.tv_nsec = static_cast<long>(milliseconds % 1000) * 1000000;
+    BRIDGE_INFO("Set timer to %lds, %ldns", static_cast<long>(times.it_value.tv_sec), times.it_value.tv_nsec);
     if (milliseconds == 0) {
         BRIDGE_ERROR("Timeout value equals zero, set to schedule right away");
-        spec.it_value.tv_nsec = SHORTEST_NS;
+        times.it_value.tv_nsec = SHORTEST_NS;
     }
     if (repeats)
-        spec.it_interval = spec.it_value;
-    return timer_settime(timer_, 0, &spec, nullptr);
+        times.it_interval = times.it_value;
+    return timer_settime(timer_, 0, &times, nullptr);
 }
 
 int bridge_service_timer::stop()

@@ -183,21 +183,21 @@ int __wrap_timer_create(clockid_t clock, sigevent *event, timer_t *timer)
     return 0;
 }
 
-int __wrap_timer_settime(timer_t timer, int flags, const itimerspec *spec, itimerspec *)
+int __wrap_timer_settime(timer_t timer, int flags, const itimerspec *times, itimerspec *)
 {
     EXPECT_EQ(timer, &timers);
     EXPECT_EQ(flags, 0);
     if (fails("timer_settime"))
         return -1;
-    const long milliseconds = spec->it_value.tv_sec * 1000 + spec->it_value.tv_nsec / 1000000;
-    const std::string time = milliseconds == 0 ? join({std::to_string(spec->it_value.tv_nsec), " ns"})
+    const long milliseconds = times->it_value.tv_sec * 1000 + times->it_value.tv_nsec / 1000000;
+    const std::string time = milliseconds == 0 ? join({std::to_string(times->it_value.tv_nsec), " ns"})
                                                : join({std::to_string(milliseconds), " ms"});
-    const bool repeats = spec->it_interval.tv_sec != 0 || spec->it_interval.tv_nsec != 0;
+    const bool repeats = times->it_interval.tv_sec != 0 || times->it_interval.tv_nsec != 0;
     if (repeats) {
-        EXPECT_EQ(spec->it_interval.tv_sec, spec->it_value.tv_sec);
-        EXPECT_EQ(spec->it_interval.tv_nsec, spec->it_value.tv_nsec);
+        EXPECT_EQ(times->it_interval.tv_sec, times->it_value.tv_sec);
+        EXPECT_EQ(times->it_interval.tv_nsec, times->it_value.tv_nsec);
     }
-    const bool off = spec->it_value.tv_sec == 0 && spec->it_value.tv_nsec == 0;
+    const bool off = times->it_value.tv_sec == 0 && times->it_value.tv_nsec == 0;
     timers.set(!off, repeats, off ? "off" : join({time, repeats ? " each" : ""}));
     return 0;
 }
