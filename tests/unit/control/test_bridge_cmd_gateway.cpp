@@ -467,7 +467,7 @@ TEST_F(CmdGateway, RadioStatisticsAreOneGetAndAnswerInItsOrder)
 {
     agent.numbers("radioStatisticsNumTxPackets.0", {1});
     agent.numbers("radioStatisticsNumRxPackets.0", {-2});
-    agent.numbers("radioStatisticsRxFineTimestamp.0", {4294967295});
+    agent.numbers("radioStatisticsRxFineTimestamp.0", {static_cast<long>(4294967295)});
     agent.numbers("radioStatisticsRxNoFineTimestamp.0", {4});
     agent.numbers("radioStatisticsRxCrcOkPackets.0", {5});
     agent.numbers("radioStatisticsRxCrcErrPackets.0", {6});
