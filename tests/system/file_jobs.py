@@ -117,7 +117,13 @@ def state(pid: int) -> Optional[str]:
 
 
 def is_ended(pid: int) -> bool:
-    return state(pid) in (None, "Z")
+    """With all its threads: a process that still ends cannot be collected yet."""
+    if state(pid) not in (None, "Z"):
+        return False
+    try:
+        return len(os.listdir(f"/proc/{pid}/task")) <= 1
+    except FileNotFoundError:
+        return True
 
 
 def children(pid: int) -> list[int]:

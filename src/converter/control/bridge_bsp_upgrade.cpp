@@ -225,6 +225,19 @@ static void on_timer(sigval param)
         BRIDGE_WARN("Warning: can't send message to bsp upgrade thread");
 }
 
+static void bsp_timer_start(bridge_service_timer *timer, uint64_t milliseconds)
+{
+    if (timer->start(milliseconds, false) < 0)
+        BRIDGE_ERROR("Failed to start bsp upgrade schedule timer (%llu): %m.",
+                     static_cast<unsigned long long>(milliseconds));
+}
+
+static void bsp_timer_stop(bridge_service_timer *timer)
+{
+    if (timer->stop() < 0)
+        BRIDGE_ERROR("Failed to stop bsp upgrade schedule timer: %m.");
+}
+
 /* The next poll comes with the fields of this message. */
 static void schedule_poll(bridge_service_timer *timer, const bsp_upgrade_msg &message)
 {
@@ -233,15 +246,7 @@ static void schedule_poll(bridge_service_timer *timer, const bsp_upgrade_msg &me
         poll_message = message;
         poll_message.action = BSP_ACTION_POLL;
     }
-    if (timer->start(POLL_PERIOD_MS, false) < 0)
-        BRIDGE_ERROR("Failed to start bsp upgrade schedule timer (%llu): %m.",
-                     static_cast<unsigned long long>(POLL_PERIOD_MS));
-}
-
-static void stop_timer(bridge_service_timer *timer)
-{
-    if (timer->stop() < 0)
-        BRIDGE_ERROR("Failed to stop bsp upgrade schedule timer: %m.");
+    bsp_timer_start(timer, POLL_PERIOD_MS);
 }
 
 /* ---- actions ---- */
@@ -264,13 +269,13 @@ static bool ask_utility(bsp_thread *self, const char *arguments, const char *not
 {
     if (bsp_utility_call(&self->record, arguments, answer) < 0) {
         BRIDGE_ERROR("%s", not_reached);
-        stop_timer(&self->timer);
+        bsp_timer_stop(&self->timer);
         *outcome = BSP_GIVE_UP;
         return false;
     }
     if (bsp_utility_failed(&self->record, answer)) {
         BRIDGE_ERROR("Upgrade utility met with an error: %s", answer);
-        stop_timer(&self->timer);
+        bsp_timer_stop(&self->timer);
         *outcome = BSP_WAIT;
         return false;
     }
@@ -341,7 +346,7 @@ static bsp_outcome poll_status(bsp_thread *self, const bsp_upgrade_msg &message)
     }
     if (bsp_utility_failed(&self->record, answer)) {
         BRIDGE_ERROR("Upgrade utility met with an error: %s", answer);
-        stop_timer(&self->timer);
+        bsp_timer_stop(&self->timer);
         return BSP_WAIT;
     }
     take_status(&self->record, answer);

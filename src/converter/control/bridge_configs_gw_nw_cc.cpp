@@ -225,11 +225,14 @@ static int write_pin(converter_ctx *ctx, const char *name, json_object *given, j
     if (!request)
         return -EIO;
     for (const char *key : {"simSlot", "newSimPin"}) {
-        json_object *value = nullptr; /* a null would name slot 0 */
-        if (!json_object_object_get_ex(request.get(), key, &value) || value == nullptr) {
+        if (!json_object_object_get_ex(request.get(), key, nullptr)) {
             BRIDGE_ERROR("missing %s in the request", key);
             return -EIO;
         }
+    }
+    if (json_object_object_get(request.get(), "simSlot") == nullptr) { /* a null would read as slot 0 */
+        BRIDGE_ERROR("missing %s in the request", "simSlot");
+        return -EIO;
     }
     char status[STATUS_SIZE] = "";
     carry_out(ctx, request.get(), status, sizeof(status));

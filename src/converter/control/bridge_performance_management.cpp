@@ -282,7 +282,7 @@ static void on_timer(sigval param)
 }
 
 /* Returns 0, also when there is nothing to report, or -1. */
-static int start_timer(bridge_service_timer *timer)
+static int performance_timer_start(bridge_service_timer *timer)
 {
     const auto &config = bridge_config_get_root_checked()->performance;
     const uint32_t period = config.battery_reporting_period_mins;
@@ -355,7 +355,7 @@ static void performance_thread(void *arg)
     auto *ctx = static_cast<converter_ctx *>(arg);
     BRIDGE_DEBUG("starting performance management thread");
     bridge_service_timer timer;
-    if (start_timer(&timer) < 0)
+    if (performance_timer_start(&timer) < 0)
         return;
     const mqd_t mq = mq_open(QUEUE.name, O_RDONLY | O_CLOEXEC);
     if (mq < 0) {
