@@ -22,7 +22,7 @@ static constexpr const char *TABLE = "rows name=upgradeServerListName:4 type=upg
 
 static off_t file_size; /* negative: the file is elsewhere */
 
-extern "C" int __wrap_stat(const char *path, struct stat *status)
+extern "C" int __wrap_stat64(const char *path, struct stat *status)
 {
     EXPECT_STREQ(path, "/etc/default/config.json");
     *status = {};

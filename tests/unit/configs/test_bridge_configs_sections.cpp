@@ -37,7 +37,7 @@ static size_t handed_over;
 static bool disk_is_full;
 
 extern "C" {
-FILE *__wrap_fopen(const char *path, const char *)
+FILE *__wrap_fopen64(const char *path, const char *)
 {
     EXPECT_STREQ(path, "/tmp/snv_cfg_in.json");
     handed_over++;
