@@ -12,7 +12,7 @@ static std::filesystem::path the_folder;
 static std::string refused_name;
 static int refused_error;
 static int opens_to_pass;
-static std::vector<std::string> lock_calls;
+static std::vector<std::string> file_steps;
 
 FilterTest::FilterTest()
 {
@@ -20,7 +20,7 @@ FilterTest::FilterTest()
     the_folder = mkdtemp(name);
     refused_error = 0;
     waits = {};
-    lock_calls.clear();
+    file_steps.clear();
     let_all_pass();
     put("", "{}");
     put("-lock", "");
@@ -69,7 +69,14 @@ void FilterTest::let_pass_after_waits(size_t count)
 
 std::vector<std::string> FilterTest::locking()
 {
-    return lock_calls;
+    std::vector<std::string> calls = file_steps;
+    std::erase_if(calls, [](const std::string &step) { return step.starts_with("open "); });
+    return calls;
+}
+
+std::vector<std::string> FilterTest::steps()
+{
+    return file_steps;
 }
 
 static std::string below(const char *path)
@@ -89,6 +96,8 @@ FILE *__wrap_fopen64(const char *path, const char *mode)
         errno = refused_error;
         return nullptr;
     }
+    if (std::string_view(path).starts_with(FIXED))
+        file_steps.push_back(std::string("open ").append(path + FIXED.size()));
     return __real_fopen64(below(path).c_str(), mode);
 }
 
@@ -109,7 +118,7 @@ int __wrap_lockf64(int fd, int command, off_t length)
 {
     EXPECT_EQ(length, 0);
     const bool failed = command == F_LOCK && fails("lockf");
-    lock_calls.emplace_back(failed ? "no lock" : command == F_LOCK ? "lock" : "unlock");
+    file_steps.emplace_back(failed ? "no lock" : command == F_LOCK ? "lock" : "unlock");
     return failed ? -1 : __real_lockf64(fd, command, length);
 }
 
