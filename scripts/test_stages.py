@@ -9,6 +9,7 @@ import subprocess
 import sys
 import time
 import xml.etree.ElementTree as xml
+from collections.abc import Sequence
 from dataclasses import dataclass
 from pathlib import Path
 
@@ -137,13 +138,19 @@ def system_stage(build: Build) -> list[Outcome]:
     started = time.monotonic()
     if not build.build("snv_mqtt_bridge") or not build.build("lab_agent"):
         return [Outcome("system tests", 0, 1, time.monotonic() - started, "the programs do not build")]
+    environment = {**build.variant.environment, "SNV_BRIDGE": str(build.daemon)}
+    return [system_tests(build, ["tests/system"], environment, started)]
+
+
+def system_tests(
+    build: Build, selected: Sequence[str], environment: dict[str, str], started: float
+) -> Outcome:
     announce("system tests")
     report = build.report("system")
-    command = ["/usr/bin/python3", "-B", "-m", "pytest", "tests/system", "-n", SYSTEM_WORKERS]
+    command = ["/usr/bin/python3", "-B", "-m", "pytest", *selected, "-n", SYSTEM_WORKERS]
     command += ["--dist", "loadgroup", "-p", "no:cacheprovider", f"--junitxml={report}"]
-    environment = {**build.variant.environment, "SNV_BRIDGE": str(build.daemon)}
     status = run([*build.variant.prefix, *command], environment)
-    return [outcome_of_report("system tests", report, status, started)]
+    return outcome_of_report("system tests", report, status, started)
 
 
 def run_clang_tidy(command: list[str]) -> int:
