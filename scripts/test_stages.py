@@ -139,18 +139,23 @@ def system_stage(build: Build) -> list[Outcome]:
     if not build.build("snv_mqtt_bridge") or not build.build("lab_agent"):
         return [Outcome("system tests", 0, 1, time.monotonic() - started, "the programs do not build")]
     environment = {**build.variant.environment, "SNV_BRIDGE": str(build.daemon)}
-    return [system_tests(build, ["tests/system"], environment, started)]
+    return [system_tests(build, "system tests", ["tests/system"], environment)]
 
 
 def system_tests(
-    build: Build, selected: Sequence[str], environment: dict[str, str], started: float
+    build: Build,
+    stage: str,
+    selected: Sequence[str],
+    environment: dict[str, str],
+    workers: str = SYSTEM_WORKERS,
 ) -> Outcome:
-    announce("system tests")
-    report = build.report("system")
-    command = ["/usr/bin/python3", "-B", "-m", "pytest", *selected, "-n", SYSTEM_WORKERS]
+    started = time.monotonic()
+    announce(stage)
+    report = build.report(stage.replace(" ", "-"))
+    command = ["/usr/bin/python3", "-B", "-m", "pytest", *selected, "-n", workers]
     command += ["--dist", "loadgroup", "-p", "no:cacheprovider", f"--junitxml={report}"]
     status = run([*build.variant.prefix, *command], environment)
-    return outcome_of_report("system tests", report, status, started)
+    return outcome_of_report(stage, report, status, started)
 
 
 def run_clang_tidy(command: list[str]) -> int:
