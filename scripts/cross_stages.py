@@ -25,7 +25,7 @@ PACKAGES = (
 )  # fmt: skip
 
 KEY_IS_SLOW = "the emulator can take longer for a key of the daemon's own than a test is patient"
-SLOW_END = "an emulated process ends well after its last line"
+SLOW_END = "what an emulated job says last comes well before its end, and the next one is asked for at once"
 
 # System tests that are left out, and why.
 LEFT_OUT = {
@@ -35,6 +35,8 @@ LEFT_OUT = {
     "test_status_port.py::test_key_that_could_not_be_made_leaves_the_reply_empty": KEY_IS_SLOW,
     "test_reverse_ssh.py::test_a_start_finds_that_the_tunnel_before_has_ended": SLOW_END,
     "test_reverse_ssh.py::test_a_stop_finds_that_the_tunnel_has_ended": SLOW_END,
+    "test_commands_logs.py::test_the_client_of_the_lab_brings_all_logs": SLOW_END,
+    "test_oam_files.py": SLOW_END,
     "test_jobs_execute.py::test_no_signal_is_ignored_or_blocked_for_a_script": "the emulator does not hand on"
     " which signals are ignored",
 }
@@ -80,13 +82,14 @@ def package_sources() -> list[str]:
     processor's."""
     command = ["apt-get", "indextargets", "--format", "deb $(REPO_URI) $(CODENAME) $(COMPONENT)"]
     command += ["Created-By: Packages", "Origin: Debian", "Codename: bookworm"]
-    listed = subprocess.run(command, stdout=subprocess.PIPE, text=True, check=True).stdout
+    listed = subprocess.run(command, stdout=subprocess.PIPE, text=True).stdout
     return sorted(set(listed.splitlines()))
 
 
 def extract(folder: Path) -> bool:
     """Nothing of the host is touched, and nothing of the packages is run."""
-    command = ["mmdebstrap", "--variant=extract", "--architectures=armhf", f"--include={','.join(PACKAGES)}"]
+    command = ["mmdebstrap", "--mode=chrootless", "--variant=extract", "--architectures=armhf"]
+    command += [f"--include={','.join(PACKAGES)}"]
     sources = "\n".join(package_sources()) + "\n"
     return subprocess.run([*command, "bookworm", str(folder), "-"], input=sources, text=True).returncode == 0
 
