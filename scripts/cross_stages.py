@@ -1,4 +1,5 @@
-"""The stages of scripts/cross: a gateway of 32 bits in an emulator. Each runs whatever became of the others."""
+"""The stages of scripts/cross: a gateway of 32 bits in an emulator. Each runs whatever became of the
+others."""
 
 from __future__ import annotations
 
@@ -11,7 +12,18 @@ import sys
 import time
 from pathlib import Path
 
-from test_stages import PLAIN, ROOT, Build, Outcome, Variant, announce, run, summarise, system_tests, unit_stage
+from test_stages import (
+    PLAIN,
+    ROOT,
+    Build,
+    Outcome,
+    Variant,
+    announce,
+    run,
+    summarise,
+    system_tests,
+    unit_stage,
+)
 
 ARMHF = Variant("build-armhf", "", {})
 TOOLS = "arm-linux-gnueabihf-"
@@ -51,7 +63,7 @@ class CrossBuild(Build):
         super().__init__(ARMHF)
         self.agent = agent
         self.sysroot = self.folder / "sysroot"
-        # The emulator prefers what is here to the host's files: the loader and the libraries, and nothing else.
+        # The emulator prefers what is here to the host's files: the loader and the libraries, no more.
         self.emulated = self.folder / "emulated"
 
     def configure(self) -> bool:
@@ -172,14 +184,15 @@ def memory_stage(build: CrossBuild, native: Build) -> list[Outcome]:
     """A figure, no limit: it fails when it cannot be had."""
     started = time.monotonic()
     announce("resident memory")
-    if not build.build("snv_mqtt_bridge") or not native.build("snv_mqtt_bridge") or not native.build("lab_agent"):
+    wanted = [(build, "snv_mqtt_bridge"), (native, "snv_mqtt_bridge"), (native, "lab_agent")]
+    if not all(each.build(target) for each, target in wanted):
         return [Outcome("resident memory", 0, 1, time.monotonic() - started, "the programs do not build")]
     try:
         here = resident(native, native.daemon)
         there = resident(native, build.wrapper(), f"{GUEST_START:#x}")
     except subprocess.CalledProcessError:
         return [Outcome("resident memory", 0, 1, time.monotonic() - started, "the daemon does not come up")]
-    print("KiB of a daemon with both planes up, after 100 uplinks; of the emulated one, what is the guest's own:")
+    print("KiB of a daemon with both planes up, after 100 uplinks; of the emulated one, the guest's own:")
     print(f"{'':<12}{'armhf':>8}{native_name():>8}")
     for name in here:
         print(f"{name:<12}{there[name]:>8}{here[name]:>8}")
@@ -197,9 +210,9 @@ def resident(native: Build, daemon: Path, *window: str) -> dict[str, int]:
 def arguments() -> argparse.Namespace:
     parser = argparse.ArgumentParser(
         prog="scripts/cross",
-        description="Builds the daemon for a gateway's processor, tells its size and its resident memory, and runs"
-        " the unit tests and a set of system tests in an emulator; or only the stages that are named. The last"
-        " line counts what passed and what failed.",
+        description="Builds the daemon for a gateway's processor, tells its size and its resident memory, and"
+        " runs the unit tests and most system tests in an emulator; or only the stages that are named. The"
+        " last line counts what passed and what failed.",
     )
     parser.add_argument("processor", choices=["armhf"])
     parser.add_argument("--build", action="store_true", help="the daemon and its size")

@@ -1,8 +1,8 @@
-"""Prints how much memory of a daemon at work is resident, in KiB: of its program, of its libraries, and of what no
-file backs (heap, stacks, variables). The daemon is the one that SNV_BRIDGE names, or the build's.
+"""Prints how much memory of a daemon at work is resident, in KiB: of its program, of its libraries, and of
+what no file backs (heap, stacks, variables). The daemon is the one that SNV_BRIDGE names, or the build's.
 
-    scripts/resident.py [WINDOW]    only what lies in the 4 GiB from this address on: those of a guest of 32 bits.
-                                    The rest is the emulator's own.
+    scripts/resident.py [WINDOW]    only what lies in the 4 GiB from this address on: those of a guest of
+                                    32 bits. The rest is the emulator's own.
 """
 
 from __future__ import annotations
