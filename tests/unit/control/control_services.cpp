@@ -255,9 +255,13 @@ const bridge_config_root *bridge_config_get_root_checked()
     return &root;
 }
 
+/* How often the real pool looks for the end of its threads depends on the second in which it begins. */
+static thread_local bool is_in_pool;
+
 void bridge_wait_s(uint32_t seconds)
 {
-    services.answer("wait " + std::to_string(seconds) + " s");
+    if (!is_in_pool)
+        services.answer("wait " + std::to_string(seconds) + " s");
 }
 
 void bridge_wait_ms(uint32_t milliseconds)
@@ -388,7 +392,9 @@ void THPOOL_DESTROY(__real_)(thpool *pool);
 void THPOOL_DESTROY(__wrap_)(thpool *pool)
 {
     services.answer(pool != nullptr ? "thpool_destroy" : "thpool_destroy nothing");
+    is_in_pool = true;
     THPOOL_DESTROY(__real_)(pool);
+    is_in_pool = false;
 }
 
 int THPOOL_ADD(__real_)(thpool *pool, void (*function)(void *), void *argument);
