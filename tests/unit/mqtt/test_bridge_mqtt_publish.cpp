@@ -204,7 +204,7 @@ static bool gives_up_on_a_publish_that_stays()
     bool good = wait_until([&server] { return server.is_waited_for(); });
     fake_mqtt_take_calls();
     good = good && bridge_mqtt_deinit() == -1 && publish(NS) == -1 && fake_mqtt_take_calls().empty();
-    good = good && !is_delivery_thread_alive();
+    good = good && wait_until([] { return !is_delivery_thread_alive(); });
     server.open();
     return good && stuck.ends();
 }
