@@ -20,7 +20,7 @@ using testing::IsEmpty;
 using testing::Pair;
 
 FAILING_CALL(int, sem_getvalue, (sem_t * semaphore, int *value), (semaphore, value), -1)
-FAILING_CALL(int, lockf, (int fd, int command, off_t length), (fd, command, length), -1)
+FAILING_CALL(int, lockf64, (int fd, int command, off_t length), (fd, command, length), -1)
 FAILING_CALL(void *, calloc, (size_t count, size_t size), (count, size), nullptr)
 FAILING_CALL(json_object *, json_object_new_object, (), (), nullptr)
 FAILING_NEW
@@ -235,7 +235,7 @@ TEST_F(BulkConfigs, ATimestampFileThatCannotBeLockedToBeReadEndsTheDocument)
     take(NEW_CONFIG);
     steps.clear();
     view = log.from_here();
-    let_fail("lockf", EDEADLK);
+    let_fail("lockf64", EDEADLK);
     take(R"({"timestamp":6,"content":{}})");
     let_all_pass();
     EXPECT_THAT(view.complaints(), ElementsAre("ERROR failed to get a lock: Resource deadlock avoided",
@@ -249,7 +249,7 @@ TEST_F(BulkConfigs, ATimestampFileThatCannotBeLockedToBeReadEndsTheDocument)
 TEST_F(BulkConfigs, ATimestampFileThatCannotBeLockedToBeWrittenHoldsNothingBack)
 {
     start();
-    let_fail("lockf", ENOLCK);
+    let_fail("lockf64", ENOLCK);
     take(NEW_CONFIG);
     let_all_pass();
     EXPECT_THAT(view.lines_of({"ERROR"}), ElementsAre("ERROR New config request from the server",

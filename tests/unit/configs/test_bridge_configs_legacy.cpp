@@ -41,7 +41,7 @@ FAILING_CALL(int, json_object_array_add, (json_object * array, json_object *valu
 
 static off_t file_size; /* negative: the file is elsewhere */
 
-extern "C" int __wrap_stat(const char *path, struct stat *status)
+extern "C" int __wrap_stat64(const char *path, struct stat *status)
 {
     EXPECT_STREQ(path, "/etc/default/config.json");
     *status = {};

@@ -44,11 +44,11 @@ static size_t handed_over;
 static bool disk_is_full;
 
 extern "C" {
-FILE *__real_fopen(const char *path, const char *mode);
-FILE *__wrap_fopen(const char *path, const char *mode)
+FILE *__real_fopen64(const char *path, const char *mode);
+FILE *__wrap_fopen64(const char *path, const char *mode)
 {
     if (strcmp(path, "/tmp/snv_cfg_in.json") != 0)
-        return __real_fopen(path, mode); /* the test framework's */
+        return __real_fopen64(path, mode); /* the test framework's */
     handed_over++;
     if (disk_is_full)
         return fdopen(open("/dev/full", O_WRONLY | O_CLOEXEC), "w");

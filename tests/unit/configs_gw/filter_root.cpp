@@ -89,8 +89,8 @@ static std::string below(const char *path)
 
 // NOLINTBEGIN(bugprone-reserved-identifier): the linker makes the names
 extern "C" {
-FILE *__real_fopen(const char *path, const char *mode);
-FILE *__wrap_fopen(const char *path, const char *mode)
+FILE *__real_fopen64(const char *path, const char *mode);
+FILE *__wrap_fopen64(const char *path, const char *mode)
 {
     if (refused_error != 0 && path == std::string(FIXED) + refused_name && opens_to_pass-- <= 0) {
         errno = refused_error;
@@ -98,7 +98,7 @@ FILE *__wrap_fopen(const char *path, const char *mode)
     }
     if (std::string_view(path).starts_with(FIXED))
         file_steps.push_back(std::string("open ").append(path + FIXED.size()));
-    return __real_fopen(below(path).c_str(), mode);
+    return __real_fopen64(below(path).c_str(), mode);
 }
 
 int __real_remove(const char *path);
@@ -113,13 +113,13 @@ int __wrap_access(const char *path, int mode)
     return __real_access(below(path).c_str(), mode);
 }
 
-int __real_lockf(int fd, int command, off_t length);
-int __wrap_lockf(int fd, int command, off_t length)
+int __real_lockf64(int fd, int command, off_t length);
+int __wrap_lockf64(int fd, int command, off_t length)
 {
     EXPECT_EQ(length, 0);
     const bool failed = command == F_LOCK && fails("lockf");
     file_steps.emplace_back(failed ? "no lock" : command == F_LOCK ? "lock" : "unlock");
-    return failed ? -1 : __real_lockf(fd, command, length);
+    return failed ? -1 : __real_lockf64(fd, command, length);
 }
 
 /* The log's own writes pass. */
@@ -131,6 +131,6 @@ size_t __wrap_fwrite(const void *data, size_t size, size_t count, FILE *stream)
 }
 // NOLINTEND(bugprone-reserved-identifier)
 
-FAILING_CALL(int, ftruncate, (int fd, off_t length), (fd, length), -1)
-FAILING_CALL(off_t, lseek, (int fd, off_t offset, int whence), (fd, offset, whence), -1)
+FAILING_CALL(int, ftruncate64, (int fd, off_t length), (fd, length), -1)
+FAILING_CALL(off_t, lseek64, (int fd, off_t offset, int whence), (fd, offset, whence), -1)
 FAILING_CALL(int, json_object_to_fd, (int fd, json_object *object, int flags), (fd, object, flags), -1)

@@ -498,7 +498,7 @@ TEST_F(LoraFilterSection, AListThatCannotBeWrittenIsUndone)
     }
 }
 
-FAILING_CALL(void *, _ZnamRKSt9nothrow_t, (size_t size, const std::nothrow_t &tag), (size, tag), nullptr)
+FAILING_NEW_ARRAY
 
 TEST_F(LoraFilterSection, WithoutMemoryForTheRulesBothListsStay)
 {
@@ -514,7 +514,7 @@ TEST_F(LoraFilterSection, WithoutMemoryForTheRulesBothListsStay)
     put("", BOTH_LISTS);
     for (const auto &row : rows) {
         const log_view told = log.from_here();
-        let_fail("_ZnamRKSt9nothrow_t");
+        let_fail(NEW_ARRAY);
         const section_outcome written = write(row.section);
         let_all_pass();
         EXPECT_EQ(written.result, -12);

@@ -187,9 +187,9 @@ TEST_F(LoraUplinkFilter, AFaultInTheMiddleOfAnUpdateIsToldAndLeavesTheFileToTheB
         const char *told;
         const char *left;
     } rows[] = {
-        {"ftruncate", 0, -ENOSPC, "ERROR failed to clear the uplink packet filter file before writing",
+        {"ftruncate64", 0, -ENOSPC, "ERROR failed to clear the uplink packet filter file before writing",
          "{\"old\":1}"},
-        {"lseek", 1, -ENOSPC,
+        {"lseek64", 1, -ENOSPC,
          "ERROR failed to set the uplink packet filter file offset to the start before writing", ""},
         {"json_object_to_fd", 0, -1,
          "ERROR failed to write the DevAddr filter list to the uplink packet filter file", ""},

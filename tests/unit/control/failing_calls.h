@@ -3,6 +3,8 @@
 #ifndef CONTROL_FAILING_CALLS_H
 #define CONTROL_FAILING_CALLS_H
 
+#include "common/mangled.h"
+
 #include <atomic>
 #include <cerrno>
 #include <cstring>
@@ -47,9 +49,17 @@ inline bool fails(const char *name)
 #define FAILING_THPOOL_ADD_WORK                                                                              \
     FAILING_CALL(int, _Z15thpool_add_workP6thpoolPFvPvES1_,                                                  \
                  (thpool * pool, void (*function)(void *), void *argument), (pool, function, argument), -1)
+#define FAILING_NEW_NAME       MANGLED(_Znw, RKSt9nothrow_t)
+#define FAILING_NEW_ARRAY_NAME MANGLED(_Zna, RKSt9nothrow_t)
+#define FAILING_BY_NAME(type, name, parameters, arguments, failure)                                          \
+    FAILING_CALL(type, name, parameters, arguments, failure)
 #define FAILING_NEW                                                                                          \
-    FAILING_CALL(void *, _ZnwmRKSt9nothrow_t, (size_t size, const std::nothrow_t &tag), (size, tag), nullptr)
+    FAILING_BY_NAME(void *, FAILING_NEW_NAME, (size_t size, const std::nothrow_t &tag), (size, tag), nullptr)
+#define FAILING_NEW_ARRAY                                                                                    \
+    FAILING_BY_NAME(void *, FAILING_NEW_ARRAY_NAME, (size_t size, const std::nothrow_t &tag), (size, tag),   \
+                    nullptr)
 static constexpr const char *THPOOL_ADD_WORK = "_Z15thpool_add_workP6thpoolPFvPvES1_";
-static constexpr const char *NEW = "_ZnwmRKSt9nothrow_t";
+static constexpr const char *NEW = MANGLED_TEXT(FAILING_NEW_NAME);
+static constexpr const char *NEW_ARRAY = MANGLED_TEXT(FAILING_NEW_ARRAY_NAME);
 
 #endif

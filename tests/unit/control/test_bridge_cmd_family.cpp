@@ -108,7 +108,7 @@ TEST_F(CmdFamily, TheVersionOfTheAgentIsPackedOnlyWithATopByte)
         {0x00ffffff, "0.16777215.0"},
         {12, "0.12.0"},
         {0, "0.0.0"},
-        {0xff000001, "255.0.1"},
+        {static_cast<long>(0xff000001), "255.0.1"},
         {-16777215, "255.0.1"},
     };
     for (const auto &row : rows) {

@@ -14,7 +14,7 @@ timer_record timers;
 utility_script utility;
 
 FAILING_THPOOL_ADD_WORK
-FAILING_CALL(void *, _ZnamRKSt9nothrow_t, (size_t size, const std::nothrow_t &tag), (size, tag), nullptr)
+FAILING_NEW_ARRAY
 FAILING_CALL(int, sem_init, (sem_t * semaphore, int shared, unsigned value), (semaphore, shared, value), -1)
 FAILING_CALL(int, sem_getvalue, (sem_t * semaphore, int *value), (semaphore, value), -1)
 FAILING_CALL(int, mq_send, (mqd_t mq, const char *text, size_t size, unsigned priority),

@@ -13,8 +13,6 @@
 #include <string>
 #include <vector>
 
-inline constexpr const char *NEW_ARRAY = "_ZnamRKSt9nothrow_t";
-
 /* The name under which the service's queue stands here. */
 std::string own_queue_name(const char *name);
 
