@@ -30,16 +30,16 @@ static std::array<named_file, INPUT_FILES + 1> &files()
  * here. */
 static bool reading;
 
-extern "C" FILE *__real_fopen(const char *path, const char *mode);
-extern "C" FILE *__wrap_fopen(const char *path, const char *mode);
+extern "C" FILE *__real_fopen64(const char *path, const char *mode);
+extern "C" FILE *__wrap_fopen64(const char *path, const char *mode);
 
-extern "C" FILE *__wrap_fopen(const char *path, const char *mode)
+extern "C" FILE *__wrap_fopen64(const char *path, const char *mode)
 {
     if (!reading || mode[0] != 'r')
-        return __real_fopen(path, mode);
+        return __real_fopen64(path, mode);
     for (const named_file &known : files()) {
         if (strcmp(known.name, path) == 0)
-            return __real_fopen(known.file.path(), mode);
+            return __real_fopen64(known.file.path(), mode);
     }
     errno = ENOENT;
     return nullptr;

@@ -1,6 +1,7 @@
 """A gateway whose configuration the operations server manages: its service, and its sections' programs."""
 
 import json
+import re
 import shutil
 import struct
 from dataclasses import dataclass
@@ -63,6 +64,54 @@ class Outcome:
 
     def logs(self, text: str) -> bool:
         return any(line.endswith(text) for line in self.lines)
+
+
+class HeldProgram:
+    """A program of the gateway that waits for its switch. It outlives a daemon that ends, so a test that holds
+    one lets it go."""
+
+    def __init__(self, gateway: "ManagedGateway", name: str) -> None:
+        self._gateway = gateway
+        self._mark = gateway.road.bridge.log.mark()
+        self._name = f"{name}.hold"
+        self._call = "commit " if name == "commit" else f"{name} "
+        self._calls = len(gateway.calls())
+        self._pid: Optional[int] = None
+        gateway.switch(self._name)
+
+    def wait_held(self) -> int:
+        """Until it runs; returns its number."""
+
+        def place() -> Optional[int]:
+            calls = self._gateway.calls()[self._calls :]
+            return next((count for count, call in enumerate(calls, 1) if call.startswith(self._call)), None)
+
+        count = wait_until(place, f"a call of {self._call}", PATIENT)
+        log = self._gateway.road.bridge.log
+        line = log.wait_for(re.compile(r"launched process pid: \[\d+\]"), after=self._mark, count=count)
+        self._pid = int(line.rsplit("[", 1)[1].rstrip("]"))
+        return self._pid
+
+    def is_there(self) -> bool:
+        """Also while it is a zombie."""
+        return self._pid is not None and Path(f"/proc/{self._pid}").exists()
+
+    def runs(self) -> bool:
+        try:
+            return Path(f"/proc/{self._pid}/stat").read_text().rsplit(")", 1)[1].split()[0] != "Z"
+        except FileNotFoundError:
+            return False
+
+    def let_go(self) -> None:
+        """By its own root, which stays when the daemon's is gone."""
+        if self._pid is None:
+            self._gateway.programs.joinpath(self._name).unlink(missing_ok=True)
+        elif self.runs():
+            Path(f"/proc/{self._pid}/root/var/lib/gateway-configuration", self._name).unlink(missing_ok=True)
+            wait_until(lambda: not self.runs(), f"the end of {self._name}")
+
+    def close(self) -> None:
+        self.let_go()
 
 
 class ManagedGateway:

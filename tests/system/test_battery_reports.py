@@ -1,5 +1,4 @@
-"""Reports of the battery: when they come, and what is in them. A test puts into the queue what the timer puts
-there each minute at most."""
+"""Reports of the battery: when they come, and what is in them."""
 import re
 import time
 from pathlib import Path
@@ -9,19 +8,16 @@ import pytest
 
 from command_outcome import GONE
 from conftest import Cleanup
-from harness.config import GW_MAC, Sections
-from harness.control import CAPABILITIES, ControlRoad
+from harness.control import ControlRoad
 from harness.lab import LabAgent, start_agent
-from harness.mqtt_peer import Message, MqttPeer
-from service_queue import performance_message, send
+from harness.mqtt_peer import MqttPeer
+from management_services import Battery
+from service_queue import performance_message
 
-TOPIC = f"gateway/mac/{GW_MAC}/performance"
-QUEUE = "/performance_management_mq"
 PUBLISH, BATTERY = 2, 0
-TICK = performance_message(PUBLISH, BATTERY)
-WAITING = "Performance management thread waiting for the next message"
 FAILED = "failed to get properties for battery performance stats"
 NO_NUMBER = "Warning: No digits found"
+OUT_OF_RANGE = "Warning: Failed to convert string to float: Numerical result out of range (34)"
 ABSENT = "Warning: SNMP value is N/A"
 
 # Those of the lab's gateway move with the time of day.
@@ -62,51 +58,10 @@ def report(changes: Optional[dict[str, str]] = None, head: str = HEAD) -> str:
     return f'{{"name":"battery",{head}"value":{{{", ".join(filter(None, pieces.values()))}}}}}'
 
 
-def is_report(message: Message) -> bool:
-    return message.topic == TOPIC
-
-
-class Battery:
-    """A daemon whose battery service runs."""
-
-    def __init__(self, work: Path, agent: LabAgent, changes: Optional[Sections] = None) -> None:
-        self.agent = agent
-        self.road = ControlRoad(work, agent, changes).wait_ready()
-        self.log = self.road.bridge.log
-        self.mark()
-
-    def mark(self) -> None:
-        """Behind all that has been published so far."""
-        self.road.command("isAnyoneThere")
-        self.messages, self.lines = self.road.peer.mark(), self.log.mark()
-
-    def start(self) -> "Battery":
-        self.road.publish(b'{"capabilities":["performance_management"]}', CAPABILITIES)
-        self.wait_idle()
-        return self
-
-    def wait_idle(self) -> None:
-        self.road.bridge.wait_for_log(WAITING, after=self.lines)
-
-    def tick(self, message: bytes = TICK) -> None:
-        send(self.road.bridge, QUEUE, message)
-        self.wait_idle()
-
-    def reports(self) -> list[bytes]:
-        self.road.command("isAnyoneThere")
-        return [each.payload for each in self.road.peer.since(self.messages) if is_report(each)]
-
-    def logged(self, text: str) -> int:
-        return len(self.log.find(text, after=self.lines))
-
-    def close(self) -> None:
-        self.road.close()
-
-
 @pytest.fixture(scope="module")
 def shared(tmp_path_factory: pytest.TempPathFactory) -> Iterator[Battery]:
     agent = start_agent(tmp_path_factory.mktemp("agent"))
-    made = Battery(tmp_path_factory.mktemp("road"), agent).start()
+    made = Battery(ControlRoad(tmp_path_factory.mktemp("road"), agent).wait_ready()).start()
     yield made
     made.close()
     agent.close()
@@ -124,7 +79,7 @@ def battery(shared: Battery) -> Battery:
 def start(tmp_path: Path, agent: LabAgent, cleanup: Cleanup) -> Callable[..., Battery]:
     def run(period: Optional[int]) -> Battery:
         changes = {"performance_management": {"battery_reporting_period_mins": period}}
-        made = Battery(tmp_path / "road", agent, changes)
+        made = Battery(ControlRoad(tmp_path / "road", agent, changes).wait_ready())
         cleanup.add(made)
         return made.start()
 
@@ -162,14 +117,13 @@ def test_the_start_is_told_in_order_and_a_second_one_does_nothing(start: Callabl
         "performance management mq descriptor: [",
         "Performance management launcher finished",
     ]
-    lines = battery.log.since(battery.lines)
+    lines = battery.road.bridge.log.since(battery.lines)
     places = [next(place for place, line in enumerate(lines) if text in line) for text in order]
     assert places == sorted(places)
     assert battery.logged("Action: waiting") == 1
     battery.mark()
-    battery.road.publish(b'{"capabilities":["performance_management"]}', CAPABILITIES)
-    already = "performance management service has already started"
-    battery.road.bridge.wait_for_log(already, after=battery.lines)
+    battery.enable()
+    battery.wait_for("performance management service has already started")
     assert battery.logged("launcher") == 0
 
 
@@ -180,11 +134,11 @@ def test_a_report_to_the_letter_is_retained(battery: Battery) -> None:
     battery.tick()
     payload = report().encode() + b"\0"
     assert battery.reports() == [payload]
-    assert battery.logged(f"publishing message: {report()} on topic {TOPIC}") == 1
+    assert battery.logged(f"publishing message: {report()} on topic {battery.topic}") == 1
     assert battery.logged("Action: publish performance") == 1
     assert battery.logged("Performance measure to be published: battery") == 1
     late = MqttPeer(battery.road.broker.port)
-    late.subscribe(TOPIC)
+    late.subscribe(battery.topic)
     assert late.wait_for(lambda each: each.retain).payload == payload
     late.close()
 
@@ -280,10 +234,14 @@ def test_timestamp_and_period_are_left_out_when_there_are_none(
         ("batteryVoltage", "1e3", '"batteryVoltage": 1000.00'),
         ("batteryVoltage", "0x1F", '"batteryVoltage": 31.00'),
         ("batteryVoltage", "1e99", ""),
+        ("batteryVoltage", "1e-40", ""),
+        ("batteryVoltage", "nan", '"batteryVoltage": nan'),
+        ("batteryVoltage", "-inf", '"batteryVoltage": -inf'),
         ("batteryVoltage", "high", ""),
         ("batteryVoltage", "N/Ab", ""),
         ("chargerSolarState", "N/Ab", '"chargerSolarState": "N/Ab"'),
         ("chargerSolarState", "", '"chargerSolarState": ""'),
+        ("chargerSolarState", 'a"b\\', '"chargerSolarState": "a"b\\"'),
         ("chargerChargingState", "s" * 29, f'"chargerChargingState": "{"s" * 29}"'),
     ],
 )
@@ -291,6 +249,25 @@ def test_the_forms_of_a_value(battery: Battery, key: str, value: str, piece: str
     battery.agent.set({object_of(key): value})
     battery.tick()
     assert battery.reports() == [report({key: piece}).encode() + b"\0"]
+
+
+@pytest.mark.parametrize(
+    "key, complaint, piece",
+    [("batteryVoltage", 1, ""), ("chargerSolarState", 0, '"chargerSolarState": ""')],
+)
+def test_a_value_of_forty_bytes_is_read_as_an_empty_one(
+    battery: Battery, key: str, complaint: int, piece: str
+) -> None:
+    battery.agent.set({object_of(key): "1" * 40})
+    battery.tick()
+    assert battery.reports() == [report({key: piece}).encode() + b"\0"]
+    assert battery.logged(NO_NUMBER) == complaint
+
+
+def test_why_a_number_is_left_out_is_told(battery: Battery) -> None:
+    battery.agent.set({"spmBatteryVoltage.0": "1e-40", "spmLoadPower.0": "1e39"})
+    battery.tick()
+    assert battery.logged(OUT_OF_RANGE) == 2
 
 
 def test_the_longest_values_fit(battery: Battery) -> None:
@@ -308,7 +285,9 @@ def test_the_longest_values_fit(battery: Battery) -> None:
         ("spmDataTimestamp.0", "1" * 14),
         ("spmChargerInputVoltage.0", "1234567"),
         ("spmLoadPower.0", "1234567"),
+        ("spmLoadPower.0", "1" * 39),
         ("spmChargerSolarState.0", "s" * 30),
+        ("spmChargerSolarState.0", "s" * 39),
     ],
 )
 def test_a_text_that_does_not_fit_spoils_the_report(battery: Battery, name: str, value: str) -> None:
@@ -353,10 +332,10 @@ def test_other_actions_do_nothing(battery: Battery, action: int, name: str) -> N
 
 
 def test_a_queue_that_an_earlier_run_left_is_taken(tmp_path: Path, agent: LabAgent, cleanup: Cleanup) -> None:
-    battery = Battery(tmp_path / "road", agent)
+    battery = Battery(ControlRoad(tmp_path / "road", agent).wait_ready())
     cleanup.add(battery)
-    send(battery.road.bridge, QUEUE, TICK, create=True)
+    battery.put(battery.timer_message, create=True)
     battery.start()
-    battery.road.bridge.wait_for_log(WAITING, after=battery.lines, count=2)
-    assert battery.logged(f"performance management message queue: {QUEUE} is already created") == 1
+    battery.wait_idle(2)
+    assert battery.logged(f"performance management message queue: {battery.queue} is already created") == 1
     assert len(battery.reports()) == 1

@@ -293,6 +293,12 @@ def test_the_requests_number_is_optional_and_never_echoed(
     assert answered(server, document("GENERAL", "x", requestId=request_id)) == expected("GENERAL", "x")
 
 
+def test_a_time_that_is_null_counts_as_zero(server: ControlRoad) -> None:
+    payload = document("GENERAL", "x").replace(b"1700000000123", b"null")
+    assert b"null" in payload
+    assert answered(server, payload) == expected("GENERAL", "x").replace(b"1700000000123", b"0")
+
+
 @pytest.mark.parametrize(
     "payload, errors",
     [
@@ -308,6 +314,8 @@ def test_the_requests_number_is_optional_and_never_echoed(
         (document("GENERAL", "x", content=None), [NO_CONTENT]),
         (document("GENERAL", "x").replace(b'"content": "eA=="', b'"content": null'), [NO_CONTENT]),
         (document("GENERAL", "x").replace(b'"any mac"', b"null"), [BAD_PARAMETERS]),
+        (document("GENERAL", "x").replace(b'"GENERAL"', b"null"), [BAD_PARAMETERS]),
+        (document("GENERAL", "x").replace(b'"17"', b"null"), [BAD_PARAMETERS]),
         (document("x" * 32, "x"), [BAD_PARAMETERS]),
         (document("GENERAL", "x", contentType="x" * 32), [BAD_PARAMETERS]),
         (document("GENERAL", "x", mac="x" * 64), [BAD_PARAMETERS]),

@@ -175,6 +175,58 @@ def test_lists_of_1024_rules_are_taken(filter_: Filter) -> None:
     assert [rule["start"] for rule in json.loads(filter_.left())["devAddrList"]] == list(range(1, 1025))
 
 
+def test_a_section_without_lists_makes_and_removes_the_backup(filter_: Filter) -> None:
+    outcome = filter_.desire({})
+    assert len([line for line in outcome.lines if line.endswith(" Backup filter rule")]) == 1
+    assert outcome.logs("No backup uplink packet filter file"), "it is gone before the rollback looks for it"
+    assert reported(outcome) == shown(ADDRESSES, JOINS, VERSION)
+    assert filter_.left() == STORED
+
+
+MEBIBYTE = 2**20
+LONGEST = 31
+
+
+def padded(rule: dict[str, object], size: int) -> dict[str, object]:
+    """Unknown keys are of no concern."""
+    return {**rule, "note": "n" * size, "more": [None, {"start": "g"}]}
+
+
+@pytest.mark.parametrize("addresses, joins", [(1024, 1024), (1025, 1024), (1024, 1025)])
+def test_a_document_of_about_a_mebibyte(filter_: Filter, addresses: int, joins: int) -> None:
+    section = {
+        "devAddrList": [
+            padded(address(number, f"0x{number:029x}", end=f"{number:031x}"), 200)
+            for number in range(addresses, 0, -1)
+        ],
+        "joinReqList": [
+            padded(join_request(number, devEUI_Start=f"{number:031x}", joinEUI_End=f"{number:031x}"), 400)
+            for number in range(joins, 0, -1)
+        ],
+    }
+    assert len(str(section["devAddrList"][0]["start"])) == LONGEST
+    assert 0.8 * MEBIBYTE < len(json.dumps(section)) < 1.2 * MEBIBYTE
+    outcome = filter_.desire(section)
+    kept, before = json.loads(filter_.left()), json.loads(STORED)
+    assert kept["version"] == 3
+    if addresses > 1024:
+        assert kept["devAddrList"] == before["devAddrList"]
+    else:
+        assert kept["devAddrList"] == [address(each, each, end=each) for each in range(1, 1025)]
+    if joins > 1024:
+        assert kept["joinReqList"] == before["joinReqList"]
+    else:
+        assert [
+            (each["devEUI_Start"], each["devEUI_End"], each["joinEUI_Start"], each["joinEUI_End"])
+            for each in kept["joinReqList"]
+        ] == [(each, each, 0, each) for each in range(1, 1025)]
+    told = json.loads(reported(outcome))["value"]
+    assert [len(told[key]) for key in ("devAddrList", "joinReqList")] == [
+        len(kept[key]) for key in ("devAddrList", "joinReqList")
+    ]
+    assert outcome.errors == ["New config request from the server"]
+
+
 def test_a_read_tells_the_file_without_a_change(filter_: Filter) -> None:
     assert whole_read(filter_) == f"{{{ADDRESSES},{JOINS},{VERSION}}}"
     assert filter_.left() == STORED
@@ -183,6 +235,7 @@ def test_a_read_tells_the_file_without_a_change(filter_: Filter) -> None:
 # --- bad rules ---
 
 GOOD = address(1, "5")
+GOOD_JOIN = join_request(1, devEUI_Start="5")
 
 
 @pytest.mark.parametrize(
@@ -209,6 +262,34 @@ GOOD = address(1, "5")
             "Invalid DevAddr filter action: , must be ALLOW or DENY ",
         ),
         ({"joinReqList": [join_request(1)]}, "one or more fields missing in a profile"),
+        ({"joinReqList": [GOOD_JOIN, {}]}, "one or more fields missing in a profile"),
+        ({"joinReqList": [GOOD_JOIN, 5]}, "one or more fields missing in a profile"),
+        ({"joinReqList": [GOOD_JOIN, None]}, "one or more fields missing in a profile"),
+        ({"joinReqList": [join_request(2, devEUI_Start=None)]}, "one or more fields missing in a profile"),
+        (
+            {"joinReqList": [join_request(1, joinEUI_Start="1" * 32)]},
+            "one or more fields missing in a profile",
+        ),
+        (
+            {"joinReqList": [join_request(1, devEUI_Start="f" * 17)]},
+            "Failed to convert DevEUI start range from string to integer",
+        ),
+        (
+            {"joinReqList": [join_request(1, joinEUI_Start="1", joinEUI_End="1" + "0" * 16)]},
+            "Failed to convert JoinEUI end range from string to integer",
+        ),
+        (
+            {"joinReqList": [join_request(1, joinEUI_Start="1", joinEUI_End="-1")]},
+            "The JoinEUI end range is not Hex",
+        ),
+        (
+            {"joinReqList": [join_request(1, devEUI_Start="2", devEUI_End="1")]},
+            "Invalid DevEUI filter range: end 0000000000000001 less than start 0000000000000002",
+        ),
+        (
+            {"joinReqList": [join_request(1, devEUI_Start="2", action="")]},
+            "Invalid JoinReq filter action: , must be ALLOW or DENY ",
+        ),
         ({"joinReqList": [join_request(1, devEUI_Start="x")]}, "The DevEUI start range is not Hex"),
         (
             {"joinReqList": [join_request(1, devEUI_Start="", devEUI_End="x")]},
@@ -285,6 +366,12 @@ def wait_locked(path: Path) -> None:
         return any("->" in line and name in line for line in lines)
 
     wait_until(is_awaited, "the daemon waits for the lock")
+
+
+def test_a_read_does_not_wait_for_the_lock_of_another(filter_: Filter) -> None:
+    with filter_.lock.open("r+") as other:
+        fcntl.lockf(other, fcntl.LOCK_EX)
+        assert whole_read(filter_) == f"{{{ADDRESSES},{JOINS},{VERSION}}}"
 
 
 def test_a_writer_waits_for_the_lock_of_another(filter_: Filter) -> None:

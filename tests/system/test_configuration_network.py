@@ -171,6 +171,7 @@ def test_a_read_tells_interfaces_profiles_and_sims(gateway: ManagedGateway) -> N
             '{"value":["Cellular","Ethernet","Optical"]}',
         ),
         ({"networkPreferred.0": 0}, '{"status":"interface not set -- auto config applied"}'),
+        ({"networkFallback.0": 0}, '{"status":"interface not set -- auto config applied"}'),
     ],
     ids=str,
 )
@@ -236,6 +237,18 @@ def test_the_first_two_available_interfaces_are_chosen(
         for _ in pair[:1]
     ]
     assert sets_of(gateway) == expected
+
+
+@pytest.mark.parametrize("preferred, fallback", [(1, 0), (0, 3), (0, 0)])
+def test_a_gateway_with_half_a_preference_has_none(
+    gateway: ManagedGateway, preferred: int, fallback: int
+) -> None:
+    gateway.road.agent.set({"networkPreferred.0": preferred, "networkFallback.0": fallback})
+    told = '{"interfacePreference":{"value":["Ethernet","Cellular"]}}'
+    assert reported(desire_preference(gateway, ["Ethernet", "Cellular"])) == told
+    assert sets_of(gateway) == [
+        [["networkPreferred.0", 1], ["networkFallback.0", 3], ["networkPreferencesExecute.0", 1000001]]
+    ]
 
 
 def test_a_choice_that_the_agent_refuses_is_told(gateway: ManagedGateway) -> None:
@@ -454,8 +467,39 @@ def test_a_modem_without_a_status_file_has_not_answered(gateway: ManagedGateway,
     assert outcome.logs(f"operation failed with no response from the modem, status: {text}")
 
 
+@pytest.mark.parametrize("slot, number", [("1", 1), ("x", 0), (True, 1), ([1], 0)], ids=str)
+def test_a_slot_of_another_kind_counts_as_a_number(
+    gateway: ManagedGateway, slot: object, number: int
+) -> None:
+    request_ = but(ADD, simSlot=slot)
+    told = element(f"SIM PIN of slot {number} set", request_)
+    assert reported(desire_pins(gateway, [request_])) == f'{{"cellular":{{"simPin":[{told},{STATE}]}}}}'
+    assert sets_of(gateway) == [[["wmSimPinNewPin.0", "1234"]], [["wmSimPinSet.0", number]]]
+
+
+@pytest.mark.parametrize("length", [31, 32])
+def test_a_pin_has_less_than_32_characters(gateway: ManagedGateway, length: int) -> None:
+    pin = "1" * length
+    outcome = desire_pins(gateway, [but(CHANGE, newSimPin=pin), but(CHANGE, currentSimPin=pin)])
+    told = NOT_CHANGED if length == 32 else "SIM PIN of slot 1 changed"
+    assert [part.split('"')[0] for part in reported(outcome).split('{"status":"')[1:3]] == [told, told]
+    assert (["wmSimPinNewPin.0", pin] in gateway.road.agent.written()) == (length == 31)
+
+
 @pytest.mark.parametrize(
-    "requests", [[{}], [{"simSlot": 0}], [{"newSimPin": "1"}], [5], [None], [[]], ["x"]], ids=str
+    "requests",
+    [
+        [{}],
+        [{"simSlot": 0}],
+        [{"newSimPin": "1"}],
+        [{"simSlot": None, "newSimPin": "1"}],
+        [{"simSlot": None, "newSimPin": "1", "currentSimPin": "2"}],
+        [5],
+        [None],
+        [[]],
+        ["x"],
+    ],
+    ids=str,
 )
 def test_a_pin_without_its_slot_or_text_ends_the_item(gateway: ManagedGateway, requests: object) -> None:
     outcome = desire_pins(gateway, requests)

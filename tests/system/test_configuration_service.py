@@ -9,7 +9,7 @@ from typing import Iterator, Optional
 import pytest
 
 from conftest import Cleanup
-from harness.control import CAPABILITIES, CONFIGURATION, ControlRoad
+from harness.control import CAPABILITIES, CONFIGURATION, SIZES, ControlRoad
 from harness.lab import LabAgent, start_agent
 from harness.waiting import wait_until
 from managed_configuration import (
@@ -169,6 +169,24 @@ def test_the_timestamp_decides(
         assert (outcome.reports, outcome.calls, after) == ([], [], stamp(stored or 0))
 
 
+@pytest.mark.parametrize(
+    "timestamps, verdicts",
+    [
+        ((0, 0, -1, 5, 5, 0), (NEW, NEW, NEW, NEW, REPEAT, OLD)),
+        ((-1, 0, -1), (NEW, NEW, NEW)),
+        ((998, 999, 1000, 999), (NEW, NEW, UNREADABLE, UNREADABLE)),
+        ((998, 1000, 999, 1001), (NEW, NEW, OLD, NEW)),
+    ],
+    ids=lambda value: str(value)[:30],
+)
+def test_timestamps_in_a_row(
+    gateway: ManagedGateway, timestamps: tuple[int, ...], verdicts: tuple[str, ...]
+) -> None:
+    assert tuple(gateway.desire({}, timestamp).errors[0] for timestamp in timestamps) == verdicts
+    accepted = [each for each, verdict in zip(timestamps, verdicts) if verdict in (NEW, REPEAT)]
+    assert gateway.stamp_file.read_bytes() == stamp(accepted[-1])
+
+
 def line_of(outcome: Outcome) -> str:
     """The place of the line on the timestamp, which no test fixes."""
     line = next(line for line in outcome.lines if "Config request timestamp" in line)
@@ -306,6 +324,8 @@ def test_a_timestamp_of_another_kind_counts_as_a_number(
         "false",
         '{"NetworkServer":{},"unknown":{"a":1}}',
         '{"networkServer":null,"snmpAgent":null}',
+        '{"geoLocation":null}',
+        '{"geoLocation":null,"networkConfiguration":null,"upgradeServer":null,"loraTrafficFilter":null}',
     ],
 )
 def test_a_content_without_sections_is_answered_with_none(gateway: ManagedGateway, content: str) -> None:
@@ -320,6 +340,16 @@ def test_an_empty_message_is_told_and_the_next_is_taken(gateway: ManagedGateway)
     gateway.road.publish(b"", DESIRED)
     gateway.road.bridge.wait_for_log("invalid payload size received", after=mark)
     assert text_of(gateway.desire({})) == NOTHING
+
+
+@pytest.mark.parametrize("size", SIZES)
+def test_a_document_of_any_size_is_taken(gateway: ManagedGateway, size: int) -> None:
+    whole = document(5, {"geoLocation": {}})
+    if size < len(whole):
+        assert gateway.send(whole[:size]).errors == [NO_DOCUMENT]
+        return
+    outcome = gateway.send(whole[:-1] + b" " * (size - len(whole)) + b"}")
+    assert text_of(outcome) == '{"content":{"geoLocation":{}}}'
 
 
 def test_a_document_of_a_mebibyte_is_handed_over_and_back(gateway: ManagedGateway) -> None:
@@ -423,6 +453,8 @@ def test_a_repeat_reads_what_was_written(gateway: ManagedGateway) -> None:
     gateway.desire({"networkServer": {"n": 7}})
     outcome = gateway.desire({"networkServer": {"n": 8}})
     assert json.loads(text_of(outcome))["content"]["networkServer"] == {"n": 7}
+    kept = retained(gateway.road)
+    assert [(each.payload, each.retain) for each in kept] == [(outcome.reports[0], True)]
     for text in (
         "reading NS configuration",
         "reading connectivity check configuration",
@@ -466,13 +498,26 @@ FEED = '"networkServer":{"n":1},"upgradeServer":{"ipkFeedURL":%s},"snmpAgent":{"
             [],
         ),
         (
+            {"networkServer": {"n": 1}, "upgradeServer": {"ipkFeedURL": None}, "snmpAgent": {"s": 1}},
+            "nobody",
+            '"networkServer":{"n":1},"upgradeServer":{}',
+            [],
+        ),
+        (
             {"networkServer": {"n": 1}, "upgradeServer": 5, "snmpAgent": {"s": 1}},
             "nobody",
             '"networkServer":{"n":1},"upgradeServer":{}',
             [],
         ),
     ],
-    ids=["networkServer", "snmpAgent", "ipkFeedURL", "no-ipkFeedURL", "upgradeServer-of-another-kind"],
+    ids=[
+        "networkServer",
+        "snmpAgent",
+        "ipkFeedURL",
+        "no-ipkFeedURL",
+        "null-ipkFeedURL",
+        "upgradeServer-of-another-kind",
+    ],
 )
 def test_a_section_that_fails_to_be_written_holds_neither_response_nor_timestamp_back(
     gateway: ManagedGateway, content: object, silent: str, response: str, errors: list[str]
@@ -494,7 +539,14 @@ def test_a_section_that_fails_to_be_written_holds_neither_response_nor_timestamp
             SECTIONS,
             ["failed to extract feed configuration response", "failed upgrade config read for [ipkFeedURL]"],
         ),
-        ("connectivityCheck", SECTIONS, ["failed to extract connectivity check  configuration response"]),
+        (
+            "connectivityCheck",
+            SECTIONS,
+            [
+                "failed to extract connectivity check  configuration response",
+                "failed network config read for [connectivityCheck]",
+            ],
+        ),
     ],
 )
 def test_a_section_that_fails_to_be_read(
@@ -506,6 +558,9 @@ def test_a_section_that_fails_to_be_read(
     assert list(content) == sections
     if silent == "ipkFeedURL":
         assert content["upgradeServer"] == {"ipkFeedURL": {"status": "unable to feed url info"}}
+    elif silent == "connectivityCheck":
+        check = content["networkConfiguration"]["connectivityCheck"]
+        assert check == {"status": "unable to read connectivity check info"}
     elif silent == sections[-1]:
         assert content[silent] == {}
     assert [each for each in outcome.errors if each in errors] == errors
@@ -513,8 +568,16 @@ def test_a_section_that_fails_to_be_read(
 
 def test_a_failed_check_of_the_network_is_told(gateway: ManagedGateway) -> None:
     gateway.switch("connectivityCheck.forgets")
-    outcome = gateway.desire({"networkConfiguration": {"connectivityCheck": {}}})
-    assert "failed to extract connectivity check configuration response" in outcome.errors
+    outcome = gateway.desire({"snmpAgent": {"s": 1}, "networkConfiguration": {"connectivityCheck": {}}})
+    assert outcome.errors == [
+        NEW,
+        "failed to extract connectivity check configuration response",
+        "failed network config write for [connectivityCheck]",
+    ]
+    assert text_of(outcome) == (
+        '{"content":{"networkConfiguration":{"connectivityCheck":'
+        '{"status":"unable to write connectivity check info"}},"snmpAgent":{"s":1}}}'
+    )
 
 
 # --- what the programs answer ---

@@ -6,7 +6,16 @@ from typing import Any, Iterator
 import pytest
 
 from harness.config import GW_MAC
-from harness.control import CAPABILITIES, COMMANDS, CONFIGURATION, Answer, ControlRoad, is_answer, request
+from harness.control import (
+    CAPABILITIES,
+    COMMANDS,
+    CONFIGURATION,
+    SIZES,
+    Answer,
+    ControlRoad,
+    is_answer,
+    request,
+)
 from harness.lab import LabAgent, start_agent
 from harness.waiting import wait_until
 
@@ -226,9 +235,6 @@ def test_huge_numbers_and_bad_text_in_params_are_no_end(shared: ControlRoad) -> 
     answer = Answer(shared.peer.wait_for(is_answer, after=mark).payload)
     assert b'"error":"invalid ping packets count"' in answer.payload
     assert shared.command("getRadioStatistics").response == dict(RADIO_STATISTICS)
-
-
-SIZES = [1, 2, 1023, 4096, 65535, 65536, 1 << 20]
 
 
 @pytest.mark.parametrize("size", SIZES)

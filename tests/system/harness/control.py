@@ -24,6 +24,7 @@ STATE = "state"
 STARTED = "ctrlplane is started"
 WORKER_DONE = "exiting MQTT subscription worker"
 FIRST_REQUEST = 1000
+SIZES = [1, 2, 1023, 4096, 65535, 65536, 1 << 20]  # of messages, in bytes
 
 # Alarms are asked for this often, in seconds, and a restart of the control plane waits for the next time.
 POLL = 1

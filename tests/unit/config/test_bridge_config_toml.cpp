@@ -24,7 +24,6 @@ struct file_identity {
 static std::deque<file_identity> identities;
 static bool fstat_fails = false;
 
-/* The one or the other, by the width of the build's file offsets; here they are the same. */
 extern "C" int __real_fstat64(int fd, struct stat *status);
 extern "C" int __wrap_fstat64(int fd, struct stat *status)
 {
@@ -39,11 +38,6 @@ extern "C" int __wrap_fstat64(int fd, struct stat *status)
         identities.pop_front();
     }
     return result;
-}
-
-extern "C" int __wrap_fstat(int fd, struct stat *status)
-{
-    return __wrap_fstat64(fd, status);
 }
 
 class ConfigToml : public testing::Test

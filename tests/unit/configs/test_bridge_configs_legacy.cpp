@@ -2,13 +2,18 @@
  * not go out. */
 #include "converter/control/bridge_configs_legacy.h"
 
+#include "common/captured_stderr.h"
 #include "control/control_neighbours.h"
+#include "converter/control/bridge_configs_legacy_general.h"
 
+#include <json-c/json.h>
+#include <new>
 #include <sys/stat.h>
 #include <thread>
 
 using testing::Contains;
 using testing::ElementsAre;
+using testing::ElementsAreArray;
 using testing::IsEmpty;
 using testing::Pair;
 
@@ -18,11 +23,25 @@ static constexpr const char *QUERY = "set upgradeServerListStatus.0=100";
 static constexpr const char *TABLE = "rows name=upgradeServerListName:4 type=upgradeServerListType:4 "
                                      "address=upgradeServerListAddress:4";
 
+FAILING_CALL(void *, malloc, (size_t size), (size), nullptr)
+FAILING_CALL(void *, calloc, (size_t count, size_t size), (count, size), nullptr)
+FAILING_CALL(char *, strdup, (const char *text), (text), nullptr)
+FAILING_NEW
+FAILING_CALL(json_object *, json_object_new_object, (), (), nullptr)
+FAILING_CALL(json_object *, json_object_new_string, (const char *text), (text), nullptr)
+FAILING_CALL(json_object *, json_object_new_int64, (int64_t number), (number), nullptr)
+FAILING_CALL(int, json_object_object_add, (json_object * object, const char *key, json_object *value),
+             (object, key, value), -1)
+FAILING_CALL(int, json_object_object_add_ex,
+             (json_object * object, const char *key, json_object *value, unsigned options),
+             (object, key, value, options), -1)
+FAILING_CALL(int, json_object_array_add, (json_object * array, json_object *value), (array, value), -1)
+
 /* ---- the gateway's file ---- */
 
 static off_t file_size; /* negative: the file is elsewhere */
 
-extern "C" int __wrap_stat(const char *path, struct stat *status)
+extern "C" int __wrap_stat64(const char *path, struct stat *status)
 {
     EXPECT_STREQ(path, "/etc/default/config.json");
     *status = {};
@@ -136,4 +155,121 @@ TEST_F(LegacyConfigs, AListIsWrittenNamesFirst)
         ElementsAre(terminated(
             R"({"content":"W10A","applyTs":1,"type":"UPGRADE_SERVERS","contentType":"c","mac":"m"})")));
     EXPECT_THAT(supervisor.taken(), IsEmpty());
+}
+
+/* ---- without memory ---- */
+
+static constexpr const char *NO_FIELD = "ERROR failed to serialize field";
+static constexpr const char *NOT_SERIALIZED = "ERROR failed to serialize configuration response";
+
+TEST_F(LegacyConfigs, APushWithoutMemoryTellsWhatFailed)
+{
+    static constexpr const char *NO_BUFFER = "ERROR failed to allocate buffer for base64 data";
+    const struct {
+        const char *call;
+        int after;
+        size_t sent;
+        std::vector<std::string> told;
+    } rows[] = {
+        {NEW, 0, 0, {"ERROR failed to allocate memory for config data container"}},
+        {"strdup", 0, 0, {"ERROR failed to copy topic for config data container"}},
+        {"json_object_new_object", 0, 0, {"ERROR cannot allocate root json object"}},
+        {"json_object_new_object", 1, 1, {"ERROR cannot allocate root json object"}},
+        {"json_object_new_int64", 0, 0, {NO_FIELD, NOT_SERIALIZED}},
+        {"calloc", 0, 1, {"ERROR cannot allocate memory for configuration buffer"}},
+        {"malloc", 0, 0, {NO_BUFFER, NO_BUFFER}},
+        {"json_object_new_string", 2, 0, {"ERROR failed to allocate push content", NO_FIELD, NOT_SERIALIZED}},
+        {"json_object_object_add", 7, 1, {"ERROR failed to add push content"}},
+        {"strdup", 1, 1, {"ERROR failed to allocate response string"}},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(join({row.call, " ", std::to_string(row.after)}));
+        const size_t before = mqtt.publishes().size();
+        const log_view told = log.from_here();
+        let_fail(row.call, 0, row.after);
+        EXPECT_EQ(bridge_config_push_launcher_legacy(ctx, TOPIC), 0);
+        let_all_pass();
+        EXPECT_THAT(told.complaints(), ElementsAreArray(row.told));
+        EXPECT_EQ(mqtt.publishes().size() - before, row.sent);
+        EXPECT_EQ(pthread_mutex_trylock(&context.mutex), 0);
+        pthread_mutex_unlock(&context.mutex);
+    }
+    EXPECT_THAT(supervisor.taken(), IsEmpty());
+}
+
+TEST_F(LegacyConfigs, ADocumentWithoutMemoryHasNoResponseAndTellsWhatFailed)
+{
+    static constexpr const char *GENERAL = "eA==";
+    static constexpr const char *SERVERS = "W10=";
+    const struct {
+        const char *content;
+        const char *call;
+        int after;
+        std::vector<std::string> told;
+    } rows[] = {
+        {GENERAL, "json_object_new_object", 0, {"ERROR cannot allocate response object"}},
+        {GENERAL, "calloc", 0, {"ERROR failed to de-serialize base64 string"}},
+        {GENERAL, "strdup", 0, {"ERROR failed to allocate response string"}},
+        {GENERAL, "malloc", 0, {"ERROR cannot allocate memory for configuration base64 buffer"}},
+        {GENERAL,
+         "json_object_new_string",
+         0,
+         {"ERROR cannot allocate memory for configuration base64 JSON"}},
+        {GENERAL,
+         "json_object_object_add_ex",
+         0,
+         {"ERROR failed to replace content with base64 JSON object: out of memory"}},
+        {GENERAL, "json_object_new_int64", 0, {NO_FIELD, NOT_SERIALIZED}},
+        {SERVERS, "json_object_new_object", 1, {"ERROR failed to allocate new JSON object"}},
+        {SERVERS, "json_object_new_string", 0, {NO_FIELD, "ERROR failed to allocate new JSON object"}},
+        {SERVERS, "json_object_array_add", 0, {"ERROR failed to place JSON item in the list"}},
+        {SERVERS, "strdup", 0, {"ERROR failed to allocate response string"}},
+    };
+    agent.table("upgradeServerListName", R"([{"name":"one"}])");
+    for (const auto &row : rows) {
+        SCOPED_TRACE(join({row.content, " ", row.call, " ", std::to_string(row.after)}));
+        const log_view told = log.from_here();
+        let_fail(row.call, 0, row.after);
+        pull(row.content == GENERAL ? "GENERAL" : "UPGRADE_SERVERS", row.content);
+        let_all_pass();
+        EXPECT_THAT(told.complaints(), ElementsAreArray(row.told));
+    }
+    EXPECT_THAT(mqtt.publishes(), IsEmpty());
+    EXPECT_THAT(supervisor.taken(), IsEmpty());
+}
+
+/* ---- assertions ---- */
+
+using LegacyConfigsDeath = LegacyConfigs;
+
+TEST_F(LegacyConfigsDeath, WhatIsMissingIsAsserted)
+{
+    char *out = nullptr;
+    EXPECT_ASSERTION(bridge_config_pull_worker_legacy(nullptr, TOPIC, "{}"), "ctx");
+    EXPECT_ASSERTION(bridge_config_pull_worker_legacy(ctx, nullptr, "{}"), "topic");
+    EXPECT_ASSERTION(bridge_config_pull_worker_legacy(ctx, TOPIC, nullptr), "payload");
+    EXPECT_ASSERTION(bridge_config_push_launcher_legacy(nullptr, TOPIC), "ctx");
+    EXPECT_ASSERTION(bridge_config_push_launcher_legacy(ctx, nullptr), "topic");
+    EXPECT_ASSERTION(bridge_config_get_latest_launcher_legacy(nullptr, TOPIC), "ctx != NULL");
+    EXPECT_ASSERTION(bridge_config_get_latest_launcher_legacy(ctx, nullptr), "topic != NULL");
+    EXPECT_ASSERTION(bridge_configs_legacy_general_write(nullptr, "x", &out), "ctx != NULL");
+    EXPECT_ASSERTION(bridge_configs_legacy_general_write(ctx, nullptr, &out), "cfg != NULL");
+    EXPECT_ASSERTION(bridge_configs_legacy_general_write(ctx, "x", nullptr), "out != NULL");
+}
+
+TEST_F(LegacyConfigsDeath, AFailedPublishWithoutAHandlerIsAsserted)
+{
+    ctx->user_handler = nullptr;
+    mqtt.results({-1, -1});
+    EXPECT_ASSERTION(bridge_config_push_launcher_legacy(ctx, TOPIC), "ctx->user_handler");
+    EXPECT_ASSERTION(bridge_config_get_latest_launcher_legacy(ctx, TOPIC), "ctx->user_handler");
+    EXPECT_ASSERTION(pull("GENERAL", "eA=="), "ctx->user_handler");
+}
+
+TEST_F(LegacyConfigsDeath, ARequestThatDoesNotFitIsAsserted)
+{
+    std::string long_mac(512, 'm');
+    ctx->gw_mac = long_mac.data();
+    EXPECT_ASSERTION(bridge_config_get_latest_launcher_legacy(ctx, TOPIC),
+                     "n > 0 && n < (int)sizeof(payload)");
 }

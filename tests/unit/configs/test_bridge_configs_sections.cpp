@@ -1,6 +1,7 @@
 /* Sections that programs read and write: how long each may take, and what becomes of one that takes longer.
  */
 #include "common/bridge_json_helpers.h"
+#include "common/captured_stderr.h"
 #include "control/control_neighbours.h"
 #include "converter/control/bridge_configs_gw.h"
 #include "converter/control/bridge_configs_gw_lorafilter.h"
@@ -12,7 +13,13 @@
 #include <json-c/json.h>
 
 using testing::ElementsAre;
+using testing::ElementsAreArray;
 using testing::IsEmpty;
+
+FAILING_CALL(json_object *, json_object_new_object, (), (), nullptr)
+FAILING_CALL(json_object *, json_object_new_string, (const char *text), (text), nullptr)
+FAILING_CALL(int, json_object_object_add, (json_object * object, const char *key, json_object *value),
+             (object, key, value), -1)
 
 static constexpr pid_t ENDED = 4711;
 static constexpr const char *UNFINISHED = "ERROR child process wasn't completed in time";
@@ -37,9 +44,11 @@ static size_t handed_over;
 static bool disk_is_full;
 
 extern "C" {
-FILE *__wrap_fopen(const char *path, const char *)
+FILE *__real_fopen64(const char *path, const char *mode);
+FILE *__wrap_fopen64(const char *path, const char *mode)
 {
-    EXPECT_STREQ(path, "/tmp/snv_cfg_in.json");
+    if (strcmp(path, "/tmp/snv_cfg_in.json") != 0)
+        return __real_fopen64(path, mode); /* the test framework's */
     handed_over++;
     if (disk_is_full)
         return fdopen(open("/dev/full", O_WRONLY | O_CLOEXEC), "w");
@@ -215,4 +224,138 @@ TEST_F(ConfigurationSections, AFailureOfAnySectionEndsTheWalk)
     EXPECT_EQ(text(), R"({"networkServer":{"a":1},"geoLocation":{},"networkConfiguration":{}})");
     network_result = 0;
     EXPECT_EQ(write(ALL), 3) << "the last section's result";
+}
+
+/* ---- without memory ---- */
+
+static constexpr const char *NEW_OBJECT = "json_object_new_object";
+static constexpr const char *NEW_STRING = "json_object_new_string";
+static constexpr const char *ADD = "json_object_object_add";
+
+struct memory_row {
+    const char *document; /* null to read */
+    const char *call;
+    int after;
+    int result;
+    pid_t run;
+    std::vector<std::string> told;
+};
+
+TEST_F(ConfigurationSections, WithoutMemoryTheWalkEndsWithItsLine)
+{
+    static constexpr const char *NS = R"({"networkServer":{},"geoLocation":{}})";
+    static constexpr const char *SNMP = R"({"snmpAgent":{}})";
+    static constexpr const char *FEED = R"({"upgradeServer":{"ipkFeedURL":{}}})";
+    static constexpr const char *NOT_ADDED = "ERROR failed to add subconfig object to response";
+    static constexpr const char *NO_REPLY = "ERROR failed to allocate memory for JSON response array";
+    static constexpr const char *NO_OBJECT = "ERROR failed to allocate response object for [ipkFeedURL]";
+    static constexpr const char *NO_STATUS = "ERROR failed to allocate response status for [ipkFeedURL]";
+    static constexpr const char *NOT_EMBEDDED = "ERROR failed to embed status message for [ipkFeedURL]";
+    static constexpr const char *NOT_WRITTEN = "ERROR failed upgrade config write for [ipkFeedURL]";
+    static constexpr const char *NOT_READ = "ERROR failed upgrade config read for [ipkFeedURL]";
+    const memory_row rows[] = {
+        {NS, NEW_OBJECT, 0, -12, ENDED, {"ERROR failed to allocate [networkServer] subconfig response"}},
+        {NS, NEW_OBJECT, 1, -12, ENDED, {"ERROR failed to allocate [geoLocation] subconfig response"}},
+        {NS, ADD, 0, -5, ENDED, {NOT_ADDED}},
+        {NS, ADD, 1, -1, ENDED, {"ERROR failed to process NS configuration response"}},
+        {SNMP, ADD, 1, -1, ENDED, {"ERROR failed to process SNMP configuration write response"}},
+        {FEED, NEW_OBJECT, 1, -12, ENDED, {NO_REPLY}},
+        {FEED, NEW_OBJECT, 2, -12, -5, {NOT_WRITTEN, NO_OBJECT}},
+        {FEED, NEW_STRING, 0, -12, -5, {NOT_WRITTEN, NO_STATUS}},
+        {FEED, ADD, 1, -5, -5, {NOT_WRITTEN, NOT_EMBEDDED}},
+        {FEED, ADD, 2, -5, -5, {NOT_WRITTEN, "ERROR failed to add subconfig object to the response"}},
+        {FEED, ADD, 2, -5, ENDED, {"ERROR failed to add subconfig object to the response"}},
+        {FEED,
+         ADD,
+         1,
+         -5,
+         ENDED,
+         {"ERROR failed to process US configuration response", NOT_WRITTEN, NOT_EMBEDDED}},
+        {nullptr, NEW_OBJECT, 0, -12, ENDED, {"ERROR failed to allocate [networkServer] subconfig response"}},
+        {nullptr, ADD, 0, -5, ENDED, {NOT_ADDED}},
+        {nullptr, ADD, 1, -1, ENDED, {"ERROR failed to process NS configuration response"}},
+        {nullptr, NEW_OBJECT, 4, -12, ENDED, {NO_REPLY}},
+        {nullptr,
+         ADD,
+         5,
+         -5,
+         ENDED,
+         {"ERROR failed to process feed configuration response", NOT_READ, NOT_EMBEDDED}},
+        {nullptr, ADD, 6, -5, ENDED, {"ERROR failed to add response to the subconfig object [ipkFeedURL]"}},
+        {nullptr, ADD, 8, -1, ENDED, {"ERROR failed to process SNMP configuration read response"}},
+    };
+    for (const memory_row &row : rows) {
+        SCOPED_TRACE(join({row.document != nullptr ? row.document : "read", " ", row.call, " ",
+                           std::to_string(row.after)}));
+        run_result = row.run;
+        const log_view told = log.from_here();
+        const json_owned cfg(row.document != nullptr ? json_tokener_parse(row.document) : nullptr);
+        out.reset(json_object_new_object());
+        let_fail(row.call, 0, row.after);
+        const int result =
+            cfg ? bridge_configs_gw_write(ctx, cfg.get(), out.get()) : bridge_configs_gw_read(ctx, out.get());
+        let_all_pass();
+        EXPECT_EQ(result, row.result);
+        EXPECT_THAT(told.complaints(), ElementsAreArray(row.told));
+    }
+}
+
+TEST_F(ConfigurationSections, ACheckOfTheNetworkWithoutMemoryIsTold)
+{
+    out.reset(json_object_new_object());
+    for (int (*const direction)(json_object *) : {cfg_connectivity_check_read, +[](json_object *reply) {
+                                                      return cfg_connectivity_check_write(reply, reply);
+                                                  }}) {
+        const log_view told = log.from_here();
+        let_fail(ADD);
+        EXPECT_EQ(direction(out.get()), -1);
+        let_all_pass();
+        EXPECT_THAT(told.complaints(),
+                    ElementsAre("ERROR failed to process connectivity check configuration response"));
+    }
+}
+
+TEST_F(ConfigurationSections, AReplyThatCannotBeFormedIsToldByItsItem)
+{
+    const struct {
+        void (*form)(const char *, int *, json_object *, json_object **);
+        const char *call;
+        int result;
+        const char *told;
+    } rows[] = {
+        {add_status_key, NEW_OBJECT, -12, "ERROR failed to allocate response object for [item]"},
+        {add_status_key, ADD, -5, "ERROR failed to embed status message for [item]"},
+        {add_value_key, NEW_OBJECT, -12, "ERROR failed to allocate response object for [item]"},
+        {add_value_key, ADD, -5, "ERROR failed to embed write response for [item]"},
+    };
+    for (const auto &row : rows) {
+        const log_view told = log.from_here();
+        json_object *const payload = json_object_new_string("text");
+        json_object *reply = nullptr;
+        int result = 5;
+        let_fail(row.call);
+        row.form("item", &result, payload, &reply);
+        let_all_pass();
+        EXPECT_EQ(result, row.result);
+        EXPECT_EQ(reply, nullptr);
+        EXPECT_THAT(told.complaints(), ElementsAre(row.told));
+    }
+}
+
+/* ---- assertions ---- */
+
+using ConfigurationSectionsDeath = ConfigurationSections;
+
+TEST_F(ConfigurationSectionsDeath, WhatIsMissingIsAsserted)
+{
+    out.reset(json_object_new_object());
+    json_object *reply = nullptr;
+    int result = 0;
+    EXPECT_ASSERTION(bridge_configs_gw_write(nullptr, out.get(), out.get()), "ctx != NULL");
+    EXPECT_ASSERTION(bridge_configs_gw_write(ctx, nullptr, out.get()), "cfg != NULL");
+    EXPECT_ASSERTION(bridge_configs_gw_write(ctx, out.get(), nullptr), "out != NULL");
+    EXPECT_ASSERTION(bridge_configs_gw_read(nullptr, out.get()), "ctx != NULL");
+    EXPECT_ASSERTION(bridge_configs_gw_read(ctx, nullptr), "out != NULL");
+    EXPECT_ASSERTION(add_status_key("item", &result, nullptr, &reply), "*err_resp != NULL");
+    EXPECT_ASSERTION(add_value_key("item", &result, nullptr, &reply), "*success_resp != NULL");
 }

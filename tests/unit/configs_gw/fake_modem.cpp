@@ -58,7 +58,18 @@ int64_t fake_modem::free_context() const
     return context;
 }
 
-void fake_modem::operate(const std::string &object, int64_t number)
+void fake_modem::remove(int64_t context)
+{
+    std::erase_if(profiles, [&](const modem_profile &each) { return each.context == context; });
+    if (!renumbers)
+        return;
+    for (modem_profile &each : profiles)
+        each.context -= each.context > context ? 1 : 0;
+    working -= working > context ? 1 : 0;
+}
+
+/* False for a context that is not there: only a modem that renumbers is asked for one. */
+bool fake_modem::operate(const std::string &object, int64_t number)
 {
     const auto found = std::find_if(profiles.begin(), profiles.end(),
                                     [&](const modem_profile &each) { return each.context == number; });
@@ -68,17 +79,21 @@ void fake_modem::operate(const std::string &object, int64_t number)
         fill(&profile, static_cast<int64_t>(profiles.size()) + 1);
         profile.context = free_context();
         profiles.push_back(profile);
-        return;
+        return true;
     }
-    ASSERT_NE(found, profiles.end()) << object << " " << number;
+    if (found == profiles.end()) {
+        EXPECT_TRUE(renumbers) << object << " " << number;
+        return false;
+    }
     if (object == "wmModifyPdpProfile.0")
         fill(&*found, number);
     else if (object == "wmRemovePdpProfile.0")
-        profiles.erase(found);
+        remove(number);
     else if (object == "wmPdpWorkingProfile.0")
         working = number;
     else
-        FAIL() << object;
+        ADD_FAILURE() << object;
+    return true;
 }
 
 void fake_modem::write(const std::string &object, const std::string &value)
@@ -91,9 +106,7 @@ void fake_modem::write(const std::string &object, const std::string &value)
         staged_[object] = value;
         return;
     }
-    const bool is_refused = refuses(operations_++);
-    if (!is_refused)
-        operate(object, std::stoll(value));
+    const bool is_refused = refuses(operations_++) || !operate(object, std::stoll(value));
     staged_.clear();
     texts[PDP_STATUS] = is_refused ? "Failed" : done;
 }
@@ -205,6 +218,8 @@ static json_object *cell(const modem_profile &profile, const std::string &column
     if (column == "wmPdpAuthType")
         return json_object_new_int64(profile.authentication);
     EXPECT_EQ(column, "wmPdpCid");
+    if (profile.context == NO_CONTEXT)
+        return nullptr;
     return json_object_new_int64(profile.context);
 }
 
@@ -214,13 +229,17 @@ int bridge_snmp_get_exact_table_as_json(converter_ctx *, const bridge_snmp_colum
     if (modem.note("table") < 0)
         return -1;
     EXPECT_EQ(index, nullptr);
+    modem.stands_apart(true);
     *out = json_object_new_array();
     for (const modem_profile &profile : modem.profiles) {
         json_object *row = json_object_new_object();
-        for (const bridge_snmp_column *column = mapping; column->field_name != nullptr; column++)
-            json_object_object_add(row, column->field_name, cell(profile, column->oid));
+        for (const bridge_snmp_column *column = mapping; column->field_name != nullptr; column++) {
+            if (json_object *value = cell(profile, column->oid))
+                json_object_object_add(row, column->field_name, value);
+        }
         json_object_array_add(*out, row);
     }
+    modem.stands_apart(false);
     return 0;
 }
 

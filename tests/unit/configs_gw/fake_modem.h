@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+static constexpr int64_t NO_CONTEXT = -1; /* the row has no such cell */
+
 struct modem_profile {
     std::string name;
     std::string apn;
@@ -24,6 +26,7 @@ class fake_modem
   public:
     std::vector<modem_profile> profiles;
     int64_t working = 0;
+    bool renumbers = false;                   /* a delete takes 1 from every context above it */
     std::map<std::string, int64_t> numbers;   /* other objects; one without is not there */
     std::map<std::string, std::string> texts; /* the same */
     std::map<std::string, std::string> written;
@@ -40,12 +43,16 @@ class fake_modem
     /* Of the operations on profiles, counted from 0, those that the modem does not carry out. */
     std::function<bool(size_t number)> refuses = [](size_t) { return false; };
 
+    /* Told before and behind what the stand-ins do themselves. */
+    std::function<void(bool begins)> stands_apart = [](bool) {};
+
     /* For the stand-ins. */
     int note(const std::string &call);
     void write(const std::string &object, const std::string &value);
 
   private:
-    void operate(const std::string &object, int64_t number);
+    bool operate(const std::string &object, int64_t number);
+    void remove(int64_t context);
     void fill(modem_profile *profile, int64_t row);
     int64_t free_context() const;
 

@@ -12,7 +12,7 @@ static std::filesystem::path the_folder;
 static std::string refused_name;
 static int refused_error;
 static int opens_to_pass;
-static std::vector<std::string> lock_calls;
+static std::vector<std::string> file_steps;
 
 FilterTest::FilterTest()
 {
@@ -20,7 +20,7 @@ FilterTest::FilterTest()
     the_folder = mkdtemp(name);
     refused_error = 0;
     waits = {};
-    lock_calls.clear();
+    file_steps.clear();
     let_all_pass();
     put("", "{}");
     put("-lock", "");
@@ -69,7 +69,14 @@ void FilterTest::let_pass_after_waits(size_t count)
 
 std::vector<std::string> FilterTest::locking()
 {
-    return lock_calls;
+    std::vector<std::string> calls = file_steps;
+    std::erase_if(calls, [](const std::string &step) { return step.starts_with("open "); });
+    return calls;
+}
+
+std::vector<std::string> FilterTest::steps()
+{
+    return file_steps;
 }
 
 static std::string below(const char *path)
@@ -82,14 +89,16 @@ static std::string below(const char *path)
 
 // NOLINTBEGIN(bugprone-reserved-identifier): the linker makes the names
 extern "C" {
-FILE *__real_fopen(const char *path, const char *mode);
-FILE *__wrap_fopen(const char *path, const char *mode)
+FILE *__real_fopen64(const char *path, const char *mode);
+FILE *__wrap_fopen64(const char *path, const char *mode)
 {
     if (refused_error != 0 && path == std::string(FIXED) + refused_name && opens_to_pass-- <= 0) {
         errno = refused_error;
         return nullptr;
     }
-    return __real_fopen(below(path).c_str(), mode);
+    if (std::string_view(path).starts_with(FIXED))
+        file_steps.push_back(std::string("open ").append(path + FIXED.size()));
+    return __real_fopen64(below(path).c_str(), mode);
 }
 
 int __real_remove(const char *path);
@@ -104,13 +113,13 @@ int __wrap_access(const char *path, int mode)
     return __real_access(below(path).c_str(), mode);
 }
 
-int __real_lockf(int fd, int command, off_t length);
-int __wrap_lockf(int fd, int command, off_t length)
+int __real_lockf64(int fd, int command, off_t length);
+int __wrap_lockf64(int fd, int command, off_t length)
 {
     EXPECT_EQ(length, 0);
     const bool failed = command == F_LOCK && fails("lockf");
-    lock_calls.emplace_back(failed ? "no lock" : command == F_LOCK ? "lock" : "unlock");
-    return failed ? -1 : __real_lockf(fd, command, length);
+    file_steps.emplace_back(failed ? "no lock" : command == F_LOCK ? "lock" : "unlock");
+    return failed ? -1 : __real_lockf64(fd, command, length);
 }
 
 /* The log's own writes pass. */
@@ -122,6 +131,6 @@ size_t __wrap_fwrite(const void *data, size_t size, size_t count, FILE *stream)
 }
 // NOLINTEND(bugprone-reserved-identifier)
 
-FAILING_CALL(int, ftruncate, (int fd, off_t length), (fd, length), -1)
-FAILING_CALL(off_t, lseek, (int fd, off_t offset, int whence), (fd, offset, whence), -1)
+FAILING_CALL(int, ftruncate64, (int fd, off_t length), (fd, length), -1)
+FAILING_CALL(off_t, lseek64, (int fd, off_t offset, int whence), (fd, offset, whence), -1)
 FAILING_CALL(int, json_object_to_fd, (int fd, json_object *object, int flags), (fd, object, flags), -1)

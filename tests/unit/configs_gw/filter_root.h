@@ -31,6 +31,9 @@ class FilterTest : public testing::Test
     /* What was done to the lock file: "lock", "no lock", "unlock". */
     static std::vector<std::string> locking();
 
+    /* The same among the files that are opened, as "open ", "open -lock" and "open -backup". */
+    static std::vector<std::string> steps();
+
     captured_log log;
 };
 

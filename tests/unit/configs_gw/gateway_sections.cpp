@@ -68,14 +68,22 @@ int bridge_configs_gw_snmp_write(converter_ctx *, json_object *, json_object *)
     return 0;
 }
 
+static void put_check(json_object *out, json_object *value)
+{
+    modem.stands_apart(true);
+    json_object_object_add(out, "check",
+                           value != nullptr ? json_object_get(value) : json_object_new_string("read"));
+    modem.stands_apart(false);
+}
+
 int cfg_connectivity_check_read(json_object *out)
 {
-    json_object_object_add(out, "check", json_object_new_string("read"));
+    put_check(out, nullptr);
     return scripts_result;
 }
 
 int cfg_connectivity_check_write(json_object *cfg, json_object *out)
 {
-    json_object_object_add(out, "check", json_object_get(cfg));
+    put_check(out, cfg);
     return scripts_result;
 }

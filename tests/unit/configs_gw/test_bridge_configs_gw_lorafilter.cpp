@@ -1,7 +1,10 @@
 /* The section of the uplink packet filter, on real files: which rules are refused and why, and that a write
  * is all or nothing. */
+#include "common/bridge_json_helpers.h"
+#include "common/captured_stderr.h"
 #include "configs_gw/filter_root.h"
 #include "configs_gw/gateway_sections.h"
+#include "converter/control/bridge_configs_gw_lorafilter.h"
 
 #include <new>
 #include <random>
@@ -240,6 +243,61 @@ TEST_F(LoraFilterSection, ABadAddressRuleIsRefusedWithItsReason)
         const log_view told = log.from_here();
         const section_outcome written =
             write(join({R"({"devAddrList":[)", devaddr("1"), ",", row.rule, R"(],"joinReqList":null})"}));
+        EXPECT_EQ(written.result, -22);
+        EXPECT_EQ(written.reply, REFUSED);
+        EXPECT_EQ(told.lines_of({"ERROR"}), std::vector<std::string>{row.told});
+        EXPECT_EQ(content(""), BOTH_LISTS);
+        EXPECT_EQ(content("-backup"), std::nullopt);
+    }
+}
+
+static std::string joinreq(const char *start, const char *id = "1", const char *action = "ALLOW")
+{
+    return join({R"({"ruleId":)", id, R"(,"action":")", action, R"(","devEUI_Start":")", start, R"("})"});
+}
+
+TEST_F(LoraFilterSection, ABadJoinRequestRuleIsRefusedAsABadAddressRuleIs)
+{
+    static constexpr const char *FIELDS = ERROR_LINE(
+        "unable to deserialize the JoinReq filter rule -- one or more fields missing in a profile");
+    static constexpr const char *START = ERROR_LINE("The DevEUI start range is not Hex");
+    static constexpr const char *NO_ID = ERROR_LINE("Invalid JoinReq filter ruleid 0, must be 1 or greater ");
+    const std::string too_long(32, '1');
+    const std::string too_big(31, 'F');
+    const struct {
+        std::string rule;
+        const char *told;
+    } rows[] = {
+        {"{}", FIELDS},
+        {"null", FIELDS},
+        {"5", FIELDS},
+        {"[]", FIELDS},
+        {"\"x\"", FIELDS},
+        {R"({"action":"ALLOW","devEUI_Start":"1"})", FIELDS},
+        {R"({"ruleId":1,"devEUI_Start":"1"})", FIELDS},
+        {R"({"ruleId":1,"action":"ALLOW"})", FIELDS},
+        {R"({"ruleId":1,"action":null,"devEUI_Start":"1"})", FIELDS},
+        {R"({"ruleId":1,"action":"ALLOW","devEUI_Start":"1","devEUI_End":null})", FIELDS},
+        {R"({"ruleId":1,"action":"ALLOW","joinEUI_Start":"1","joinEUI_End":null})", FIELDS},
+        {joinreq(too_long.c_str()), FIELDS},
+        {joinreq("1", "1", too_long.c_str()), FIELDS},
+        {joinreq("1g"), START},
+        {joinreq(" 1"), START},
+        {joinreq("-1"), START},
+        {joinreq("1x0"), START},
+        {joinreq(too_big.c_str()), ERROR_LINE("Failed to convert DevEUI start range from string to integer")},
+        {joinreq("1", "-1"), NO_ID},
+        {joinreq("1", "\"one\""), NO_ID},
+        {joinreq("1", "1", "ALLOWED"),
+         ERROR_LINE("Invalid JoinReq filter action: ALLOWED, must be ALLOW or DENY ")},
+        {joinreq("1", "1", ""), ERROR_LINE("Invalid JoinReq filter action: , must be ALLOW or DENY ")},
+    };
+    put("", BOTH_LISTS);
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.rule);
+        const log_view told = log.from_here();
+        const section_outcome written =
+            write(join({R"({"joinReqList":[)", joinreq("1"), ",", row.rule, R"(],"devAddrList":null})"}));
         EXPECT_EQ(written.result, -22);
         EXPECT_EQ(written.reply, REFUSED);
         EXPECT_EQ(told.lines_of({"ERROR"}), std::vector<std::string>{row.told});
@@ -532,4 +590,18 @@ TEST_F(LoraFilterSection, AStoredRuleThatIsNotUnderstoodFailsTheReadingAlone)
         put("", file);
         EXPECT_EQ(read(), file);
     }
+}
+
+/* ---- assertions ---- */
+
+using LoraFilterSectionDeath = LoraFilterSection;
+
+TEST_F(LoraFilterSectionDeath, WhatIsMissingIsAsserted)
+{
+    converter_ctx context = {};
+    const json_owned object(json_object_new_object());
+    json_object *const some = object.get();
+    EXPECT_ASSERTION(bridge_configs_gw_lorafilter_write(nullptr, some, some), "ctx != NULL");
+    EXPECT_ASSERTION(bridge_configs_gw_lorafilter_write(&context, nullptr, some), "cfg != NULL");
+    EXPECT_ASSERTION(bridge_configs_gw_lorafilter_write(&context, some, nullptr), "out != NULL");
 }

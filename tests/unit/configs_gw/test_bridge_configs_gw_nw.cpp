@@ -210,11 +210,19 @@ TEST_F(Network, TheFirstTwoGoodNamesAreTaken)
 
 TEST_F(Network, AGatewayThatChoosesByItselfTakesAnyPair)
 {
-    scene(0, 0, 1, 0, 1);
-    EXPECT_EQ(preference(write_preference(R"(["Ethernet","Cellular"])")),
-              R"({"value":["Ethernet","Cellular"]})");
-    EXPECT_THAT(sets(),
-                ElementsAre("networkPreferred.0=1 networkFallback.0=3 networkPreferencesExecute.0=1000001"));
+    /* Half a pair is none: all that are available are listed, and the pair counts as new. */
+    for (const auto &[preferred, fallback] : {std::pair(0, 0), std::pair(1, 0), std::pair(0, 3)}) {
+        scene(preferred, fallback, 1, 0, 1);
+        modem.calls.clear();
+        EXPECT_EQ(preference(write_preference(R"(["Ethernet","Cellular"])")),
+                  R"({"value":["Ethernet","Cellular"]})");
+        EXPECT_THAT(sets(), ElementsAre("networkPreferred.0=1 networkFallback.0=3 "
+                                        "networkPreferencesExecute.0=1000001"));
+    }
+    scene(2, 0, 1, 0, 1);
+    EXPECT_EQ(preference(write_preference(R"(["Optical","Ethernet"])")),
+              R"({"status":"unable to write interface info"})")
+        << "one that is not available cannot be chosen, preferred or not";
 }
 
 TEST_F(Network, APreferenceThatIsNotTakenIsTold)
@@ -330,6 +338,27 @@ TEST_F(Network, TheModemsAnswerIsPassedOnUnlessItsFileCannotBeRead)
     }
 }
 
+TEST_F(Network, TextsThatJustFit)
+{
+    const std::string pin(31, '1');
+    write_pins(join({R"([{"simSlot":1,"newSimPin":")", pin, R"(","currentSimPin":")", pin, R"("}])"}));
+    EXPECT_THAT(sets(), ElementsAre(join({"wmSimPinCurrentPin.0=", pin}), join({"wmSimPinNewPin.0=", pin}),
+                                    "wmSimPinModify.0=1"));
+    for (const size_t length : {127, 128}) {
+        const std::string text(length, 'x');
+        modem.texts[PIN_STATUS] = text;
+        modem.texts["wmSimStatus.0"] = text;
+        const log_view told = log.from_here();
+        const std::string reply = pins(write_pins(join({"[", ADD, "]"})));
+        const bool fits = length == 127;
+        const std::string status = fits ? text : ADD_FAILED;
+        const std::string state = fits ? text : "Error getting SIM status for slot: 0";
+        EXPECT_TRUE(reply.starts_with(join({R"([{"status":")", status, R"(","value")"}))) << reply;
+        EXPECT_THAT(reply, testing::HasSubstr(join({R"({"simSlot":0,"simState":")", state, R"("})"})));
+        EXPECT_EQ(told.has("ERROR status fetch operation failed with error code: -1"), !fits);
+    }
+}
+
 TEST_F(Network, ARequestWithoutSlotOrPinEndsTheWrite)
 {
     static constexpr const char *COPY = "ERROR failed to create a local copy of the server profile";
@@ -343,6 +372,8 @@ TEST_F(Network, ARequestWithoutSlotOrPinEndsTheWrite)
         {R"([{"newSimPin":"1"}])", NO_SLOT},
         {R"([{"simSlot":0}])", NO_PIN},
         {R"([{"simSlot":0,"currentSimPin":"1"}])", NO_PIN},
+        {R"([{"simSlot":null,"newSimPin":"1"}])", NO_SLOT},
+        {R"([{"simSlot":null,"newSimPin":"1","currentSimPin":"2"}])", NO_SLOT},
         {R"([5])", NO_SLOT},
         {R"([[]])", NO_SLOT},
         {R"([null])", COPY},

@@ -290,6 +290,86 @@ TEST_F(Pdp, AnActionThatFailsIsToldInItsElementAndTheRestGoesOn)
     }
 }
 
+TEST_F(Pdp, AProfileWithoutAContextCannotBeDeletedAndTheRestGoesOn)
+{
+    modem.profiles[1].context = NO_CONTEXT;
+    const std::string home = profile("home", "True");
+    const section_outcome written = write(list_of({home}));
+    EXPECT_EQ(written.result, 0);
+    EXPECT_THAT(log.lines_of({"ERROR"}),
+                ElementsAre("ERROR unable to delete cellular pdp info -- contextId deserialization failed",
+                            "ERROR delete profile action failed"));
+    EXPECT_TRUE(written.reply.starts_with(
+        join({START, R"([{"status":"delete profile action failed","value":{"pdpProfileName":"old",)"})));
+    EXPECT_THAT(written.reply, testing::HasSubstr(R"({"status":"the profile is already the active one",)"));
+    EXPECT_THAT(modem.calls, testing::Not(testing::Contains(testing::StartsWith("wmRemovePdpProfile"))));
+}
+
+TEST_F(Pdp, AProfileWithoutAContextEndsTheWriteThatLooksForIt)
+{
+    modem.profiles[0].context = NO_CONTEXT;
+    EXPECT_EQ(write(list_of({profile("home", "True"), profile("old")})).reply, answer(REFUSED));
+    EXPECT_THAT(log.lines_of({"ERROR"}),
+                ElementsAre("ERROR failed to de-serialize current pdp parameters", WRITE_FAILED));
+
+    /* One that has lost its context by the time of its activation. */
+    const log_view told = log.from_here();
+    modem.profiles[0].context = 1;
+    modem.refuses = [](size_t) {
+        modem.profiles[0].context = NO_CONTEXT;
+        return true;
+    };
+    EXPECT_EQ(write(list_of({profile("home", "True")})).reply, answer(REFUSED));
+    EXPECT_EQ(told.lines_of({"ERROR"}).back(), WRITE_FAILED);
+    EXPECT_TRUE(told.has("ERROR failed to add context id to the server profile"));
+}
+
+TEST_F(Pdp, AnOperationIsToldBeforeItBegins)
+{
+    write(list_of({profile("home", "False", "new.example"), profile("work", "True")}));
+    const char *const lines[] = {
+        "DEBUG writing general gateway configuration",
+        "DEBUG going over the network configuration from the server",
+        "TRACE looking for cellular network subconfig...",
+        "DEBUG going over the cellular configurations from the server",
+        "TRACE looking for pdpProfile cellular subconfig...",
+        "DEBUG pdp profile write function running",
+        "INFO getting current PDP info",
+        "DEBUG deleting an existing PDP profile",
+        "INFO delete profile action succeeded",
+        "DEBUG modifying an existing PDP profile",
+        "INFO modify profile action succeeded",
+        "DEBUG adding a new PDP profile",
+        "INFO add profile action succeeded",
+        "DEBUG setting a PDP profile as active",
+        "INFO activate profile action succeeded",
+        "INFO getting the final PDP list",
+        "TRACE looking for simPin cellular subconfig...",
+    };
+    long before = -1;
+    for (const char *line : lines) {
+        EXPECT_GT(log.position(line), before) << line;
+        before = log.position(line);
+    }
+}
+
+/* The second delete goes by a number that is another's by then. */
+TEST_F(Pdp, ContextsAreThoseOfTheFirstListAlsoOnAModemThatRenumbers)
+{
+    modem.renumbers = true;
+    modem.working = 3;
+    modem.profiles = {
+        {"a", "x", 0, "", "", 0, 1}, {"b", "x", 0, "", "", 0, 2}, {"home", "iot.example", 0, "", "", 0, 3}};
+    const section_outcome written = write(list_of({profile("home", "True")}));
+    std::vector<std::string> sets = modem.calls;
+    std::erase_if(sets, [](const std::string &call) { return call.find('=') == std::string::npos; });
+    EXPECT_THAT(sets, ElementsAre("wmRemovePdpProfile.0=1", "wmRemovePdpProfile.0=2"));
+    ASSERT_EQ(modem.profiles.size(), 1U);
+    EXPECT_EQ(modem.profiles[0].name, "b");
+    EXPECT_THAT(written.reply, testing::HasSubstr(R"({"status":"activate profile action failed",)"))
+        << "the server sees that its profile is gone, also in the list that follows";
+}
+
 TEST_F(Pdp, AModemThatRefusesIsToldWithItsWord)
 {
     static constexpr const char *STATUS = "ERROR operation failed with a status: Failed";
@@ -380,5 +460,16 @@ TEST_F(Pdp, AStatusIsGoodWhenItTellsOfSuccess)
         EXPECT_EQ(read_sections().reply.find("unable to read cellular pdp info") == std::string::npos,
                   row.is_good);
         EXPECT_THAT(waits.taken, SizeIs(1));
+    }
+}
+
+TEST_F(Pdp, AStatusHas127Characters)
+{
+    for (const size_t length : {127, 128}) {
+        modem.done = std::string(length - 12, 'x') + "successfully";
+        const log_view told = log.from_here();
+        EXPECT_EQ(read_sections().reply.find("unable to read cellular pdp info") == std::string::npos,
+                  length == 127);
+        EXPECT_EQ(told.has("ERROR status fetch operation failed with error code: -1"), length == 128);
     }
 }

@@ -1,5 +1,5 @@
 /* The reconciliation of PDP profiles against a small model of it: random profiles on both sides, random
- * refusals of the modem. */
+ * refusals of the modem, and modems that renumber what is behind a deleted profile. */
 #include "configs_gw/gateway_sections.h"
 
 #include <random>
@@ -15,6 +15,7 @@ struct scene {
     std::vector<server_profile> server;
     int64_t working;
     unsigned refused; /* a bit for each operation */
+    bool renumbers;
 };
 
 struct outcome {
@@ -82,8 +83,8 @@ class model
 {
   public:
     explicit model(const scene &given)
-        : server_(given.server), start_(given.gateway),
-          refused_(given.refused), now_{{}, "", given.gateway, given.working}
+        : server_(given.server), start_(given.gateway), refused_(given.refused),
+          renumbers_(given.renumbers), now_{{}, "", given.gateway, given.working}
     {
         read();
         if (!is_acceptable()) {
@@ -154,12 +155,23 @@ class model
         for (const modem_profile &each : start_) {
             if (count(server_, each.name) > 0)
                 continue;
-            const bool done = operate("wmRemovePdpProfile.0=" + std::to_string(each.context));
+            const bool done = operate("wmRemovePdpProfile.0=" + std::to_string(each.context)) &&
+                              on_gateway(each.context) != nullptr;
             tell(done ? "delete profile action succeeded" : "delete profile action failed", text_of(each));
             if (done)
-                std::erase_if(now_.profiles,
-                              [&](const auto &other) { return other.context == each.context; });
+                erase(each.context);
         }
+    }
+
+    /* The contexts of the first list are used all along, also where the modem has others by then. */
+    void erase(int64_t context)
+    {
+        std::erase_if(now_.profiles, [&](const auto &other) { return other.context == context; });
+        if (!renumbers_)
+            return;
+        for (modem_profile &each : now_.profiles)
+            each.context -= each.context > context ? 1 : 0;
+        now_.working -= now_.working > context ? 1 : 0;
     }
 
     bool write(const server_profile &from, size_t row, const std::string &trigger, modem_profile *to)
@@ -172,7 +184,7 @@ class model
                            "wmPdpConnectionType" + place + std::to_string(connection),
                            "wmPdpUserName" + place + from.user, "wmPdpPassword" + place + from.password,
                            "wmPdpAuthType" + place + std::to_string(authentication)});
-        if (!operate(trigger))
+        if (!operate(trigger) || to == nullptr)
             return false;
         *to = {from.name, from.apn, connection, from.user, from.password, authentication, to->context};
         return true;
@@ -262,6 +274,7 @@ class model
     std::vector<server_profile> server_;
     std::vector<modem_profile> start_;
     unsigned refused_;
+    bool renumbers_;
     size_t operations_ = 0;
     std::string elements_;
     outcome now_;
@@ -288,12 +301,16 @@ class dice
 
     scene throw_scene()
     {
-        scene made = {
-            {}, {}, static_cast<int64_t>(below(4)), below(3) == 0 ? static_cast<unsigned>(source_()) : 0U};
+        scene made = {{},
+                      {},
+                      static_cast<int64_t>(below(4)),
+                      below(3) == 0 ? static_cast<unsigned>(source_()) : 0U,
+                      below(2) == 0};
         for (size_t i = below(5); i > 0; i--)
             made.gateway.push_back({one_of(NAMES), one_of(APNS), static_cast<int64_t>(below(3)),
                                     one_of(USERS), "p", static_cast<int64_t>(below(3)),
-                                    static_cast<int64_t>(made.gateway.size() * 2 + 1)});
+                                    static_cast<int64_t>(made.renumbers ? made.gateway.size() + 1
+                                                                        : made.gateway.size() * 2 + 1)});
         const size_t count = below(5);
         const size_t active = below(count + 1);
         for (size_t i = 0; i < count; i++)
@@ -351,6 +368,7 @@ TEST_F(PdpModel, RandomListsEndAsTheModelTells)
         modem = {};
         modem.profiles = given.gateway;
         modem.working = given.working;
+        modem.renumbers = given.renumbers;
         modem.refuses = [&](size_t number) { return (given.refused >> number & 1) != 0; };
         const section_outcome written = write_sections(
             join({R"({"networkConfiguration":{"cellular":{"pdpProfile":)", text_of(given.server), "}}}"}));

@@ -187,9 +187,9 @@ TEST_F(LoraUplinkFilter, AFaultInTheMiddleOfAnUpdateIsToldAndLeavesTheFileToTheB
         const char *told;
         const char *left;
     } rows[] = {
-        {"ftruncate", 0, -ENOSPC, "ERROR failed to clear the uplink packet filter file before writing",
+        {"ftruncate64", 0, -ENOSPC, "ERROR failed to clear the uplink packet filter file before writing",
          "{\"old\":1}"},
-        {"lseek", 1, -ENOSPC,
+        {"lseek64", 1, -ENOSPC,
          "ERROR failed to set the uplink packet filter file offset to the start before writing", ""},
         {"json_object_to_fd", 0, -1,
          "ERROR failed to write the DevAddr filter list to the uplink packet filter file", ""},
@@ -302,6 +302,42 @@ TEST_F(LoraUplinkFilter, AReadErrorOfTheBackupGoesUnnoticedInARollback)
 }
 
 /* ---- order ---- */
+
+TEST_F(LoraUplinkFilter, TheLockIsHeldAroundTheFilterFile)
+{
+    static constexpr struct {
+        void (*operation)();
+        std::vector<std::string> (*steps)();
+    } rows[] = {
+        {[] { backup_filterlist(); },
+         [] {
+             return std::vector<std::string>{"open -lock", "lock", "open ", "open -backup", "unlock"};
+         }},
+        {[] { update_devaddr_filterlist(0, nullptr); },
+         [] {
+             return std::vector<std::string>{"open -lock", "lock", "open ", "unlock"};
+         }},
+        {rollback_filterlist,
+         [] {
+             return std::vector<std::string>{"open -backup", "open -lock", "lock", "open ", "unlock"};
+         }},
+        {[] { read_back(); }, [] { return std::vector<std::string>{"open "}; }},
+    };
+    size_t done = 0;
+    for (const auto &row : rows) {
+        const log_view told = log.from_here();
+        row.operation();
+        std::vector<std::string> steps = FilterTest::steps();
+        steps.erase(steps.begin(), steps.begin() + static_cast<ptrdiff_t>(done));
+        done += steps.size();
+        EXPECT_EQ(steps, row.steps());
+        const std::vector<std::string> lines = told.lines();
+        const auto released = std::find_if(lines.begin(), lines.end(), [](const std::string &line) {
+            return line.starts_with("DEBUG Release lock for the uplink packet filter file");
+        });
+        EXPECT_LT(told.position("DEBUG Close uplink packet filter file"), released - lines.begin());
+    }
+}
 
 TEST_F(LoraUplinkFilter, RulesAreSortedByTheirUnsignedNumbers)
 {

@@ -48,10 +48,10 @@ inline bool fails(const char *name)
     FAILING_CALL(int, _Z15thpool_add_workP6thpoolPFvPvES1_,                                                  \
                  (thpool * pool, void (*function)(void *), void *argument), (pool, function, argument), -1)
 #ifdef __LP64__
-#define FAILING_NEW_NAME _ZnwmRKSt9nothrow_t
+#define FAILING_NEW_NAME       _ZnwmRKSt9nothrow_t
 #define FAILING_NEW_ARRAY_NAME _ZnamRKSt9nothrow_t
 #else
-#define FAILING_NEW_NAME _ZnwjRKSt9nothrow_t
+#define FAILING_NEW_NAME       _ZnwjRKSt9nothrow_t
 #define FAILING_NEW_ARRAY_NAME _ZnajRKSt9nothrow_t
 #endif
 #define FAILING_BY_NAME(type, name, parameters, arguments, failure)                                          \

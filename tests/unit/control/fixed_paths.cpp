@@ -61,20 +61,20 @@ int __wrap_mkfifo(const char *path, mode_t mode)
     return fails("mkfifo") ? -1 : __real_mkfifo(fixed_paths::below(path).c_str(), mode);
 }
 
-int __real_stat(const char *path, struct stat *status);
-int __wrap_stat(const char *path, struct stat *status)
+int __real_stat64(const char *path, struct stat *status);
+int __wrap_stat64(const char *path, struct stat *status)
 {
-    return __real_stat(fixed_paths::below(path).c_str(), status);
+    return __real_stat64(fixed_paths::below(path).c_str(), status);
 }
 
-int __real_open(const char *path, int flags, ...);
-int __wrap_open(const char *path, int flags, ...)
+int __real_open64(const char *path, int flags, ...);
+int __wrap_open64(const char *path, int flags, ...)
 {
     va_list arguments;
     va_start(arguments, flags);
     const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
     va_end(arguments);
-    return fails("open") ? -1 : __real_open(fixed_paths::below(path).c_str(), flags, mode);
+    return fails("open") ? -1 : __real_open64(fixed_paths::below(path).c_str(), flags, mode);
 }
 }
 // NOLINTEND(bugprone-reserved-identifier)

@@ -20,7 +20,7 @@ using testing::StartsWith;
 static constexpr const char *PIPE = "/tmp/snv_bridge.pipe";
 
 /* "we", "r+e" and "w+e" open what the test lets them open. */
-FAILING_CALL(FILE *, fopen, (const char *path, const char *mode), (path, mode), nullptr)
+FAILING_CALL(FILE *, fopen64, (const char *path, const char *mode), (path, mode), nullptr)
 
 static struct {
     bool running;
@@ -240,7 +240,7 @@ TEST_F(CmdLifecycle, AStateFileThatCannotBeMadeEndsTheStartBeforeThePipe)
 
 TEST_F(CmdLifecycle, AStateFileThatCannotBeReadEndsTheStartAndThePipe)
 {
-    let_fail("fopen", EACCES, 2);
+    let_fail("fopen64", EACCES, 2);
     EXPECT_EQ(launch(), -1);
     EXPECT_THAT(view.complaints(), ElementsAre("ERROR failed to open a state file"));
     thpool_wait(ctx->pool); /* a watcher that went on would hold this for ever */

@@ -101,7 +101,6 @@ ssize_t __wrap___read_chk(int fd, void *data, size_t size, size_t)
     return __wrap_read(fd, data, size);
 }
 
-/* The one or the other, by the width of the build's file offsets. */
 int __real_fcntl64(int fd, int command, ...);
 int __wrap_fcntl64(int fd, int command, ...)
 {
@@ -111,11 +110,6 @@ int __wrap_fcntl64(int fd, int command, ...)
     va_end(arguments);
     const char *name = command == F_GETFL ? "get flags" : command == F_SETFL ? "set flags" : "duplicate";
     return fails(name) ? -1 : __real_fcntl64(fd, command, argument);
-}
-
-int __wrap_fcntl(int fd, int command, void *argument)
-{
-    return __wrap_fcntl64(fd, command, argument);
 }
 }
 

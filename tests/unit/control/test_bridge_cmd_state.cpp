@@ -16,21 +16,21 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-FAILING_CALL(FILE *, fopen, (const char *path, const char *mode), (path, mode), nullptr)
+FAILING_CALL(FILE *, fopen64, (const char *path, const char *mode), (path, mode), nullptr)
 FAILING_CALL(int, fileno, (FILE * file), (file), -1)
 
 /* Runs when a lock would have to be waited for. */
 static std::function<void()> when_locked_out;
 
 extern "C" {
-int __real_lockf(int fd, int command, off_t size);
-int __wrap_lockf(int fd, int command, off_t size)
+int __real_lockf64(int fd, int command, off_t size);
+int __wrap_lockf64(int fd, int command, off_t size)
 {
     if (fails(command == F_ULOCK ? "unlock" : "lock"))
         return -1;
-    if (command == F_LOCK && when_locked_out && __real_lockf(fd, F_TEST, size) < 0)
+    if (command == F_LOCK && when_locked_out && __real_lockf64(fd, F_TEST, size) < 0)
         when_locked_out();
-    return __real_lockf(fd, command, size);
+    return __real_lockf64(fd, command, size);
 }
 }
 
@@ -249,7 +249,7 @@ TEST_F(CmdState, EachFailingStepHasItsLine)
         int error;
         const char *line;
     } rows[] = {
-        {"fopen", EACCES, "ERROR failed to open a state file"},
+        {"fopen64", EACCES, "ERROR failed to open a state file"},
         {"fileno", EBADF, "ERROR failed to get file descriptor: Bad file descriptor"},
         {"lock", EDEADLK, "ERROR failed to get a lock: Resource deadlock avoided"},
     };
@@ -393,7 +393,7 @@ class locking_child
         alarm(30); /* a parent that fails leaves nothing behind */
         const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
         char byte = 0;
-        const bool held = fd >= 0 && __real_lockf(fd, F_LOCK, 0) == 0 && write(ready_[1], "r", 1) == 1 &&
+        const bool held = fd >= 0 && __real_lockf64(fd, F_LOCK, 0) == 0 && write(ready_[1], "r", 1) == 1 &&
                           read(go_[0], &byte, 1) == 1;
         _exit(held ? 0 : 1);
     }

@@ -83,7 +83,6 @@ int __wrap_pipe2(int fds[2], int flags)
     return faults.pipe2.strikes() ? faults.pipe2.result : __real_pipe2(fds, flags);
 }
 
-/* The one or the other, by the width of the build's file offsets. */
 int __real_fcntl64(int fd, int command, ...);
 int __wrap_fcntl64(int fd, int command, ...)
 {
@@ -96,11 +95,6 @@ int __wrap_fcntl64(int fd, int command, ...)
     if (command == F_SETFL && faults.fcntl_set.strikes())
         return faults.fcntl_set.result;
     return __real_fcntl64(fd, command, argument);
-}
-
-int __wrap_fcntl(int fd, int command, void *argument)
-{
-    return __wrap_fcntl64(fd, command, argument);
 }
 
 int __real_getnameinfo(const sockaddr *address, socklen_t size, char *host, socklen_t host_size,

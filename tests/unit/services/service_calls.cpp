@@ -124,6 +124,7 @@ void timer_record::reset()
 {
     const std::lock_guard guard(mutex_);
     told_.clear();
+    armed_ = false;
 }
 
 std::vector<std::string> timer_record::taken()
@@ -139,10 +140,23 @@ void timer_record::made(const sigevent &event)
     told_.emplace_back("made");
 }
 
-void timer_record::note(std::string what)
+void timer_record::set(bool armed, bool repeats, std::string what)
 {
     const std::lock_guard guard(mutex_);
+    armed_ = armed;
+    repeats_ = repeats;
     told_.push_back(std::move(what));
+}
+
+void timer_record::gone()
+{
+    set(false, false, "gone");
+}
+
+bool timer_record::is_armed()
+{
+    const std::lock_guard guard(mutex_);
+    return armed_;
 }
 
 void timer_record::expire()
@@ -151,6 +165,7 @@ void timer_record::expire()
     {
         const std::lock_guard guard(mutex_);
         event = event_;
+        armed_ = armed_ && repeats_;
     }
     ASSERT_NE(event.sigev_notify_function, nullptr);
     event.sigev_notify_function(event.sigev_value);
@@ -183,14 +198,14 @@ int __wrap_timer_settime(timer_t timer, int flags, const itimerspec *spec, itime
         EXPECT_EQ(spec->it_interval.tv_nsec, spec->it_value.tv_nsec);
     }
     const bool off = spec->it_value.tv_sec == 0 && spec->it_value.tv_nsec == 0;
-    timers.note(off ? "off" : join({time, repeats ? " each" : ""}));
+    timers.set(!off, repeats, off ? "off" : join({time, repeats ? " each" : ""}));
     return 0;
 }
 
 int __wrap_timer_delete(timer_t timer)
 {
     EXPECT_EQ(timer, &timers);
-    timers.note("gone");
+    timers.gone();
     return 0;
 }
 }

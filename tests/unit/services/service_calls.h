@@ -37,16 +37,22 @@ class timer_record
     /* What the last timer was told: "30000 ms", "30000 ms each", "1000 ns", "off"; also "made" and "gone". */
     std::vector<std::string> taken();
 
+    /* Whether it will expire by itself; here it does so only when the test says so. */
+    bool is_armed();
+
     /* Calls the timer's function, as the system does. */
     void expire();
 
     /* For the stand-ins. */
     void made(const sigevent &event);
-    void note(std::string what);
+    void set(bool armed, bool repeats, std::string what);
+    void gone();
 
   private:
     std::mutex mutex_;
     sigevent event_ = {};
+    bool armed_ = false;
+    bool repeats_ = false;
     std::vector<std::string> told_;
 };
 

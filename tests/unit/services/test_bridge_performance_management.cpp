@@ -149,6 +149,23 @@ class PerformanceOff : public ControlTest
     size_t seen_ = 0;
 };
 
+/* For a process that has not made the lock yet. */
+class PerformanceLockDeath : public testing::Test
+{
+  protected:
+    PerformanceLockDeath()
+    {
+        GTEST_FLAG_SET(death_test_style, "threadsafe");
+    }
+    ~PerformanceLockDeath() override
+    {
+        GTEST_FLAG_SET(death_test_style, "fast");
+    }
+
+    converter_ctx context = {};
+    converter_ctx *const ctx = &context;
+};
+
 class PerformanceInited : public PerformanceOff
 {
   protected:
@@ -286,6 +303,19 @@ TEST_F(PerformanceOff, WithoutItsLockThereIsNoService)
         view.has("ERROR failed to initialize the performance management service: Invalid argument (22)"));
 }
 
+TEST_F(PerformanceLockDeath, ALockThatCannotBeMadeIsAFailedInit)
+{
+    EXPECT_EXIT(
+        {
+            bridge_log_init(BRIDGE_LOG_WARN, true);
+            let_fail("sem_init", ENOSYS);
+            exit(bridge_performance_management_init(ctx) == -1 ? 0 : 1);
+        },
+        testing::ExitedWithCode(0),
+        testing::HasSubstr("failed to initialize the performance management service: "
+                           "Function not implemented (38)\n"));
+}
+
 TEST_F(PerformanceInited, TheStartIsToldInOrder)
 {
     set_period(1, false);
@@ -365,6 +395,17 @@ TEST_F(PerformanceInited, ALeftoverQueueIsTakenWithItsMessages)
         "DEBUG performance management message queue: /performance_management_mq is already created"));
     EXPECT_THAT(reports(), ElementsAre(report()));
     EXPECT_TRUE(view.has(STOPPING));
+}
+
+TEST_F(PerformanceInited, ALeftoverQueueOfLargerMessagesCannotBeRead)
+{
+    leave_queue(QUEUE, MESSAGE_SIZE + 1, {});
+    EXPECT_EQ(bridge_performance_management_start(), 0);
+    thpool_wait(ctx->pool);
+    EXPECT_THAT(view.complaints(),
+                ElementsAre("ERROR failed to read from the message queue: Message too long",
+                            "ERROR Exiting performance management thread"));
+    EXPECT_THAT(supervisor.taken(), ElementsAre(Pair(CODE_QUEUE_LOST, &word)));
 }
 
 /* ---- the timer ---- */
