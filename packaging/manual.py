@@ -1,6 +1,6 @@
 #!/usr/bin/python3
 """Writes the manual page of the configuration file, in Markdown for go-md2man, out of the document that explains
-its keys: each row of a table of keys becomes an entry of a list, and links become plain text."""
+its keys: each row of a table becomes an entry of a list, and links become plain text."""
 
 from __future__ import annotations
 
@@ -19,7 +19,7 @@ snv_mqtt_bridge.toml - configuration of the bridge between a packet forwarder an
 TAIL = """
 # FILES
 
-_/etc/snv-mqtt-bridge/bridge.toml_
+**/etc/snv-mqtt-bridge/bridge.toml**
 : The configuration that the service uses. Only root may read it: it holds passwords.
 
 # SEE ALSO
@@ -34,9 +34,13 @@ def plain(text: str) -> str:
 
 def entry(row: str) -> str:
     """A row of key, type, default and meaning, or of any two cells."""
-    head, *middle, tail = (cell.strip() for cell in re.split(r"(?<!\\)\|", row.strip().strip("|")))
-    note = f" ({'; '.join(middle)})".replace("*", "") if middle else ""
+    head, *middle, tail = (cell.strip() for cell in row.strip().strip("|").split("|"))
+    note = f" ({', '.join(words(*middle))})" if middle else ""
     return f"**{head.strip('`')}**{note}\n: {tail}\n"
+
+
+def words(kind: str, default: str) -> tuple[str, str]:
+    return kind, "required" if "required" in default else f"default {default}"
 
 
 def without_tables(lines: list[str]) -> list[str]:
