@@ -19,7 +19,7 @@ REPOSITORY = Path(__file__).resolve().parents[2]
 DEPENDENCIES = (
     "libcurl4", "libjson-c5", "libpaho-mqtt1.3", "libsnmp40", "libssh-4", "libssl3",
 )  # fmt: skip
-OTHERS = ("systemd", "systemd-sysv", "dbus", "logrotate", "unzip", "mosquitto", "iputils-ping", "procps", "man-db")
+OTHERS = ("systemd", "systemd-sysv", "dbus", "logrotate", "unzip", "mosquitto", "iputils-ping", "procps", "iproute2", "man-db")
 
 PATIENCE = 60.0
 ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "HOME": "/root", "LC_ALL": "C.UTF-8", "TERM": "dumb"}
@@ -131,7 +131,7 @@ class Machine:
         self._process = subprocess.Popen(
             ["setpriv", "--pdeathsig", "TERM", "systemd-nspawn", "--quiet", f"--directory={root}", "--boot",
              f"--machine={name}", "--register=no", *keep, "--private-network", "--resolv-conf=off", "--timezone=off",
-             "--link-journal=no", "--console=pipe"],
+             "--link-journal=no", "--console=pipe", "--capability=CAP_SYSLOG"],
             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
             preexec_fn=self._group.enter if self._group else None,
         )  # fmt: skip
