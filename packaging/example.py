@@ -1,6 +1,6 @@
 #!/usr/bin/python3
-"""Writes the commented example configuration out of the document that explains its keys. Every key stands in it: with
-its default, or with an example where it has none. Those of an optional key are behind a "#"."""
+"""Writes the commented example configuration out of the document that explains its keys. Every key stands in
+it: with its default, or with an example where it has none. The optional ones are behind a "#"."""
 
 from __future__ import annotations
 
@@ -11,11 +11,11 @@ import textwrap
 from manual import plain
 
 HEAD = """\
-# Configuration of snv_mqtt_bridge: see snv_mqtt_bridge.toml(5). Copy it to /etc/snv-mqtt-bridge/bridge.toml, readable
-# by root alone, since it holds passwords. A key is in force without its "#". Behind it stands the key's default, or an
-# example where the default is empty or missing. The url of one endpoint at least must be set.
+# Configuration of snv_mqtt_bridge: see snv_mqtt_bridge.toml(5). Copy it to /etc/snv-mqtt-bridge/bridge.toml,
+# readable by root alone, since it holds passwords. A key is in force without its "#". Behind it stands the
+# key's default, or an example where the default is empty or missing. The url of one endpoint at least must be
+# set.
 """
-KEYS = re.compile(r"^## Keys$(.*?)^## ", re.MULTILINE | re.DOTALL)
 SECTION = re.compile(r"### `(\[\w+\])`:? ?(.*)")
 ROW = re.compile(r"\| `(\w+)` \| (\w+) \| (.*?) \| (.*) \|$")
 
@@ -35,7 +35,7 @@ NOTES = {"**required**": "required", "none": "no default", "empty": "empty by de
 
 def setting(key: str, kind: str, default: str, meaning: str) -> str:
     note = NOTES.get(default)
-    value = f'"{EXAMPLES[key]}"' if note else re.fullmatch("`(.*)`", default)[1]
+    value = f'"{EXAMPLES[key]}"' if note else default.strip("`")
     words = f"{kind}{f', {note}' if note else ''}: {plain(meaning)}".replace("`", "")
     comment = textwrap.fill(words, 110, initial_indent="# ", subsequent_indent="# ")
     return f"\n{comment}\n{'' if note == 'required' else '#'}{key} = {value}"
@@ -44,7 +44,7 @@ def setting(key: str, kind: str, default: str, meaning: str) -> str:
 def main() -> None:
     print(HEAD, end="")
     with open(sys.argv[1], encoding="utf-8") as source:
-        lines = KEYS.search(source.read())[1].splitlines()
+        lines = source.read().partition("\n## Keys\n")[2].partition("\n## ")[0].splitlines()
     for line in lines:
         if section := SECTION.match(line):
             print(f"\n\n# {section[2] or section[1].strip('[]').replace('_', ' ')}\n{section[1]}")

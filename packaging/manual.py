@@ -1,6 +1,6 @@
 #!/usr/bin/python3
-"""Writes the manual page of the configuration file, in Markdown for go-md2man, out of the document that explains
-its keys: each row of a table becomes an entry of a list, and links become plain text."""
+"""Writes the manual page of the configuration file, in Markdown for go-md2man, out of the document that
+explains its keys: each row of a table becomes an entry of a list, and links become plain text."""
 
 from __future__ import annotations
 
@@ -60,7 +60,7 @@ def main() -> None:
     document, version = sys.argv[1:]
     with open(document, encoding="utf-8") as source:
         lines = plain(source.read()).splitlines()
-    body = [re.sub(r"^## (.*)", lambda match: "# " + match[1].upper(), line) for line in lines[1:]]
+    body = [line[1:].upper() if line.startswith("## ") else line for line in lines[1:]]
     print(HEAD.format(version=version) + "\n".join(without_tables(body)) + TAIL)
 
 

@@ -39,8 +39,8 @@ def pytest_addoption(parser: pytest.Parser) -> None:
 
 
 def pytest_collection_modifyitems(config: pytest.Config, items: list[pytest.Item]) -> None:
-    """A package for another processor is not installed here: its tests are those of its content and the emulated
-    ones."""
+    """A package for another processor is not installed here: its tests are those of its content and the
+    emulated ones."""
     native = run("dpkg", "--print-architecture").stdout.strip()
     given = run("dpkg-deb", "--field", config.getoption("--package"), "Architecture").stdout.strip()
     unwanted = {"native"} if given != native else {"foreign"}

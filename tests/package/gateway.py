@@ -1,4 +1,4 @@
-"""A scratch root as a gateway: the package, its configuration, an MQTT server, and what the control plane asks."""
+"""A scratch root as a gateway: the package, its configuration, an MQTT server, and a stand-in for the rest."""
 
 from __future__ import annotations
 
@@ -29,18 +29,25 @@ gw_mac = "{MAC}"
 """
 
 # The native dialect, whose server is the operations server as well.
-NATIVE = CHIRPSTACK.replace("chirpstack", "sarnivel") + """\
+NATIVE = (
+    CHIRPSTACK.replace("chirpstack", "sarnivel")
+    + """\
 status_http_port = 80
 
 [snmp]
 community = "public"
 mib_dir = "/opt/lab/mibs"
+
+[security]
+private_key = "/etc/snv-mqtt-bridge/gateway.key"
+bridge_cert = "/etc/snv-mqtt-bridge/gateway.crt"
 """
+)
 
 AGENT_UNIT = f"""\
 [Service]
-ExecStart={LAB}/lab_agent --scenario {LAB}/scenarios/gateway.json --mibs {LAB}/mibs --listen udp:127.0.0.1:161 \
-    --community public
+ExecStart={LAB}/lab_agent --scenario {LAB}/scenarios/gateway.json --mibs {LAB}/mibs \
+    --listen udp:127.0.0.1:161 --community public
 [Install]
 WantedBy=multi-user.target
 """
@@ -91,12 +98,13 @@ class Gateway:
     def hears_an_uplink(self) -> bool:
         """A simulated forwarder's uplink arrives at the MQTT server."""
         listener = self.listen("gateway/0016c001ff1a2b3c/event/up")
+        forwarder = [*PYTHON, str(REPOSITORY / "lab/forwarder"), "--rate", "20"]
+        sender = Daemon(self._machine.enter(*forwarder, namespaces=("--net",)))
         try:
-            forwarder = REPOSITORY / "lab/forwarder"
-            self._machine.from_outside(*PYTHON, forwarder, "--rate", "20", "--seconds", "1")
             listener.wait_for("phyPayload")
             return True
         finally:
+            sender.close()
             listener.close()
 
     def listen(self, topic: str) -> Daemon:

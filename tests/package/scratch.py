@@ -15,15 +15,26 @@ from typing import Callable, Optional, TypeVar
 
 REPOSITORY = Path(__file__).resolve().parents[2]
 
-# What the package depends on; what it recommends and a root of no gateway lacks; peers and tools of the tests.
+# What the package depends on; what it recommends and a root of no gateway lacks; peers and tools of the
+# tests.
 DEPENDENCIES = (
     "libcurl4", "libjson-c5", "libpaho-mqtt1.3", "libsnmp40", "libssh-4", "libssl3",
 )  # fmt: skip
-OTHERS = ("systemd", "systemd-sysv", "dbus", "logrotate", "unzip", "mosquitto", "iputils-ping", "procps", "iproute2", "man-db")
+OTHERS = (
+    "systemd",
+    "systemd-sysv",
+    "dbus",
+    "logrotate",
+    "unzip",
+    "mosquitto",
+    "iputils-ping",
+    "procps",
+    "iproute2",
+    "man-db",
+)
 
 PATIENCE = 60.0
 ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "HOME": "/root", "LC_ALL": "C.UTF-8", "TERM": "dumb"}
-HALT = signal.SIGRTMIN + 3  # as a container's systemd takes it
 
 T = TypeVar("T")
 Done = subprocess.CompletedProcess[str]
@@ -39,15 +50,11 @@ def wait_until(look: Callable[[], Optional[T]], what: str, timeout: float = PATI
         time.sleep(step)
 
 
-def run(*command: str | Path, check: bool = True, **options: object) -> Done:
-    done = subprocess.run(
-        [str(word) for word in command],
-        stdin=None if "input" in options else subprocess.DEVNULL,
-        stdout=subprocess.PIPE,
-        stderr=subprocess.PIPE,
-        text=True,
-        **options,  # type: ignore[call-overload]
-    )
+def run(
+    *command: str | Path, check: bool = True, text: str = "", env: Optional[dict[str, str]] = None
+) -> Done:
+    words = [str(word) for word in command]
+    done = subprocess.run(words, input=text, capture_output=True, text=True, env=env, check=False)
     assert not check or done.returncode == 0, f"{command}: {done.returncode}\n{done.stdout}{done.stderr}"
     return done
 
@@ -69,9 +76,17 @@ def base_root(folder: Path) -> Path:
     if not path.exists():
         made = folder / f"{path.name}.{os.getpid()}"
         folder.mkdir(parents=True, exist_ok=True)
-        command = ["mmdebstrap", "--quiet", "--variant=apt", f"--include={packages}", "bookworm", made, "-"]
+        command = [
+            "mmdebstrap",
+            "--quiet",
+            "--variant=apt",
+            f"--include={packages}",
+            "bookworm",
+            str(made),
+            "-",
+        ]
         try:
-            run(*command, input=package_sources())
+            run(*command, text=package_sources())
             made.rename(path)
         finally:
             shutil.rmtree(made, ignore_errors=True)
@@ -129,9 +144,9 @@ class Machine:
         self._group = None if Path("/run/systemd/system").exists() else ControlGroup(name)
         keep = ["--keep-unit"] if self._group else []
         self._process = subprocess.Popen(
-            ["setpriv", "--pdeathsig", "TERM", "systemd-nspawn", "--quiet", f"--directory={root}", "--boot",
-             f"--machine={name}", "--register=no", *keep, "--private-network", "--resolv-conf=off", "--timezone=off",
-             "--link-journal=no", "--console=pipe", "--capability=CAP_SYSLOG"],
+            ["setpriv", "--pdeathsig", "TERM", "systemd-nspawn", "--quiet", "--boot", f"--directory={root}",
+             f"--machine={name}", "--register=no", *keep, "--private-network", "--capability=CAP_SYSLOG",
+             "--resolv-conf=off", "--timezone=off", "--link-journal=no", "--console=pipe"],
             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
             preexec_fn=self._group.enter if self._group else None,
         )  # fmt: skip
@@ -146,14 +161,18 @@ class Machine:
         assert self._process.poll() is None, f"no container: {self._process.communicate()[0]!r}"
         for task in Path(f"/proc/{self._process.pid}/task").glob("*/children"):
             for child in task.read_text().split():
-                if "systemd" in Path(f"/proc/{child}/cmdline").read_text() and "init" not in Path(
-                    f"/proc/{child}/comm"
-                ).read_text():
+                if (
+                    "systemd" in Path(f"/proc/{child}/cmdline").read_text()
+                    and "init" not in Path(f"/proc/{child}/comm").read_text()
+                ):
                     return int(child)
         return None
 
     def _is_up(self) -> bool:
-        return self.run("systemctl", "is-system-running", check=False).stdout.strip() in ("running", "degraded")
+        return self.run("systemctl", "is-system-running", check=False).stdout.strip() in (
+            "running",
+            "degraded",
+        )
 
     def enter(self, *command: str | Path, namespaces: tuple[str, ...] = ("--all",)) -> list[str]:
         return ["nsenter", f"--target={self.leader}", *namespaces, "--", *map(str, command)]
@@ -169,7 +188,9 @@ class Machine:
 
     def show(self, *names: str) -> dict[str, str]:
         wanted = ",".join(names)
-        lines = self.run("systemctl", "show", "snv-mqtt-bridge.service", "--property", wanted).stdout.splitlines()
+        lines = self.run(
+            "systemctl", "show", "snv-mqtt-bridge.service", "--property", wanted
+        ).stdout.splitlines()
         return dict(line.split("=", 1) for line in lines)
 
     def pid(self) -> int:
@@ -206,7 +227,7 @@ class Machine:
 
 
 class Daemon:
-    """The daemon as the only child of a program that starts it elsewhere; its log is on standard error."""
+    """A program, or the only child of one that starts it elsewhere, and what it prints."""
 
     def __init__(self, command: list[str]) -> None:
         self._log = tempfile.TemporaryFile("w+")
@@ -224,16 +245,17 @@ class Daemon:
 
         wait_until(look, f"{text} in:\n{self.text()}")
 
-    def _signal(self, number: int) -> None:
+    def child(self) -> int:
+        """The process itself, where nothing else has started it."""
         children = Path(f"/proc/{self._process.pid}/task/{self._process.pid}/children").read_text().split()
-        os.kill(int(children[0]), number)
+        return int(children[0]) if children else self._process.pid
 
     def stop(self) -> int:
         """Its exit status. A signal just before a wait of the daemon does not end that, so it comes again."""
 
         def look() -> bool:
             if self._process.poll() is None:
-                self._signal(signal.SIGUSR2)
+                os.kill(self.child(), signal.SIGUSR2)
             return self._process.poll() is not None
 
         wait_until(look, "the daemon has stopped", step=0.5)
@@ -270,8 +292,19 @@ class Root:
 
     def enter(self, *command: str | Path) -> list[str]:
         """Without a systemd that runs. Its network has nothing, not even the loop."""
-        whole = ["unshare", "--mount", "--net", "--ipc", "--pid", "--fork", "--kill-child", "--propagation=private"]
-        inside = f'mount -t proc proc {self.path}/proc && mount -t tmpfs tmpfs {self.path}/dev/shm && exec "$@"'
+        whole = [
+            "unshare",
+            "--mount",
+            "--net",
+            "--ipc",
+            "--pid",
+            "--fork",
+            "--kill-child",
+            "--propagation=private",
+        ]
+        inside = (
+            f'mount -t proc proc {self.path}/proc && mount -t tmpfs tmpfs {self.path}/dev/shm && exec "$@"'
+        )
         return [*whole, "--", "sh", "-c", inside, "sh", "chroot", str(self.path), *map(str, command)]
 
     def run(self, *command: str | Path, check: bool = True) -> Done:

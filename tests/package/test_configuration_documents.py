@@ -30,7 +30,9 @@ def example(package: Package) -> str:
 
 
 def values_of(text: str) -> Values:
-    return {(section, key): value for section, keys in tomllib.loads(text).items() for key, value in keys.items()}
+    return {
+        (section, key): value for section, keys in tomllib.loads(text).items() for key, value in keys.items()
+    }
 
 
 def as_shown(value: Any) -> str:
@@ -54,28 +56,35 @@ def shown_values(lines: list[str]) -> dict[tuple[str, str], str]:
 def test_every_key_of_the_daemon_stands_in_the_example(root: Root, package: Package, example: str) -> None:
     whole = SETTING.sub("", example)
     lines = load(root, package, whole)
-    assert [line for line in lines if "missing in the configuration file" in line or "failed to parse" in line] == []
+    assert [
+        line for line in lines if "missing in the configuration file" in line or "failed to parse" in line
+    ] == []
     expected = {place: as_shown(value) for place, value in values_of(whole).items()}
     assert shown_values(lines) == expected
 
 
 def without_default(text: str) -> set[tuple[str, str]]:
     """The keys whose comment says so."""
-    section, found = "", set()
+    section = ""
+    found: set[tuple[str, str]] = set()
     for paragraph in text.split("\n\n"):
         if head := re.search(r"^\[(\w+)\]$", paragraph, re.MULTILINE):
             section = head[1]
         elif re.match("# text, (no default|empty by default): ", paragraph):
-            found.add((section, re.search(r"^#(\w+) = ", paragraph, re.MULTILINE)[1]))
+            found.update((section, key) for key in re.findall(r"^#(\w+) = ", paragraph, re.MULTILINE))
     return found
 
 
 def test_the_example_shows_the_defaults_of_the_daemon(root: Root, package: Package, example: str) -> None:
-    defaults = shown_values(load(root, package, example.replace("[geoloc]", '[geoloc]\nurl = "tcp://127.0.0.1:1"')))
+    defaults = shown_values(
+        load(root, package, example.replace("[geoloc]", '[geoloc]\nurl = "tcp://127.0.0.1:1"'))
+    )
     assert defaults.pop(("geoloc", "url")) == "tcp://127.0.0.1:1"
     offered = values_of(SETTING.sub("", example))
     empty = without_default(example)
-    assert {place for place, value in defaults.items() if value == "<empty>"} == empty - {("geoloc", "url")} | {*NOT_SHOWN}
+    assert {place for place, value in defaults.items() if value == "<empty>"} == empty - {
+        ("geoloc", "url")
+    } | {*NOT_SHOWN}
     assert {place: offered[place] for place in NOT_SHOWN} == NOT_SHOWN
     for place in defaults.keys() - empty - NOT_SHOWN.keys():
         assert as_shown(offered[place]) == defaults[place], place
@@ -96,7 +105,9 @@ def test_every_key_stands_in_the_manual_page(package: Package, example: str) -> 
     found = {
         (section, match[1])
         for section, text in zip(sections[::2], sections[1::2])
-        for match in re.finditer(r"^       (\w+) \((text|bool|unsigned), (required|default .*)\)$", text, re.MULTILINE)
+        for match in re.finditer(
+            r"^       (\w+) \((text|bool|unsigned), (required|default .*)\)$", text, re.MULTILINE
+        )
     }
     assert found == set(values_of(SETTING.sub("", example)))
 
@@ -105,6 +116,11 @@ def test_every_option_stands_in_the_manual_page(package: Package) -> None:
     page = rendered(package.content / "usr/share/man/man8/snv_mqtt_bridge.8.gz")
     told = set(re.findall(r"--?[\w?-]+", page.partition("\nOPTIONS\n")[2].partition("\nSIGNALS\n")[0]))
     lines = run(package.daemon, "--help").stdout.splitlines()
-    options = {word for line in lines if line.startswith("  ") for word in re.findall(r"(?<!\S)--?[\w?-]+", line[:29])}
+    options = {
+        word
+        for line in lines
+        if line.startswith("  ")
+        for word in re.findall(r"(?<!\S)--?[\w?-]+", line[:29])
+    }
     assert len(options) > 15
     assert options - told == set()

@@ -52,7 +52,12 @@ def test_the_package_checker_has_nothing_to_say(package: Package) -> None:
 
 
 def test_nothing_tells_where_it_was_built(package: Package) -> None:
-    places = [str(REPOSITORY), os.environ.get("BRIDGE_SYSROOT", "/build-armhf"), "/build-package"]
+    places = [
+        str(REPOSITORY),
+        "/build-package/",
+        "/build-armhf/",
+        os.environ.get("BRIDGE_SYSROOT", "/sysroot/"),
+    ]
     files = [path for path in package.content.rglob("*") if path.is_file()]
     assert files
     for path in files:
@@ -71,8 +76,19 @@ def test_depends_on_the_packages_of_its_libraries(package: Package, base: Path) 
     depends = {word.split(" ")[0] for word in package.field("Depends").split(", ")}
     libraries = [name for name in needed_libraries(package.daemon) if not name.startswith("ld-linux")]
     assert len(libraries) > 5
-    owners = {run("dpkg-query", f"--root={base}", "--search", f"*/{name}").stdout.split(":")[0] for name in libraries}
+    owners = {
+        run("dpkg-query", f"--root={base}", "--search", f"*/{name}").stdout.split(":")[0]
+        for name in libraries
+    }
     assert owners == depends
+
+
+def test_the_c_library_is_new_enough(package: Package) -> None:
+    """Found for this processor's own daemon: the dependencies may be those of another one."""
+    told = run("readelf", "--version-info", "--wide", package.daemon).stdout
+    wanted = max(tuple(map(int, version.split("."))) for version in re.findall(r"GLIBC_([\d.]+)", told))
+    demanded = re.findall(r"libc6 \(>= ([\d.]+)\)", package.field("Depends"))
+    assert [wanted] <= [tuple(map(int, version.split("."))) for version in demanded]
 
 
 @pytest.mark.parametrize("page", ["man8/snv_mqtt_bridge.8.gz", "man5/snv_mqtt_bridge.toml.5.gz"])

@@ -22,7 +22,9 @@ ROTATION = "/etc/logrotate.d/snv-mqtt-bridge"
 NEXT = "1.11.2"
 
 # The package's tools and the system keep books; so does the SNMP library, for all its users.
-BOOKS = re.compile(r"/(proc|sys|dev|run|tmp|srv)/|/var/(cache/|tmp/|log/(?!\.snv)|lib/(dpkg|apt|systemd|snmp|man-db)/)")
+BOOKS = re.compile(
+    r"/(proc|sys|dev|run|tmp|srv)/|/var/(cache/|tmp/|log/(?!\.snv)|lib/(dpkg|apt|systemd|snmp|man-db)/)"
+)
 
 
 @pytest.fixture(scope="module")
@@ -107,6 +109,15 @@ def test_a_whole_life_keeps_what_is_the_operators_and_leaves_nothing(
     assert files_of(root) - before == set()
 
 
+def test_a_log_folder_of_the_gateways_stays_as_it_is(root: Root, package: Package) -> None:
+    logs = root.path / "var/lib/logs"
+    logs.mkdir()
+    logs.chmod(0o2775)
+    Installer(root, None).install(package.path)
+    assert logs.stat().st_mode & 0o7777 == 0o2775
+    assert (logs / ".snv_bridge_bkp").is_dir()
+
+
 def test_nothing_is_left_after_the_daemon_has_run(root: Root, package: Package) -> None:
     machine = root.boot()
     installer = Installer(root, machine)
@@ -146,7 +157,9 @@ def test_an_upgrade_goes_on_with_the_new_program(running: Running, next_package:
     assert "bridge is shutting down" in machine.log()
 
 
-def test_an_upgrade_does_not_start_what_the_operator_has_stopped(running: Running, next_package: Path) -> None:
+def test_an_upgrade_does_not_start_what_the_operator_has_stopped(
+    running: Running, next_package: Path
+) -> None:
     machine, installer, _ = running
     machine.run("systemctl", "stop", SERVICE)
     installer.install(next_package)
@@ -154,7 +167,9 @@ def test_an_upgrade_does_not_start_what_the_operator_has_stopped(running: Runnin
     assert machine.run("systemctl", "is-enabled", SERVICE).stdout == "enabled\n"
 
 
-def test_an_upgrade_does_not_enable_what_the_operator_has_disabled(running: Running, next_package: Path) -> None:
+def test_an_upgrade_does_not_enable_what_the_operator_has_disabled(
+    running: Running, next_package: Path
+) -> None:
     machine, installer, _ = running
     machine.run("systemctl", "disable", "--now", SERVICE)
     installer.install(next_package)
@@ -162,7 +177,9 @@ def test_an_upgrade_does_not_enable_what_the_operator_has_disabled(running: Runn
     assert machine.pid() == 0
 
 
-def test_a_removed_service_has_stopped_and_a_new_installation_starts_it(running: Running, package: Package) -> None:
+def test_a_removed_service_has_stopped_and_a_new_installation_starts_it(
+    running: Running, package: Package
+) -> None:
     machine, installer, gateway = running
     installer.remove()
     assert machine.show("ActiveState", "LoadState") == {"LoadState": "not-found", "ActiveState": "inactive"}

@@ -1,4 +1,4 @@
-"""The unit's limits: what the control plane and the gateway's programs do works within them, and nothing else does."""
+"""The unit's limits: what the control plane and the gateway's programs do works within them, and no more."""
 
 from __future__ import annotations
 
@@ -58,11 +58,20 @@ def test_a_port_below_1024_is_served(machine: Machine) -> None:
     assert told.startswith("@@public_key:")
 
 
+def test_keys_are_made(root: Root) -> None:
+    folder = root.path / "etc/snv-mqtt-bridge"
+    assert "BEGIN RSA PRIVATE KEY" in (folder / "gateway.key").read_text()
+    assert "BEGIN CERTIFICATE" in (folder / "gateway.crt").read_text()
+    assert (folder / "gateway.key").stat().st_mode & 0o777 == 0o600
+
+
 def test_the_public_key_is_told(operations: Operations) -> None:
     assert operations.ask("getPublicKey") == "ssh-rsa KEY gateway\n"
 
 
-def test_firmware_is_unpacked_with_its_owners_and_modes(root: Root, operations: Operations, tmp_path: Path) -> None:
+def test_firmware_is_unpacked_with_its_owners_and_modes(
+    root: Root, operations: Operations, tmp_path: Path
+) -> None:
     """Also a folder with the set-group-ID bit, as a build machine's are."""
     archive = tmp_path / "bsp.tar"
     with tarfile.open(archive, "w") as tar:
@@ -95,7 +104,9 @@ def test_a_key_takes_its_place(root: Root, operations: Operations, tmp_path: Pat
     assert (placed.read_text(), placed.stat().st_mode & 0o777) == ("Authorization: secret", 0o600)
 
 
-def test_a_fetched_file_replaces_one_of_another_user(root: Root, operations: Operations, tmp_path: Path) -> None:
+def test_a_fetched_file_replaces_one_of_another_user(
+    root: Root, operations: Operations, tmp_path: Path
+) -> None:
     source = tmp_path / "mqtt-gateway.conf"
     source.write_text("new")
     target = root.path / "etc/default/mqtt-gateway.conf"
@@ -106,7 +117,9 @@ def test_a_fetched_file_replaces_one_of_another_user(root: Root, operations: Ope
     assert target.read_text() == "new"
 
 
-def test_logs_of_other_users_are_linked_and_streamed(root: Root, operations: Operations, tmp_path: Path) -> None:
+def test_logs_of_other_users_are_linked_and_streamed(
+    root: Root, operations: Operations, tmp_path: Path
+) -> None:
     log = root.path / "var/log/forwarder.log"
     log.write_text("a line\n")
     log.chmod(0o600)
@@ -115,7 +128,9 @@ def test_logs_of_other_users_are_linked_and_streamed(root: Root, operations: Ope
     assert (tmp_path / "forwarder.log").read_text() == "a line\n"
 
 
-def test_a_configuration_is_carried_out_by_the_programs(root: Root, operations: Operations, tmp_path: Path) -> None:
+def test_a_configuration_is_carried_out_by_the_programs(
+    root: Root, operations: Operations, tmp_path: Path
+) -> None:
     document = tmp_path / "document.json"
     document.write_text(json.dumps({"upgradeServer": {"ipkFeedURL": {"url": "https://feed.example/v5"}}}))
     report = json.loads(operations.run("configure", document))
@@ -210,7 +225,9 @@ def test_what_is_forbidden_is_possible_outside(machine: Machine) -> None:
 def test_files_in_tmp_are_its_own(machine: Machine, root: Root) -> None:
     pipe = "snv_bridge.pipe"
     assert not (Path(f"/proc/{machine.leader}/root/tmp") / pipe).exists()
-    private = Path(f"/proc/{machine.leader}/root").glob("tmp/systemd-private-*-snv-mqtt-bridge.service-*/tmp/*")
+    private = Path(f"/proc/{machine.leader}/root").glob(
+        "tmp/systemd-private-*-snv-mqtt-bridge.service-*/tmp/*"
+    )
     assert pipe in {path.name for path in private}
 
 

@@ -45,7 +45,10 @@ def gateway(machine: Machine, root: Root) -> Gateway:
 
 def test_waits_quietly_for_its_configuration(machine: Machine) -> None:
     machine.run("systemctl", "start", SERVICE)
-    assert machine.show("ActiveState", "ConditionResult") == {"ActiveState": "inactive", "ConditionResult": "no"}
+    assert machine.show("ActiveState", "ConditionResult") == {
+        "ActiveState": "inactive",
+        "ConditionResult": "no",
+    }
     assert machine.run("systemctl", "is-enabled", SERVICE).stdout == "enabled\n"
     assert machine.run("systemctl", "is-system-running", check=False).stdout == "running\n"
 
@@ -80,7 +83,9 @@ def test_is_started_again_when_it_ends_with_status_0(machine: Machine, root: Roo
     assert "status=" not in machine.log()
 
 
-def test_takes_a_corrected_configuration_without_being_told(machine: Machine, root: Root, gateway: Gateway) -> None:
+def test_takes_a_corrected_configuration_without_being_told(
+    machine: Machine, root: Root, gateway: Gateway
+) -> None:
     configure(root, CHIRPSTACK.replace("gw_mac", "gw_mcc"))
     machine.run("systemctl", "start", SERVICE)
     machine.wait_for_log("missing configuration value for gw_mac in section: generic")
@@ -122,11 +127,13 @@ def test_the_guide_shows_the_exposure_as_it_is(machine: Machine, root: Root) -> 
     command = ["systemd-analyze", "security", "--no-pager", "--offline=true"]
     told = machine.run(*command, f"/lib/systemd/system/{SERVICE}").stdout
     guide = (REPOSITORY / "docs/installing.md").read_text()
-    assert [line.rstrip() for line in told.strip().splitlines()] == exposure_of(guide)
+    assert [line.rstrip() for line in told.strip("\n").splitlines()] == exposure_of(guide)
 
 
 def exposure_of(guide: str) -> list[str]:
-    block = guide.partition("<!-- exposure: begin -->\n```\n")[2].partition("\n```\n<!-- exposure: end -->")[0]
+    block = guide.partition("<!-- exposure: begin -->\n```\n")[2].partition("\n```\n<!-- exposure: end -->")[
+        0
+    ]
     assert block
     return block.splitlines()
 
@@ -134,7 +141,12 @@ def exposure_of(guide: str) -> list[str]:
 def test_old_output_of_scripts_is_removed(machine: Machine, root: Root) -> None:
     logs = root.path / "var/lib/logs"
     days = 86400
-    ages = {"1700000000-old.sh.txt": 40, "1700000000-young.sh.txt": 20, "notes.txt": 40, "1700000000-x.gz": 40}
+    ages = {
+        "1700000000-old.sh.txt": 40,
+        "1700000000-young.sh.txt": 20,
+        "notes.txt": 40,
+        "1700000000-x.gz": 40,
+    }
     for name, age in ages.items():
         path = logs / name
         path.write_text(name)
