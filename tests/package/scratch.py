@@ -327,7 +327,11 @@ class Root:
         path.write_text(text)
         path.chmod(mode)
 
+    def _is_unmounted(self) -> bool:
+        return run("umount", "--recursive", self._work, check=False).returncode == 0
+
     def close(self) -> None:
         for thing in reversed(self._started):
             thing.close()
-        run("umount", "--recursive", self._work)
+        # The kernel takes down a container's mounts after its processes.
+        wait_until(self._is_unmounted, "the root is free")
