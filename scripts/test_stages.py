@@ -9,6 +9,7 @@ import subprocess
 import sys
 import time
 import xml.etree.ElementTree as xml
+from collections.abc import Sequence
 from dataclasses import dataclass
 from pathlib import Path
 
@@ -137,13 +138,24 @@ def system_stage(build: Build) -> list[Outcome]:
     started = time.monotonic()
     if not build.build("snv_mqtt_bridge") or not build.build("lab_agent"):
         return [Outcome("system tests", 0, 1, time.monotonic() - started, "the programs do not build")]
-    announce("system tests")
-    report = build.report("system")
-    command = ["/usr/bin/python3", "-B", "-m", "pytest", "tests/system", "-n", SYSTEM_WORKERS]
-    command += ["--dist", "loadgroup", "-p", "no:cacheprovider", f"--junitxml={report}"]
     environment = {**build.variant.environment, "SNV_BRIDGE": str(build.daemon)}
+    return [system_tests(build, "system tests", ["tests/system"], environment)]
+
+
+def system_tests(
+    build: Build,
+    stage: str,
+    selected: Sequence[str],
+    environment: dict[str, str],
+    workers: str = SYSTEM_WORKERS,
+) -> Outcome:
+    started = time.monotonic()
+    announce(stage)
+    report = build.report(stage.replace(" ", "-"))
+    command = ["/usr/bin/python3", "-B", "-m", "pytest", *selected, "-n", workers]
+    command += ["--dist", "loadgroup", "-p", "no:cacheprovider", f"--junitxml={report}"]
     status = run([*build.variant.prefix, *command], environment)
-    return [outcome_of_report("system tests", report, status, started)]
+    return outcome_of_report(stage, report, status, started)
 
 
 def run_clang_tidy(command: list[str]) -> int:

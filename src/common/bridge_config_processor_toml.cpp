@@ -220,8 +220,8 @@ static int check_cycle(std::span<const bridge_cfg_file_id> visited, const struct
         return 0;
     BRIDGE_ERROR("detected configuration file circular dependency. Check your includes.");
     BRIDGE_ERROR("this file: %s was most recently referenced from: %s", path, parent_path);
-    BRIDGE_DEBUG("device: %lu inode: %lu", static_cast<unsigned long>(status.st_dev),
-                 static_cast<unsigned long>(status.st_ino));
+    BRIDGE_DEBUG("device: %llu inode: %llu", static_cast<unsigned long long>(status.st_dev),
+                 static_cast<unsigned long long>(status.st_ino));
     return -1;
 }
 

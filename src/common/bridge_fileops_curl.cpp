@@ -209,7 +209,7 @@ static int post_form(const bridge_fileops_upload *upload, const char *start, con
         BRIDGE_ERROR("curl: failed to init mime");
         return -ENOMEM;
     }
-    upload_data data = {.start = start, .size = upload->size, .sent = 0};
+    upload_data data = {.start = start, .size = static_cast<size_t>(upload->size), .sent = 0};
     result = fill_form(mime.get(), upload, &data, name);
     if (result < 0)
         return result;
@@ -232,6 +232,16 @@ static int post_form(const bridge_fileops_upload *upload, const char *start, con
     return 0;
 }
 
+/* Where an address has 32 bits, a length may have more: memory lacks for it as for any that is too long. */
+static void *map_from_start(int fd, const bridge_fileops_upload *upload, size_t *length)
+{
+    if (__builtin_add_overflow(upload->offset, upload->size, length)) {
+        errno = ENOMEM;
+        return MAP_FAILED;
+    }
+    return mmap(nullptr, *length, PROT_READ, MAP_PRIVATE, fd, 0);
+}
+
 static int upload_mapped(const bridge_fileops_upload *upload, const char *name)
 {
     bridge_fd fd(open(upload->real_path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
@@ -241,11 +251,8 @@ static int upload_mapped(const bridge_fileops_upload *upload, const char *name)
         return -code;
     }
     size_t length = 0;
-    if (__builtin_add_overflow(upload->offset, upload->size, &length)) {
-        BRIDGE_ERROR("curl: failed to map a file: it is too long"); /* where an address has 32 bits */
-        return -EOVERFLOW;
-    }
-    const file_mapping mapping(mmap(nullptr, length, PROT_READ, MAP_PRIVATE, fd.get(), 0), length);
+    void *start = map_from_start(fd.get(), upload, &length);
+    const file_mapping mapping(start, length);
     if (!mapping.is_valid()) {
         const int code = errno;
         BRIDGE_ERROR("curl: failed to map a file: %m");
@@ -257,8 +264,8 @@ static int upload_mapped(const bridge_fileops_upload *upload, const char *name)
 
 int bridge_fileops_curl_upload(const bridge_fileops_upload *upload)
 {
-    BRIDGE_INFO("curl: starting file stream %s with offset [%ld] and size [%zu]", upload->virtual_path,
-                static_cast<long>(upload->offset), upload->size);
+    BRIDGE_INFO("curl: starting file stream %s with offset [%lld] and size [%llu]", upload->virtual_path,
+                static_cast<long long>(upload->offset), static_cast<unsigned long long>(upload->size));
     const text_owned name(bridge_fileops_last_segment(upload->virtual_path));
     if (!name) {
         BRIDGE_ERROR("failed to extract virtual filename from path");

@@ -2,7 +2,7 @@
 #ifndef BRIDGE_FILEOPS_CURL_H
 #define BRIDGE_FILEOPS_CURL_H
 
-#include <cstddef>
+#include <cstdint>
 #include <sys/types.h>
 
 /* What is sent, and under which name the server knows it. */
@@ -12,7 +12,7 @@ struct bridge_fileops_upload {
     const char *tmst_path; /* kept fresh while the upload runs; or null */
     const char *url;
     off_t offset;
-    size_t size;
+    uint64_t size;
 };
 
 /* Posts a part of a file as a multipart form of "filedata", "mac" and "filepath". Returns 0, also when the

@@ -131,7 +131,7 @@ static pid_t fork_job()
 }
 
 int bridge_fileops_stream_start(const bridge_fileops_entry *root, const char *filepath,
-                                const char *token_or_url, off_t offt, size_t sz, const char *req_id)
+                                const char *token_or_url, off_t offt, uint64_t sz, const char *req_id)
 {
     BRIDGE_ASSERT(root);
     BRIDGE_ASSERT(filepath);

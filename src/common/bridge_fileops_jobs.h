@@ -16,7 +16,7 @@ struct bridge_fileops_entry;
 
 /* Sends `sz` bytes from `offt` on to a server; reads. The answer tells nothing of what the server says. */
 int bridge_fileops_stream_start(const bridge_fileops_entry *root, const char *filepath,
-                                const char *token_or_url, off_t offt, size_t sz, const char *req_id);
+                                const char *token_or_url, off_t offt, uint64_t sz, const char *req_id);
 
 /* Takes a file from a server; writes. `token` is not used. */
 int bridge_fileops_fetch_start(const bridge_fileops_entry *root, const char *filepath, const char *token,

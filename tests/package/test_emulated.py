@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-import os
 from pathlib import Path
 from typing import Iterator
 
@@ -15,18 +14,7 @@ from scratch import REPOSITORY, Daemon, run
 
 pytestmark = pytest.mark.foreign
 
-SYSROOT = Path(os.environ.get("BRIDGE_SYSROOT", REPOSITORY / "build-armhf/sysroot"))
-LIBRARIES = ("lib/arm-linux-gnueabihf", "lib/ld-linux-armhf.so.3", "usr/lib/arm-linux-gnueabihf")
-
-
-@pytest.fixture
-def emulator(tmp_path: Path) -> list[str]:
-    """Nothing but libraries comes from the sysroot."""
-    for name in LIBRARIES:
-        link = tmp_path / "libraries" / name
-        link.parent.mkdir(parents=True, exist_ok=True)
-        link.symlink_to(SYSROOT / name)
-    return ["qemu-arm-static", "-L", str(tmp_path / "libraries")]
+EMULATOR = ["qemu-arm-static", "-L", str(REPOSITORY / "build-armhf/emulated")]
 
 
 @pytest.fixture
@@ -48,19 +36,19 @@ def test_it_is_of_its_processor(package: Package) -> None:
     assert ".symtab" not in run("readelf", "--sections", "--wide", package.daemon).stdout
 
 
-def test_it_tells_its_version(package: Package, emulator: list[str]) -> None:
-    told = run(*emulator, package.daemon, "--version").stdout
+def test_it_tells_its_version(package: Package) -> None:
+    told = run(*EMULATOR, package.daemon, "--version").stdout
     assert told == f"snv_mqtt_bridge {package.field('Version')}\n"
 
 
 def test_it_forwards_with_the_filled_in_example_and_stops(
-    package: Package, emulator: list[str], network: list[str], tmp_path: Path
+    package: Package, network: list[str], tmp_path: Path
 ) -> None:
     example = (package.content / DOC / "examples/bridge.toml").read_text()
     filled = example.replace('#url = "ssl://server.example:8883"', 'url = "tcp://127.0.0.1:1883"', 1)
     (tmp_path / "bridge.toml").write_text(filled.replace('#type = "sarnivel"', 'type = "chirpstack"'))
     broker = Daemon([*network, "/usr/sbin/mosquitto", "-p", "1883", "-v"])
-    bridge = Daemon([*network, *emulator, str(package.daemon), "-c", str(tmp_path / "bridge.toml"), "-d"])
+    bridge = Daemon([*network, *EMULATOR, str(package.daemon), "-c", str(tmp_path / "bridge.toml"), "-d"])
     started = [bridge, broker]
     try:
         broker.wait_for(" as gateway-17 ")

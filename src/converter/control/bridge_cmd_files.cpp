@@ -15,7 +15,6 @@
 #include <iterator>
 #include <mutex>
 #include <sys/types.h>
-#include <utility>
 
 static constexpr size_t PATH_SIZE = 4096;
 static constexpr size_t TOKEN_SIZE = 256;
@@ -95,19 +94,19 @@ struct file_job {
 static constexpr file_job STREAM = {
     &converter_ctx::stream_id, "xferId", bridge_fileops_stream_running, bridge_fileops_stream_stop,
     "file streaming is still running", "file streaming is not running, nothing to stop",
-    "invalid xfer ID received: %ld",
+    "invalid xfer ID received: %lld",
 };
 
 static constexpr file_job FETCH = {
     &converter_ctx::fetch_id, "xferId", bridge_fileops_fetch_running, bridge_fileops_fetch_stop,
     "file fetching is still running", "file fetching is not running, nothing to stop",
-    "invalid xfer ID received: %ld",
+    "invalid xfer ID received: %lld",
 };
 
 static constexpr file_job EXECUTE = {
     &converter_ctx::execute_id, "exeId", bridge_fileops_execute_running, bridge_fileops_execute_stop,
     "file executing is still running", "file execution is not running, nothing to stop",
-    "invalid exe ID received: %ld",
+    "invalid exe ID received: %lld",
 };
 /* clang-format on */
 
@@ -179,7 +178,7 @@ static int stop_job(converter_ctx *ctx, const file_job &job, json_object *params
         return -ESRCH;
     }
     if (id != current) {
-        BRIDGE_ERROR(job.invalid_id, static_cast<long>(id));
+        BRIDGE_ERROR(job.invalid_id, static_cast<long long>(id));
         return -EINVAL;
     }
     const int result = job.stop(&fileops_root, current);
@@ -217,12 +216,12 @@ static int start_stream(json_object *request)
         BRIDGE_ERROR("failed to de-serialize params");
         return -EINVAL;
     }
-    if (offset < 0 || size <= 0 || !std::in_range<off_t>(offset) || !std::in_range<size_t>(size)) {
+    if (offset < 0 || size <= 0) {
         BRIDGE_ERROR("invalid parameters received");
         return -EINVAL;
     }
-    const int result = bridge_fileops_stream_start(&fileops_root, path, url, static_cast<off_t>(offset),
-                                                   static_cast<size_t>(size), req_id);
+    const int result =
+        bridge_fileops_stream_start(&fileops_root, path, url, offset, static_cast<uint64_t>(size), req_id);
     if (result < 0)
         BRIDGE_ERROR("failed to start streaming");
     return result;

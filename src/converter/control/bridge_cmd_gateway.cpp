@@ -130,7 +130,9 @@ static json_object *read_key_file(const char *path)
         return nullptr;
     }
     const size_t size = static_cast<size_t>(status.st_size) + 1;
-    const std::unique_ptr<uint8_t, bridge_release<free>> text(static_cast<uint8_t *>(calloc(size, 1)));
+    const bool fits = status.st_size < PTRDIFF_MAX; /* where an address has 32 bits, a file can be longer */
+    const std::unique_ptr<uint8_t, bridge_release<free>> text(
+        static_cast<uint8_t *>(fits ? calloc(size, 1) : nullptr));
     if (!text) {
         BRIDGE_ERROR("failed to allocate memory for public key");
         return nullptr;

@@ -146,8 +146,8 @@ void bridge_cmd_file_upload_start(converter_ctx *ctx, json_object *params, json_
         answer_status(failed("filename is too big"), response);
         return;
     }
-    BRIDGE_DEBUG("starting uploading a file: %s, chunk len: %ld, overall size: %ld", path,
-                 static_cast<long>(request.chunk_length), static_cast<long>(request.size));
+    BRIDGE_DEBUG("starting uploading a file: %s, chunk len: %lld, overall size: %lld", path,
+                 static_cast<long long>(request.chunk_length), static_cast<long long>(request.size));
     const bridge_fd staged(open(path, O_WRONLY | O_TRUNC | O_NOFOLLOW | O_CLOEXEC));
     if (staged.get() < 0 && errno != ENOENT) {
         BRIDGE_ERROR("failed to truncate a file: %m");

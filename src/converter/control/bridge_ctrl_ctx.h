@@ -59,6 +59,9 @@ struct converter_ctx {
     std::atomic<bool> reboot_pending;
 };
 
+/* On every processor: a forked child must not find the lock of one taken. */
+static_assert(std::atomic<int64_t>::is_always_lock_free);
+
 /* Holds the context mutex for a scope. */
 class ctx_guard
 {

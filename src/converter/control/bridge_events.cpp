@@ -10,12 +10,14 @@
 #include "mqtt/bridge_mqtt.h"
 #include "thread_pool/thpool.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <limits>
 #include <memory>
 #include <net-snmp/library/fd_event_manager.h>
 #include <sys/select.h>
@@ -209,12 +211,20 @@ static void wait_for_notifications(converter_ctx *ctx, const char *topic)
     ctx->event_thr_running = false;
 }
 
-/* Nothing signals the condition: a stop is noticed at the end of the interval. */
-static bool wait_for_interval(converter_ctx *ctx, uint32_t interval_s)
+/* Where a time has 32 bits, the clock ends before the longest intervals: such a one lasts until then. */
+static timespec deadline_after(uint32_t interval_s)
 {
     timespec deadline = {};
     clock_gettime(CLOCK_REALTIME, &deadline);
-    deadline.tv_sec += static_cast<time_t>(interval_s);
+    const int64_t second = int64_t{deadline.tv_sec} + interval_s;
+    deadline.tv_sec = static_cast<time_t>(std::min<int64_t>(second, std::numeric_limits<time_t>::max()));
+    return deadline;
+}
+
+/* Nothing signals the condition: a stop is noticed at the end of the interval. */
+static bool wait_for_interval(converter_ctx *ctx, uint32_t interval_s)
+{
+    const timespec deadline = deadline_after(interval_s);
     const ctx_guard guard(ctx);
     int result = 0;
     while (result != ETIMEDOUT && ctx->ctrl_running)

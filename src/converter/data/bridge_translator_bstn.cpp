@@ -6,6 +6,7 @@
 #include "converter/data/bridge_translator.h"
 #include "converter/data/bridge_translator_common.h"
 
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -127,11 +128,16 @@ static int64_t server_clock(uint32_t version, int64_t tmst)
     return static_cast<int64_t>(static_cast<uint64_t>(bstn_xtime_base) + static_cast<uint64_t>(difference));
 }
 
-/* 0 for a time in another form than "2026-01-02T03:04:05...". */
+/* 0 for a time in another form than "2026-01-02T03:04:05...". Not by timegm: its time may have 32 bits. */
 static int64_t seconds_of(const char *time)
 {
+    using std::chrono::sys_days, std::chrono::year;
     tm utc = {};
-    return strptime(time, "%Y-%m-%dT%T", &utc) != nullptr ? static_cast<int64_t>(timegm(&utc)) : 0;
+    if (strptime(time, "%Y-%m-%dT%T", &utc) == nullptr)
+        return 0;
+    const sys_days month = year(1900 + utc.tm_year) / (1 + utc.tm_mon) / 1;
+    const int64_t day = month.time_since_epoch().count() + utc.tm_mday - 1;
+    return ((day * 24 + utc.tm_hour) * 60 + utc.tm_min) * 60 + utc.tm_sec;
 }
 
 static int read_uplink(json_object *semtech, uint32_t version, bstn_uplink *up)

@@ -1,6 +1,7 @@
 /* The sections when memory runs out: each call that needs some fails in its turn, once or from then on. A
  * failure is told, and what is in the files of the filter stays whole. */
 #include "common/bridge_json_helpers.h"
+#include "common/mangled.h"
 #include "configs_gw/filter_root.h"
 #include "configs_gw/gateway_sections.h"
 #include "converter/control/bridge_configs_gw.h"
@@ -53,23 +54,19 @@ PLANNED_CALL(int, json_object_array_add, (json_object * array, json_object *valu
 PLANNED_CALL(int, json_object_deep_copy,
              (json_object * from, json_object **to, json_c_shallow_copy_fn *shallow), (from, to, shallow), -1)
 
-// NOLINTBEGIN(bugprone-reserved-identifier): the linker makes the names
+#define REAL_SERIALIZE MANGLED(__real__Z21bridge_json_serializeP11json_objectPK17bridge_json_field, )
+#define WRAP_SERIALIZE MANGLED(__wrap__Z21bridge_json_serializeP11json_objectPK17bridge_json_field, )
+
 extern "C" {
-int __real__Z21bridge_json_serializeP11json_objectPK17bridge_json_fieldm(json_object *obj,
-                                                                         const bridge_json_field *frame,
-                                                                         size_t count);
-int __wrap__Z21bridge_json_serializeP11json_objectPK17bridge_json_fieldm(json_object *obj,
-                                                                         const bridge_json_field *frame,
-                                                                         size_t count)
+int REAL_SERIALIZE(json_object *obj, const bridge_json_field *frame, size_t count);
+int WRAP_SERIALIZE(json_object *obj, const bridge_json_field *frame, size_t count)
 {
     adds_fields = true;
-    const int result =
-        __real__Z21bridge_json_serializeP11json_objectPK17bridge_json_fieldm(obj, frame, count);
+    const int result = REAL_SERIALIZE(obj, frame, count);
     adds_fields = false;
     return result;
 }
 }
-// NOLINTEND(bugprone-reserved-identifier)
 
 static constexpr std::string_view CALLS[] = {
     "json_object_new_object", "json_object_new_array",  "json_object_new_string", "json_object_new_int64",

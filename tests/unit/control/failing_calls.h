@@ -3,6 +3,8 @@
 #ifndef CONTROL_FAILING_CALLS_H
 #define CONTROL_FAILING_CALLS_H
 
+#include "common/mangled.h"
+
 #include <atomic>
 #include <cerrno>
 #include <cstring>
@@ -47,13 +49,8 @@ inline bool fails(const char *name)
 #define FAILING_THPOOL_ADD_WORK                                                                              \
     FAILING_CALL(int, _Z15thpool_add_workP6thpoolPFvPvES1_,                                                  \
                  (thpool * pool, void (*function)(void *), void *argument), (pool, function, argument), -1)
-#ifdef __LP64__
-#define FAILING_NEW_NAME       _ZnwmRKSt9nothrow_t
-#define FAILING_NEW_ARRAY_NAME _ZnamRKSt9nothrow_t
-#else
-#define FAILING_NEW_NAME       _ZnwjRKSt9nothrow_t
-#define FAILING_NEW_ARRAY_NAME _ZnajRKSt9nothrow_t
-#endif
+#define FAILING_NEW_NAME       MANGLED(_Znw, RKSt9nothrow_t)
+#define FAILING_NEW_ARRAY_NAME MANGLED(_Zna, RKSt9nothrow_t)
 #define FAILING_BY_NAME(type, name, parameters, arguments, failure)                                          \
     FAILING_CALL(type, name, parameters, arguments, failure)
 #define FAILING_NEW                                                                                          \
@@ -62,12 +59,7 @@ inline bool fails(const char *name)
     FAILING_BY_NAME(void *, FAILING_NEW_ARRAY_NAME, (size_t size, const std::nothrow_t &tag), (size, tag),   \
                     nullptr)
 static constexpr const char *THPOOL_ADD_WORK = "_Z15thpool_add_workP6thpoolPFvPvES1_";
-#ifdef __LP64__
-static constexpr const char *NEW = "_ZnwmRKSt9nothrow_t";
-static constexpr const char *NEW_ARRAY = "_ZnamRKSt9nothrow_t";
-#else
-static constexpr const char *NEW = "_ZnwjRKSt9nothrow_t";
-static constexpr const char *NEW_ARRAY = "_ZnajRKSt9nothrow_t";
-#endif
+static constexpr const char *NEW = MANGLED_TEXT(FAILING_NEW_NAME);
+static constexpr const char *NEW_ARRAY = MANGLED_TEXT(FAILING_NEW_ARRAY_NAME);
 
 #endif

@@ -456,6 +456,16 @@ TEST_F(CmdPublicKey, AKeyThatCannotBeReadIsTold)
     EXPECT_THAT(complaints, ElementsAre("ERROR failed to get pubkey file information")) << "4095 fit";
 }
 
+#ifndef __LP64__
+TEST_F(CmdPublicKey, AKeyFileLongerThanAnyMemoryIsTold)
+{
+    put_key("");
+    std::filesystem::resize_file(root.path / ".ssh/id_rsa.pub", UINT32_MAX); /* and a terminator */
+    EXPECT_THAT(command("getPublicKey"), ElementsAre(answer("")));
+    EXPECT_THAT(complaints, ElementsAre("ERROR failed to allocate memory for public key"));
+}
+#endif
+
 /* ---- radio statistics ---- */
 
 static constexpr const char *STATISTICS =
@@ -467,13 +477,13 @@ TEST_F(CmdGateway, RadioStatisticsAreOneGetAndAnswerInItsOrder)
 {
     agent.numbers("radioStatisticsNumTxPackets.0", {1});
     agent.numbers("radioStatisticsNumRxPackets.0", {-2});
-    agent.numbers("radioStatisticsRxFineTimestamp.0", {static_cast<long>(4294967295)});
+    agent.numbers("radioStatisticsRxFineTimestamp.0", {2147483647});
     agent.numbers("radioStatisticsRxNoFineTimestamp.0", {4});
     agent.numbers("radioStatisticsRxCrcOkPackets.0", {5});
     agent.numbers("radioStatisticsRxCrcErrPackets.0", {6});
     EXPECT_THAT(
         command("getRadioStatistics"),
-        ElementsAre(answer(R"({"numTxPackets":1,"numRxPackets":-2,"rxFineTimestamp":4294967295,)"
+        ElementsAre(answer(R"({"numTxPackets":1,"numRxPackets":-2,"rxFineTimestamp":2147483647,)"
                            R"("rxNoFineTimestamp":4,"rxCrcOkPackets":5,"rxCrcErrPackets":6,"noMatch":0})")));
     EXPECT_THAT(agent.calls(), ElementsAre(STATISTICS));
 }
