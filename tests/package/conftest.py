@@ -2,8 +2,8 @@
 
 from __future__ import annotations
 
+import contextlib
 import itertools
-import subprocess
 from dataclasses import dataclass
 from pathlib import Path
 from typing import Callable, Iterator
@@ -73,8 +73,9 @@ def make_root(base: Path, tmp_path_factory: pytest.TempPathFactory) -> Iterator[
         return root
 
     yield make
-    for root in roots:
-        root.close()
+    with contextlib.ExitStack() as closing:  # all of them, whatever one complains of
+        for root in roots:
+            closing.callback(root.close)
 
 
 @pytest.fixture

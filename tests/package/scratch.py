@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import contextlib
 import hashlib
 import os
 import shutil
@@ -331,7 +332,8 @@ class Root:
         return run("umount", "--recursive", self._work, check=False).returncode == 0
 
     def close(self) -> None:
-        for thing in reversed(self._started):
-            thing.close()
-        # The kernel takes down a container's mounts after its processes.
-        wait_until(self._is_unmounted, "the root is free")
+        with contextlib.ExitStack() as closing:
+            # The kernel takes down a container's mounts after its processes.
+            closing.callback(wait_until, self._is_unmounted, "the root is free")
+            for thing in self._started:
+                closing.callback(thing.close)
