@@ -22,6 +22,7 @@ from lab.agent.process import MIBS, LabAgent  # noqa: E402
 from lab.sandboxed import sandboxed  # noqa: E402
 
 DAEMON = BUILD / "snv_mqtt_bridge"
+AGENT = BUILD / "lab/agent/lab_agent"
 LOAD = BUILD / "bench/bench_fleet_load"
 STORM = BUILD / "bench/bench_fleet_storm"
 FIRST_MAC = 0xAA555A0000000001
@@ -83,8 +84,8 @@ def make_certificate(folder: Path, name: str, *key: str) -> tuple[Path, Path]:
     """Certificate and key, each in a file."""
     certificate, secret = folder / f"{name}.crt", folder / f"{name}.key"
     subprocess.run(["openssl", "req", "-x509", *key, "-nodes", "-days", "30", "-subj", "/CN=127.0.0.1",
-                    "-addext", "subjectAltName=IP:127.0.0.1", "-keyout", str(secret), "-out", str(certificate)],
-                   check=True, capture_output=True)
+                    "-addext", "subjectAltName=IP:127.0.0.1", "-keyout", str(secret),
+                    "-out", str(certificate)], check=True, capture_output=True)
     return certificate, secret
 
 
@@ -168,18 +169,23 @@ def thread_count(pid: int) -> int:
     return len(os.listdir(f"/proc/{pid}/task"))
 
 
-def free_udp_ports(count: int) -> int:
-    """The first of so many in a row."""
-    first = UDP_PORTS.start
+def reserve_udp_ports(count: int) -> list[socket.socket]:
+    """Bound to so many ports in a row."""
+    reserved: list[socket.socket] = []
     for port in UDP_PORTS:
-        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
-            try:
-                probe.bind(("", port))
-            except OSError:
-                first = port + 1
-        if port - first + 1 == count:
-            return first
-    sys.exit(f"no {count} UDP ports in a row are free")
+        if len(reserved) == count:
+            break
+        probe = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        try:
+            probe.bind(("", port))
+            reserved.append(probe)
+        except OSError:
+            for each in (probe, *reserved):
+                each.close()
+            reserved.clear()
+    if len(reserved) < count:
+        sys.exit(f"no {count} UDP ports in a row are free")
+    return reserved
 
 
 # --- the daemons ---
@@ -189,9 +195,11 @@ class Fleet:
     """Daemons of one kind on neighbouring UDP ports. Grows; ends all at once. With `port`, they reach the
     server through that one."""
 
-    def __init__(self, folder: Path, server: Server, kind: Kind, most: int, pin: list[str], port: int = 0) -> None:
+    def __init__(self, folder: Path, server: Server, kind: Kind, most: int, pin: list[str],
+                 port: int = 0) -> None:
         self.kind = kind
-        self.first_port = free_udp_ports(most)
+        self._reserved = reserve_udp_ports(most)
+        self.first_port: int = self._reserved[0].getsockname()[1]
         self.processes: list[subprocess.Popen[bytes]] = []
         self._folder, self._pin = folder, pin
         self._authority = server.authority
@@ -199,7 +207,7 @@ class Fleet:
         self._agent: LabAgent | None = None
         folder.mkdir()
         if kind.control:
-            self._agent = LabAgent(BUILD / "lab/agent/lab_agent", free_port(socket.SOCK_DGRAM), folder / "agent.log")
+            self._agent = LabAgent(AGENT, free_port(socket.SOCK_DGRAM), folder / "agent.log")
 
     def _command(self, number: int) -> list[str]:
         work = self._folder / str(number)
@@ -210,9 +218,12 @@ class Fleet:
             text += CONTROL_CONFIG.format(url=self._url, agent=self._agent.address, mibs=MIBS)
         config = work / "bridge.toml"
         config.write_text(text)
-        shutil.copy(self._authority, work / "authority.crt")  # a daemon with both planes sees this folder alone
+        # Beside it: of its own folder's neighbours a daemon with both planes sees nothing.
+        shutil.copy(self._authority, work / "authority.crt")
         options = ["-d", "-v", "2", "-c", str(config)]
-        return sandboxed(work, DAEMON, options) if self.kind.control else [str(DAEMON), *options]
+        if self.kind.control:
+            return list(sandboxed(work, DAEMON, options))
+        return [str(DAEMON), *options]
 
     def start_one(self) -> None:
         number = len(self.processes)
@@ -220,8 +231,10 @@ class Fleet:
         work = self._folder / str(number)
         environment = {"PATH": os.environ["PATH"], "SNMPCONFPATH": os.devnull, "MIBS": "",
                        "SSL_CERT_FILE": str(work / "authority.crt")}
+        self._reserved[number].close()
         with self.log(number).open("wb") as log:
-            self.processes.append(subprocess.Popen(command, stdout=subprocess.DEVNULL, stderr=log, env=environment))
+            process = subprocess.Popen(command, stdout=subprocess.DEVNULL, stderr=log, env=environment)
+        self.processes.append(process)
 
     def log(self, number: int) -> Path:
         return self._folder / str(number) / "log"
@@ -247,6 +260,8 @@ class Fleet:
 
     def close(self) -> None:
         """A stop in the middle of an attempt to connect would take half a minute."""
+        for reserved in self._reserved:
+            reserved.close()
         for process in self.processes:
             process.kill()
         for process in self.processes:
@@ -294,9 +309,12 @@ def run_load(pin: list[str], server: Server, fleet: Fleet | None, values: dict[s
                 if fleet:
                     fleet.check()
                 sys.exit("the load has failed")
-            begin, server_cpu, fleet_cpu = time.monotonic(), cpu_s(server.pid), fleet.cpu_s() if fleet else 0.0
-            result = json.loads(load.stdout.readline())
-            return Window(result, time.monotonic() - begin, cpu_s(server.pid) - server_cpu,
+            begin, server_cpu = time.monotonic(), cpu_s(server.pid)
+            fleet_cpu = fleet.cpu_s() if fleet else 0.0
+            line = load.stdout.readline()
+            if not line:
+                sys.exit("the load has failed")
+            return Window(json.loads(line), time.monotonic() - begin, cpu_s(server.pid) - server_cpu,
                           fleet.cpu_s() - fleet_cpu if fleet else 0.0)
         finally:
             load.kill()

@@ -19,9 +19,10 @@ from statistics import median
 from fleet_daemons import Fleet, Kind, Server, running_fleet, running_server
 from fleet_wave import Scenario, first_attempt_of_age, simulate
 from parts import free_port
+from report import Row
 
 STARTED = re.compile(r"^(\S+ \S+) \[.*ctrlplane is started$", re.MULTILINE)
-INTERVAL_S = 33  # no multiple of the tick: which of the two waits ends first is then no matter of microseconds
+INTERVAL_S = 33  # no multiple of the tick: which of the two waits ends first is then no matter of chance
 SETTLE_S = 40.0
 DOWN_S = 5.0
 LIMIT_S = 240.0
@@ -53,8 +54,8 @@ class Outcome:
 
 
 class Gate:
-    """Stands before the server: takes so many connections a second, in their order, and carries them. While it
-    is closed, connections are refused."""
+    """Stands before the server: takes so many connections a second, in their order, and carries them. While
+    it is closed, connections are refused."""
 
     def __init__(self, server_port: int) -> None:
         self.port = free_port(socket.SOCK_STREAM)
@@ -151,7 +152,8 @@ def start_spread(fleet: Fleet, count: int) -> None:
     time.sleep(SETTLE_S)
 
 
-def restart(fleet: Fleet, away: Callable[[], None], back: Callable[[], None], limit_s: float) -> tuple[float, list[float]]:
+def restart(fleet: Fleet, away: Callable[[], None], back: Callable[[], None],
+            limit_s: float) -> tuple[float, list[float]]:
     """The time of the loss, and those of the new connections, a number below 0 for a daemon without one."""
     lost = time.time()
     away()
@@ -169,7 +171,8 @@ def simulated_fleets(case: Case, ages: list[float], limit_s: float) -> list[list
     for seed in range(FLEETS):
         numbers = random.Random(seed)
         first = [first_attempt_of_age(age, INTERVAL_S) + numbers.uniform(0, JITTER_S) for age in ages]
-        fleets.append([time for time in simulate(scenario, first_attempts=first).connected if time <= limit_s])
+        wave = simulate(scenario, first_attempts=first)
+        fleets.append(wave.connected[:wave.connected_by(limit_s)])
     return fleets
 
 
@@ -191,10 +194,10 @@ def run_case(case: Case, daemons: int, pins: dict[str, list[str]]) -> Outcome:
         else:
             lost, times = restart(fleet, lambda: server.close(signal.SIGKILL), server.start, limit_s)
         ages = [lost - start for start in started(fleet, 1)]
-    errors = [] if case.rate else [time - first_attempt_of_age(age, INTERVAL_S) for age, time in zip(ages, times)
-                                   if time >= 0]
+    errors = [time - first_attempt_of_age(age, INTERVAL_S) for age, time in zip(ages, times) if time >= 0]
     measured = sorted(time for time in times if time >= 0)
-    return Outcome(case, daemons, measured, simulated_fleets(case, ages, limit_s), errors, limit_s)
+    simulated = simulated_fleets(case, ages, limit_s)
+    return Outcome(case, daemons, measured, simulated, [] if case.rate else errors, limit_s)
 
 
 # --- the comparison ---
@@ -215,13 +218,13 @@ def span(values: list[float]) -> str:
     return f"{shown(median(values))} ({shown(min(values))} to {shown(max(values))})"
 
 
-def compared(outcome: Outcome) -> list[tuple[str, ...]]:
+def compared(outcome: Outcome) -> list[Row]:
     """A row a share of the daemons, and one of how many came back in time."""
-    rows = []
+    rows: list[Row] = []
     for share in SHARES:
         times = [time_of(fleet, share, outcome.daemons) for fleet in outcome.simulated]
-        rows.append((outcome.case.name, f"{share:.0%} connected, s", shown(time_of(outcome.measured, share, outcome.daemons)),
-                     span(times)))
+        measured = time_of(outcome.measured, share, outcome.daemons)
+        rows.append((outcome.case.name, f"{share:.0%} connected, s", shown(measured), span(times)))
     back = [len(fleet) for fleet in outcome.simulated]
     rows.append((outcome.case.name, f"connected after {outcome.limit_s:g} s", str(len(outcome.measured)),
                  f"{median(back):g} ({min(back)} to {max(back)})"))

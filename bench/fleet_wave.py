@@ -86,6 +86,7 @@ class _Run:
         self.queue: deque[tuple[int, int]] = deque()
         self.attempt = [0] * scenario.gateways
         self.allowance = 0.0
+        self.burst = max(scenario.refuses_above, 1.0)  # of a second
         for gateway, time in enumerate(first_attempts):
             self.plan(gateway, ASK, time)
 
@@ -136,10 +137,10 @@ class _Run:
 
     def run(self) -> Wave:
         scenario, wave = self.scenario, self.wave
-        credit = 0.0
+        credit = 1.0
         for step, bucket in enumerate(self.buckets):
             now = step * STEP_S
-            self.allowance = min(self.allowance + scenario.refuses_above * STEP_S, max(scenario.refuses_above, 1.0))
+            self.allowance = min(self.allowance + scenario.refuses_above * STEP_S, self.burst)
             for event in bucket:
                 gateway, kind = divmod(event, KINDS)
                 if kind == GIVE_UP:
