@@ -2,6 +2,7 @@
 import getpass
 import json
 import os
+import shlex
 import shutil
 import signal
 import socket
@@ -207,7 +208,10 @@ class Fleet:
         self._agent: LabAgent | None = None
         folder.mkdir()
         if kind.control:
-            self._agent = LabAgent(AGENT, free_port(socket.SOCK_DGRAM), folder / "agent.log")
+            bound = folder / "agent"
+            bound.write_text(f"#!/bin/sh\nexec {shlex.join([*BOUND, str(AGENT)])} \"$@\"\n")
+            bound.chmod(0o700)
+            self._agent = LabAgent(bound, free_port(socket.SOCK_DGRAM), folder / "agent.log")
 
     def _command(self, number: int) -> list[str]:
         work = self._folder / str(number)
@@ -293,12 +297,16 @@ class Window:
     fleet_cpu_s: float = 0.0
 
 
+class LoadFailed(Exception):
+    """It has told why on standard error."""
+
+
 def option_list(values: dict[str, float]) -> list[str]:
     return [word for name, value in values.items() for word in (f"--{name}", f"{value:g}")]
 
 
 def run_load(pin: list[str], server: Server, fleet: Fleet | None, values: dict[str, float]) -> Window:
-    """Runs the load, and takes the CPU time of the others from when all gateways forward."""
+    """Runs the load until its end, and takes the CPU time of the others from when all gateways forward."""
     if fleet:
         values = {"first-port": fleet.first_port, "gateways": len(fleet.processes), **values}
     command = [*pin, *BOUND, str(LOAD), "--mqtt-port", str(server.port), *option_list(values)]
@@ -306,14 +314,12 @@ def run_load(pin: list[str], server: Server, fleet: Fleet | None, values: dict[s
         try:
             assert load.stdout
             if load.stdout.readline() != b"measuring\n":
-                if fleet:
-                    fleet.check()
-                sys.exit("the load has failed")
+                raise LoadFailed
             begin, server_cpu = time.monotonic(), cpu_s(server.pid)
             fleet_cpu = fleet.cpu_s() if fleet else 0.0
             line = load.stdout.readline()
             if not line:
-                sys.exit("the load has failed")
+                raise LoadFailed
             return Window(json.loads(line), time.monotonic() - begin, cpu_s(server.pid) - server_cpu,
                           fleet.cpu_s() - fleet_cpu if fleet else 0.0)
         finally:

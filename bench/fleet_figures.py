@@ -12,6 +12,8 @@ WIRE_BYTES = (33 + 7 + 22 + 52) + (4 + 22 + 52)
 STATISTICS_PER_MINUTE = 2
 UPLINKS_PER_MINUTE = (1, 10, 60)
 HEADROOM = 0.5  # of what a server can, in daily use
+NODE_CPUS = 8
+CERTIFICATE = "ECDSA P-256"
 RECONNECT_S = 300  # within which the operator wants all gateways back
 FEW = 100  # uplinks have no p99
 BUCKETS_S = 10
@@ -198,28 +200,35 @@ def timeline(waves: list[tuple[str, Scenario, Wave]]) -> str:
 # --- a fleet of another size ---
 
 
+def reconnect_cpus(figures: Figures) -> float:
+    """For TLS and all that a connection begins with."""
+    tls = figures.storms[CERTIFICATE]
+    return figures.gateways / RECONNECT_S * tls.server_cpu_s / float(tls.load["count"])
+
+
 def sizing_row(figures: Figures, per_minute: float) -> Row:
     """One server is a process of this server on one CPU of this kind."""
     messages = figures.gateways * (per_minute + STATISTICS_PER_MINUTE) / 60
-    most = best_step(figures.rates["clients"])
+    cpus = messages / (best_step(figures.rates["clients"]).rate * HEADROOM)
+    nodes = max(math.ceil((cpus + reconnect_cpus(figures)) / NODE_CPUS), 2) + 1
     payload = figures.growth[-1].loaded.load["payload"]
-    return (f"{per_minute:g}", f"{messages:.0f}", f"{math.ceil(messages / (most.rate * HEADROOM))}",
+    return (f"{per_minute:g}", f"{messages:.0f}", f"{cpus:.1f}", str(nodes),
             f"{messages * (payload + WIRE_BYTES) * 8 / 1e6:.0f}")
 
 
 def sizing_parts(figures: Figures) -> list[str]:
-    head = ("uplinks a minute and gateway", "messages/s", "CPUs for them", "from the gateways, Mbit/s")
+    head = ("uplinks a minute and gateway", "messages/s", "CPUs for them", f"nodes of {NODE_CPUS} CPUs",
+            "from the gateways, Mbit/s")
     rows = [sizing_row(figures, per_minute) for per_minute in UPLINKS_PER_MINUTE]
-    tls = figures.storms["ECDSA P-256"]
-    memory_gib = figures.gateways * tls.kib_each / 1024 / 1024
     wanted = figures.gateways / RECONNECT_S
-    cpus = wanted * tls.server_cpu_s / tls.load["count"]
+    memory_gib = figures.gateways * figures.storms[CERTIFICATE].kib_each / 1024 / 1024
     return [
         f"{figures.gateways} gateways, with {STATISTICS_PER_MINUTE} statistics a minute each, and CPUs at"
         f" {HEADROOM:.0%} of the most that one carried:",
         table(head, rows),
         f"Their TLS connections take {memory_gib:.1f} GiB. To have all back within {RECONNECT_S} s takes"
-        f" {wanted:.0f} connections a second, {cpus:.1f} CPUs, beside what the messages need.",
+        f" {wanted:.0f} connections a second, {reconnect_cpus(figures):.1f} CPUs. The nodes hold both together,"
+        " and one of them may fail.",
     ]
 
 

@@ -164,9 +164,15 @@ def restart(fleet: Fleet, away: Callable[[], None], back: Callable[[], None],
     return lost, [each[1] - lost if len(each) > 1 else -1.0 for each in times]
 
 
+def linear_timeouts() -> int:
+    """Of this machine, whose system asks again in the daemons' place."""
+    setting = Path("/proc/sys/net/ipv4/tcp_syn_linear_timeouts")
+    return int(setting.read_text()) if setting.exists() else 0
+
+
 def simulated_fleets(case: Case, ages: list[float], limit_s: float) -> list[list[float]]:
     limits = {"accepts": case.rate, "queue": case.queue} if case.rate else {}
-    scenario = Scenario(len(ages), down_s=DOWN_S, **limits)
+    scenario = Scenario(len(ages), down_s=DOWN_S, linear=linear_timeouts(), **limits)
     fleets = []
     for seed in range(FLEETS):
         numbers = random.Random(seed)

@@ -16,14 +16,15 @@ CONNECT_S = 0.2
 REFUSED_S = 0.3
 # A notification ends the wait of a stop only every so often.
 NOTIFICATION_LOOK_S = 5.0
-# The system asks again for a connection that finds the server's queue full.
+# The system asks again for a connection that finds the server's queue full; Linux from 6.5 on does so a few
+# times more at first.
 ASK_AGAIN_S = (1.0, 2.0, 4.0, 8.0)
+LINEAR_S = 1.0
 
 STEP_S = 0.02
 HORIZON_S = 1800.0
 
-ASK, GIVE_UP = 0, len(ASK_AGAIN_S) + 1  # between them: asked again so many times
-KINDS = GIVE_UP + 1
+GIVE_UP, ASK = 0, 1  # above: asked again so many times
 
 
 @dataclass(frozen=True)
@@ -34,6 +35,7 @@ class Scenario:
     refuses_above: float = math.inf  # attempts a second that something before the server lets through
     down_s: float = 5.0  # the server is away; every attempt is refused
     interval_s: float = 30.0  # gw_events_interval; 0: notifications
+    linear: int = 0  # net.ipv4.tcp_syn_linear_timeouts of the gateways
 
 
 @dataclass
@@ -85,6 +87,8 @@ class _Run:
         self.buckets: list[list[int]] = [[] for _ in range(int(HORIZON_S / STEP_S) + 1)]
         self.queue: deque[tuple[int, int]] = deque()
         self.attempt = [0] * scenario.gateways
+        self.pauses = (LINEAR_S,) * scenario.linear + ASK_AGAIN_S
+        self.kinds = ASK + len(self.pauses) + 1
         self.allowance = 0.0
         self.burst = max(scenario.refuses_above, 1.0)  # of a second
         for gateway, time in enumerate(first_attempts):
@@ -93,7 +97,7 @@ class _Run:
     def plan(self, gateway: int, kind: int, time: float) -> None:
         step = math.ceil(time / STEP_S)
         if step < len(self.buckets):
-            self.buckets[step].append(gateway * KINDS + kind)
+            self.buckets[step].append(gateway * self.kinds + kind)
 
     def refused(self, now: float) -> bool:
         """The library asks twice, with two versions of the protocol."""
@@ -114,8 +118,8 @@ class _Run:
             self.plan(gateway, GIVE_UP, now + CONNECT_LIMIT_S)
         if len(self.queue) < self.scenario.queue:
             self.queue.append((gateway, self.attempt[gateway]))
-        elif kind < len(ASK_AGAIN_S):
-            self.plan(gateway, kind + 1, now + ASK_AGAIN_S[kind])
+        elif kind - ASK < len(self.pauses):
+            self.plan(gateway, kind + 1, now + self.pauses[kind - ASK])
 
     def give_up(self, gateway: int, now: float) -> None:
         if self.wave.by_gateway[gateway] == math.inf:
@@ -142,7 +146,7 @@ class _Run:
             now = step * STEP_S
             self.allowance = min(self.allowance + scenario.refuses_above * STEP_S, self.burst)
             for event in bucket:
-                gateway, kind = divmod(event, KINDS)
+                gateway, kind = divmod(event, self.kinds)
                 if kind == GIVE_UP:
                     self.give_up(gateway, now)
                 else:
