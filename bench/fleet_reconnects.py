@@ -220,7 +220,9 @@ def shown(seconds: float) -> str:
 
 
 def span(values: list[float]) -> str:
-    """The middle, and the smallest to the largest."""
+    """The middle, and the smallest to the largest, unless they are the same."""
+    if shown(min(values)) == shown(max(values)):
+        return shown(values[0])
     return f"{shown(median(values))} ({shown(min(values))} to {shown(max(values))})"
 
 
