@@ -45,6 +45,11 @@ class Step:
     def rate(self) -> float:
         return float(self.window.load["sent"] / self.window.seconds)
 
+    @property
+    def server_cpu_us(self) -> float:
+        """For each uplink."""
+        return float(self.window.server_cpu_s / max(self.window.load["sent"], 1) * 1e6)
+
 
 @dataclass
 class Figures:
@@ -120,18 +125,12 @@ def kind_parts(figures: Figures) -> list[str]:
 def rate_rows(figures: Figures) -> list[Row]:
     rows: list[Row] = []
     for name, steps in figures.rates.items():
-        for label, step in (("most", best_step(steps)), ("too much", steps[-1])):
-            window = step.window
-            rows.append((name, label, f"{step.rate:.0f}", latency(window), lost(window),
-                         share(window.server_cpu_s, window.seconds),
-                         f"{window.server_cpu_s / max(window.load['sent'], 1) * 1e6:.1f}",
-                         figures.rate_ends[name] if label == "too much" else ""))
+        for step in steps[-2:]:
+            window, limit = step.window, step is steps[-1]
+            rows.append((name, "too much" if limit else "most", f"{step.rate:.0f}", latency(window), lost(window),
+                         share(window.server_cpu_s, window.seconds), f"{step.server_cpu_us:.1f}",
+                         figures.rate_ends[name] if limit else ""))
     return rows
-
-
-def best_step(steps: list[Step]) -> Step:
-    """The last one is that which was too much."""
-    return steps[-2] if len(steps) > 1 else steps[-1]
 
 
 def rate_parts(figures: Figures) -> list[str]:
@@ -209,7 +208,7 @@ def reconnect_cpus(figures: Figures) -> float:
 def sizing_row(figures: Figures, per_minute: float) -> Row:
     """One server is a process of this server on one CPU of this kind."""
     messages = figures.gateways * (per_minute + STATISTICS_PER_MINUTE) / 60
-    cpus = messages / (best_step(figures.rates["clients"]).rate * HEADROOM)
+    cpus = messages * figures.rates["clients"][-2:][0].server_cpu_us / 1e6 / HEADROOM
     nodes = max(math.ceil((cpus + reconnect_cpus(figures)) / NODE_CPUS), 2) + 1
     payload = figures.growth[-1].loaded.load["payload"]
     return (f"{per_minute:g}", f"{messages:.0f}", f"{cpus:.1f}", str(nodes),
@@ -223,8 +222,8 @@ def sizing_parts(figures: Figures) -> list[str]:
     wanted = figures.gateways / RECONNECT_S
     memory_gib = figures.gateways * figures.storms[CERTIFICATE].kib_each / 1024 / 1024
     return [
-        f"{figures.gateways} gateways, with {STATISTICS_PER_MINUTE} statistics a minute each, and CPUs at"
-        f" {HEADROOM:.0%} of the most that one carried:",
+        f"{figures.gateways} gateways, with {STATISTICS_PER_MINUTE} statistics a minute each, and CPUs that the"
+        f" clients' uplinks keep busy for {HEADROOM:.0%} of the time:",
         table(head, rows),
         f"Their TLS connections take {memory_gib:.1f} GiB. To have all back within {RECONNECT_S} s takes"
         f" {wanted:.0f} connections a second, {reconnect_cpus(figures):.1f} CPUs. The nodes hold both together,"
