@@ -127,9 +127,9 @@ def rate_rows(figures: Figures) -> list[Row]:
     for name, steps in figures.rates.items():
         for step in steps[-2:]:
             window, limit = step.window, step is steps[-1]
-            rows.append((name, "too much" if limit else "most", f"{step.rate:.0f}", latency(window), lost(window),
-                         share(window.server_cpu_s, window.seconds), f"{step.server_cpu_us:.1f}",
-                         figures.rate_ends[name] if limit else ""))
+            label, why = ("too much", figures.rate_ends[name]) if limit else ("most", "")
+            rows.append((name, label, f"{step.rate:.0f}", latency(window), lost(window),
+                         share(window.server_cpu_s, window.seconds), f"{step.server_cpu_us:.1f}", why))
     return rows
 
 
@@ -222,12 +222,12 @@ def sizing_parts(figures: Figures) -> list[str]:
     wanted = figures.gateways / RECONNECT_S
     memory_gib = figures.gateways * figures.storms[CERTIFICATE].kib_each / 1024 / 1024
     return [
-        f"{figures.gateways} gateways, with {STATISTICS_PER_MINUTE} statistics a minute each, and CPUs that the"
-        f" clients' uplinks keep busy for {HEADROOM:.0%} of the time:",
+        f"{figures.gateways} gateways, with {STATISTICS_PER_MINUTE} statistics a minute each, and CPUs that"
+        f" the clients' uplinks keep busy for {HEADROOM:.0%} of the time:",
         table(head, rows),
         f"Their TLS connections take {memory_gib:.1f} GiB. To have all back within {RECONNECT_S} s takes"
-        f" {wanted:.0f} connections a second, {reconnect_cpus(figures):.1f} CPUs. The nodes hold both together,"
-        " and one of them may fail.",
+        f" {wanted:.0f} connections a second, {reconnect_cpus(figures):.1f} CPUs. The nodes hold both"
+        " together, and one of them may fail.",
     ]
 
 
