@@ -11,7 +11,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <iterator>
+#include <ctime>
 #include <random>
 #include <sys/epoll.h>
 #include <sys/socket.h>
