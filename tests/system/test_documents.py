@@ -72,8 +72,9 @@ OPTION = re.compile(r"--[a-zA-Z][\w-]*")
 def help_of(program: str) -> str:
     """What it says of itself; scripts without options tell so in their first lines."""
     path = REPOSITORY / program
-    if path.read_text().startswith("#!/usr/bin/env bash") and "python3" not in path.read_text():
-        return path.read_text().partition("\nset -")[0]
+    text = path.read_text()
+    if text.startswith("#!/usr/bin/env bash") and not re.search("python3|--help", text):
+        return text.partition("\nset -")[0]
     done = subprocess.run([path, "--help"], capture_output=True, text=True, timeout=60)
     assert done.returncode == 0, f"{program} --help: {done.stderr}"
     return done.stdout
