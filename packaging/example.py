@@ -4,6 +4,7 @@ it: with its default, or with an example where it has none. The optional ones ar
 
 from __future__ import annotations
 
+import json
 import re
 import sys
 import textwrap
@@ -29,13 +30,14 @@ EXAMPLES = {
     "bridge_cert": "/etc/snv-mqtt-bridge/gateway.crt",
     "client_id": "gateway-17",
     "gw_mac": "0016c001ff1a2b3c",
+    "battery_reporting_period_mins": 60,
 }
 NOTES = {"**required**": "required", "none": "no default", "empty": "empty by default"}
 
 
 def setting(key: str, kind: str, default: str, meaning: str) -> str:
     note = NOTES.get(default)
-    value = f'"{EXAMPLES[key]}"' if note else default.strip("`")
+    value = json.dumps(EXAMPLES[key]) if note else default.strip("`")
     words = f"{kind}{f', {note}' if note else ''}: {plain(meaning)}".replace("`", "")
     comment = textwrap.fill(words, 110, initial_indent="# ", subsequent_indent="# ")
     return f"\n{comment}\n{'' if note == 'required' else '#'}{key} = {value}"

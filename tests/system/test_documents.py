@@ -184,6 +184,16 @@ def test_every_configuration_that_a_page_shows_is_known_to_the_daemon(each: Page
             assert [key for key in entries if key not in known] == [], f"line {block.line}"
 
 
+def test_the_packages_example_has_every_key() -> None:
+    command = ["/usr/bin/python3", "-B", "packaging/example.py", "docs/configuration.md"]
+    example = subprocess.run(command, cwd=REPOSITORY, stdout=subprocess.PIPE, text=True, check=True).stdout
+    every = tomllib.loads(re.sub(r"^#(?=\w+ = )", "", example, flags=re.MULTILINE))
+    wanted = configuration_keys()
+    assert {name: sorted(keys) for name, keys in every.items()} == {
+        name: sorted(wanted[name]) for name in wanted
+    }
+
+
 # --- topics ---
 
 
