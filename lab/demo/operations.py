@@ -136,8 +136,11 @@ class Operations:
 
     def _answer_arrived(self, answer: dict[str, Any]) -> None:
         asked = self._asked.get(answer["requestId"])
-        if not asked or asked.answered:
-            self._note_strange(f"an answer to request {answer['requestId']}, which nobody waits for")
+        if not asked:
+            self._view.remark("answer", f"to somebody else's request {answer['requestId']}")
+            return
+        if asked.answered:
+            self._note_strange(f"another answer to request {answer['requestId']}")
             return
         asked.answered = True
         if "response" not in answer:
