@@ -66,21 +66,21 @@ bridge_fork_hold::~bridge_fork_hold()
     unlock_output();
 }
 
-/* Under the output lock: a zone that changes while the daemon runs is followed. */
+/* Under the output lock: a zone that changes while the daemon runs is followed. One look at the clock gives
+ * all parts: between two of them a second may begin, and the line would be a second early. */
 static void fill_timestamp(log_timestamp *stamp)
 {
-    const time_t now = time(nullptr);
+    timeval now = {};
+    gettimeofday(&now, nullptr);
     tm local = {};
     tzset();
-    localtime_r(&now, &local);
+    localtime_r(&now.tv_sec, &local);
     if (strftime(stamp->date, sizeof(stamp->date), "%F %T", &local) == 0)
         strcpy(stamp->date, "FMT_ERR");
     if (strftime(stamp->zone, sizeof(stamp->zone), "%z ", &local) == 0)
         strcpy(stamp->zone, "FMT_ERR");
 
-    timeval precise = {};
-    gettimeofday(&precise, nullptr);
-    const auto milliseconds = static_cast<unsigned>(precise.tv_usec / 1000) % 1000;
+    const auto milliseconds = static_cast<unsigned>(now.tv_usec / 1000) % 1000;
     snprintf(stamp->fraction, sizeof(stamp->fraction), ".%03u", milliseconds);
 }
 

@@ -42,6 +42,7 @@ struct syslog_call {
 static struct {
     bool strftime_fails;
     int strftime_errno;
+    time_t seconds;           /* -1 asks the real clock */
     suseconds_t microseconds; /* -1 asks the real clock */
     std::vector<syslog_call> syslog_calls;
     std::string identity;
@@ -74,6 +75,8 @@ size_t __wrap_strftime(char *buffer, size_t size, const char *format, const tm *
 int __wrap_gettimeofday(timeval *now, void *zone)
 {
     const int result = __real_gettimeofday(now, zone);
+    if (library.seconds >= 0)
+        now->tv_sec = library.seconds;
     if (library.microseconds >= 0)
         now->tv_usec = library.microseconds;
     return result;
@@ -126,6 +129,7 @@ class BridgeLog : public testing::Test
     void SetUp() override
     {
         library = {};
+        library.seconds = -1;
         library.microseconds = -1;
         ASSERT_EQ(bridge_log_init(BRIDGE_LOG_TRACE, true), 0);
     }
@@ -155,16 +159,28 @@ TEST_F(BridgeLog, DateIsTheLocalTimeWithItsOffset)
 {
     ASSERT_EQ(setenv("TZ", "XXX-05:30", 1), 0);
     tzset();
-    const time_t before = time(nullptr);
+    timeval before = {}, after = {};
+    gettimeofday(&before, nullptr);
     const std::string line = print(BRIDGE_LOG_INFO, "f.cpp", 1, "now");
-    const time_t after = time(nullptr);
+    gettimeofday(&after, nullptr);
     tm parsed = {};
     const char *rest = strptime(line.c_str(), "%Y-%m-%d %H:%M:%S", &parsed);
     ASSERT_NE(rest, nullptr) << line;
     const time_t logged = timegm(&parsed) - time_t{5 * 3600 + 30 * 60};
-    EXPECT_LE(before, logged);
-    EXPECT_LE(logged, after);
+    EXPECT_LE(before.tv_sec, logged);
+    EXPECT_LE(logged, after.tv_sec);
     EXPECT_EQ(std::string(rest).substr(4, 6), "+0530 ") << line;
+    unsetenv("TZ");
+    tzset();
+}
+
+TEST_F(BridgeLog, DateAndFractionAreOfOneMoment)
+{
+    ASSERT_EQ(setenv("TZ", "UTC0", 1), 0);
+    tzset();
+    library.seconds = 1700000000;
+    library.microseconds = 999999;
+    EXPECT_THAT(print(BRIDGE_LOG_INFO, "f.cpp", 1, "now"), StartsWith("2023-11-14 22:13:20.999+0000 ["));
     unsetenv("TZ");
     tzset();
 }
