@@ -23,10 +23,12 @@ netsnmp_transport *__wrap_netsnmp_transport_open_server(const char *, const char
 }
 
 /* There is something to receive as long as choices are left; then the plane ends. */
-int __wrap_select(int, fd_set *, fd_set *, fd_set *, timeval *)
+int __real_select(int count, fd_set *readable, fd_set *writable, fd_set *failed, timeval *timeout);
+int __wrap_select(int count, fd_set *readable, fd_set *writable, fd_set *failed, timeval *)
 {
+    timeval at_once = {};
     if (fuzz_choices_left())
-        return 1;
+        return __real_select(count, readable, writable, failed, &at_once);
     fuzz_control_ctx()->ctrl_running = false;
     return 0;
 }
