@@ -1,5 +1,5 @@
-/* The message that switches services on, each service's start, and the battery's reports by an agent that answers
- * as the input says. Input: lines, each a message; behind a zero the choices of fuzz_choices.h. */
+/* The message that switches services on, each service's start, and the battery's reports by an agent that
+ * answers as the input says. Input: lines, each a message; behind a zero the choices of fuzz_choices.h. */
 #include "converter/control/bridge_bsp_upgrade.h"
 #include "converter/control/bridge_configs.h"
 #include "converter/control/bridge_performance_management.h"
@@ -19,14 +19,15 @@ struct service {
 };
 
 static constexpr service SERVICES[] = {
-    {"gateway/mac/0016C001FF1A2B3C/configuration/desired", "gateway/mac/0016C001FF1A2B3C/configuration/reported",
-     false, 0},
+    {"gateway/mac/0016C001FF1A2B3C/configuration/desired",
+     "gateway/mac/0016C001FF1A2B3C/configuration/reported", false, 0},
     {"gateway/mac/0016C001FF1A2B3C/firmware/desired", "gateway/mac/0016C001FF1A2B3C/firmware/reported", true,
      1023},
     {nullptr, "gateway/mac/0016C001FF1A2B3C/performance", true, 699},
 };
 
-/* A number of the battery's can be cut in its piece of the report: such a report is no JSON, and is meant so. */
+/* A number of the battery's can be cut in its piece of the report: such a report is no JSON, and is meant so.
+ */
 static bool is_cut(const std::string &body)
 {
     size_t digits = 0;
@@ -40,9 +41,8 @@ static bool is_cut(const std::string &body)
 
 static void check_report(const fuzz_report &report)
 {
-    const auto *each = std::find_if(std::begin(SERVICES), std::end(SERVICES), [&](const service &row) {
-        return report.topic == row.reported;
-    });
+    const auto *each = std::find_if(std::begin(SERVICES), std::end(SERVICES),
+                                    [&](const service &row) { return report.topic == row.reported; });
     FUZZ_REQUIRE(each != std::end(SERVICES));
     FUZZ_REQUIRE(report.retained == each->retained);
     FUZZ_REQUIRE(report.body.find('\0') == report.body.size() - 1);

@@ -1,6 +1,7 @@
-/* Commands of the operations server, each with its handler, among an agent and a system that answer as the input
- * says. Input: lines, each a whole request or a command's name and its params, with a blank between them for a
- * request whose identifier is a number and a tab for a text; behind a zero the choices of fuzz_choices.h. */
+/* Commands of the operations server, each with its handler, among an agent and a system that answer as the
+ * input says. Input: lines, each a whole request or a command's name and its params, with a blank between
+ * them for a request whose identifier is a number and a tab for a text; behind a zero the choices of
+ * fuzz_choices.h. */
 #include "converter/control/bridge_cmd.cpp" /* for its table */
 
 #include "fuzz.h"
@@ -24,8 +25,8 @@ static std::string request_of(const std::string &line)
     if (line.starts_with('{') || end == std::string::npos)
         return line;
     const std::string id = line[end] == ' ' ? "7" : "\"seven\"";
-    return "{\"command\":\"" + line.substr(0, end) + "\",\"requestId\":" + id + ",\"params\":" +
-           line.substr(end + 1) + ",\"mac\":\"0016c001ff1a2b3c\"}";
+    return "{\"command\":\"" + line.substr(0, end) + "\",\"requestId\":" + id +
+           ",\"params\":" + line.substr(end + 1) + ",\"mac\":\"0016c001ff1a2b3c\"}";
 }
 
 /* Null unless the request can be answered. */
@@ -70,8 +71,8 @@ static void check_late_answer(const std::string &text)
     FUZZ_REQUIRE(json_object_object_get_ex(answer.get(), "response", nullptr));
 }
 
-/* One answer to what can be answered, a second one behind a child that had none to give; a child has none of its
- * own, and its late one at most. */
+/* One answer to what can be answered, a second one behind a child that had none to give; a child has none of
+ * its own, and its late one at most. */
 static void check_outcome(const std::string &text, fuzz_end end)
 {
     const json_owned request = parse_request(text);

@@ -1,5 +1,5 @@
-/* Desired configurations of the operations server, among programs, an agent and files that answer as the input
- * says. Input: lines, each a document; behind a zero the choices of fuzz_choices.h. */
+/* Desired configurations of the operations server, among programs, an agent and files that answer as the
+ * input says. Input: lines, each a document; behind a zero the choices of fuzz_choices.h. */
 #include "common/bridge_json_helpers.h"
 #include "fuzz.h"
 #include "fuzz_control.h"

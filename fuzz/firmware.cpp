@@ -1,6 +1,6 @@
-/* Requests for firmware, and the states that follow, among an upgrade utility and an agent that answer as the input
- * says. Input: lines, each a request; behind a zero the choices of fuzz_choices.h: first what the utility says to
- * the service's start, up to a zero, and so on. */
+/* Requests for firmware, and the states that follow, among an upgrade utility and an agent that answer as the
+ * input says. Input: lines, each a request; behind a zero the choices of fuzz_choices.h: first what the
+ * utility says to the service's start, up to a zero, and so on. */
 #include "converter/control/bridge_bsp_upgrade.h"
 #include "fuzz.h"
 #include "fuzz_control.h"

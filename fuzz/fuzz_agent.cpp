@@ -149,6 +149,8 @@ static netsnmp_pdu *answer_to(const netsnmp_pdu *request, uint8_t outcome)
     netsnmp_pdu *answer = snmp_clone_pdu(const_cast<netsnmp_pdu *>(request));
     FUZZ_REQUIRE(answer != nullptr);
     answer->command = SNMP_MSG_RESPONSE;
+    answer->errstat = SNMP_ERR_NOERROR; /* none at all in a request */
+    answer->errindex = 0;
     if (outcome == 1) {
         answer->errstat = 1 + fuzz_choice() % 32;
         return answer;

@@ -1,6 +1,6 @@
-/* What the world around the daemon does in a run, taken byte after byte from the end of the input: answers of the
- * agent, of programs and of the system. When they run out, everything fails in the quickest way, so that every
- * wait and every walk of the daemon ends. */
+/* What the world around the daemon does in a run, taken byte after byte from the end of the input: answers of
+ * the agent, of programs and of the system. When they run out, everything fails in the quickest way, so that
+ * every wait and every walk of the daemon ends. */
 #ifndef FUZZ_CHOICES_H
 #define FUZZ_CHOICES_H
 

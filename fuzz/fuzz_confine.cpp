@@ -15,7 +15,8 @@
 namespace fs = std::filesystem;
 
 /* Of a report: the symbolizer, what it is linked with, and what the sanitizers look up. */
-static constexpr const char *SHOWN[] = {"/usr/bin", "/usr/lib", "/usr/lib64", "/proc", "/dev/null", "/dev/urandom"};
+static constexpr const char *SHOWN[] = {"/usr/bin", "/usr/lib",  "/usr/lib64",
+                                        "/proc",    "/dev/null", "/dev/urandom"};
 
 /* Stands in the new root: a fuzzer that merges starts itself anew. */
 static constexpr const char *MARK = "/.fuzz";
@@ -63,8 +64,8 @@ static void show(const fs::path &path, bool writable, std::vector<shown_path> *s
     shown->push_back({path, fs::is_directory(path), writable, tree});
 }
 
-/* A word of the command line that names a path, or the folder of one: those that the fuzzer writes to by their
- * options, folders of a corpus by having none. */
+/* A word of the command line that names a path, or the folder of one: those that the fuzzer writes to by
+ * their options, folders of a corpus by having none. */
 static void show_named(const std::string &word, std::vector<shown_path> *shown)
 {
     const bool is_option = word.starts_with('-');

@@ -240,11 +240,11 @@ void fuzz_note_text(const std::string &text)
     const auto needs_escape = [](char c) {
         return c == '"' || c == '\\' || static_cast<unsigned char>(c) < ' ';
     };
-    fuzz_text_needs_escapes =
-        fuzz_text_needs_escapes || std::any_of(text.begin(), text.end(), needs_escape);
+    fuzz_text_needs_escapes = fuzz_text_needs_escapes || std::any_of(text.begin(), text.end(), needs_escape);
 }
 
-/* What a child leaves to its end: its progress, and a session of its own, which has taken the daemon's place. */
+/* What a child leaves to its end: its progress, and a session of its own, which has taken the daemon's place.
+ */
 static void clean_up_after_child()
 {
     cmd_async_begin();

@@ -1,5 +1,5 @@
-/* The control plane as its fuzz targets run it: started once by its own functions, between a configuration, an
- * operations server, a pool and a system that stand in for the real ones, in a file system of its own. */
+/* The control plane as its fuzz targets run it: started once by its own functions, between a configuration,
+ * an operations server, a pool and a system that stand in for the real ones, in a file system of its own. */
 #ifndef FUZZ_CONTROL_H
 #define FUZZ_CONTROL_H
 
@@ -42,7 +42,8 @@ void fuzz_note_text(const std::string &text);
 /* Once, before the first input. With an interval of 0 the alarms wait for notifications. */
 void fuzz_control_start(int argc, char **argv, uint32_t events_interval_s);
 
-/* Before each input: the plane and its files as they stand after the start, nothing recorded, and these choices.
+/* Before each input: the plane and its files as they stand after the start, nothing recorded, and these
+ * choices.
  */
 void fuzz_control_reset(const uint8_t *choices, size_t size);
 
@@ -51,8 +52,8 @@ converter_ctx *fuzz_control_ctx();
 /* Runs work of the daemon: forks, programs, waits and exits in it are those of the stand-ins. */
 fuzz_end fuzz_control_run(const std::function<void()> &work);
 
-/* Inside such work: a message of the server, as the delivery thread hands it over; and all jobs that wait for a thread
- * of the pool. */
+/* Inside such work: a message of the server, as the delivery thread hands it over; and all jobs that wait for
+ * a thread of the pool. */
 void fuzz_control_deliver(const std::string &topic, const std::string &text);
 void fuzz_control_run_jobs();
 bool fuzz_control_is_subscribed(const std::string &topic);

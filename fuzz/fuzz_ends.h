@@ -1,5 +1,5 @@
-/* Included before each source of the daemon that a target runs whole. The ends of a process become calls that a run
- * can be left from: the C library declares its own as such that nothing comes back out of. */
+/* Included before each source of the daemon that a target runs whole. The ends of a process become calls that
+ * a run can be left from: the C library declares its own as such that nothing comes back out of. */
 #ifndef FUZZ_ENDS_H
 #define FUZZ_ENDS_H
 

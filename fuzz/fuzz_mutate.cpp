@@ -128,9 +128,11 @@ size_t fuzz_mutate_parts(uint8_t *data, size_t size, size_t max_size, unsigned s
     if (choice == 0 || size >= max_size)
         return LLVMFuzzerMutate(data, size, max_size);
     if (choice < 4 && rest_size > 0)
-        return text_size + 1 + LLVMFuzzerMutate(data + text_size + 1, rest_size - 1, max_size - text_size - 1);
+        return text_size + 1 +
+               LLVMFuzzerMutate(data + text_size + 1, rest_size - 1, max_size - text_size - 1);
     std::vector<uint8_t> text(data, data + max_size - rest_size);
-    const size_t new_size = fuzz_mutate_json(text.data(), text_size, text.size(), 0, static_cast<unsigned>(random()));
+    const size_t new_size =
+        fuzz_mutate_json(text.data(), text_size, text.size(), 0, static_cast<unsigned>(random()));
     const std::vector<uint8_t> rest(zero, zero + rest_size);
     std::copy_n(text.begin(), new_size, data);
     std::copy(rest.begin(), rest.end(), data + new_size);

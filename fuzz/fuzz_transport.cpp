@@ -74,7 +74,8 @@ static std::string chosen_datagram(uint8_t usual_tag)
     case 1:
         return message(usual_tag, no_number(), no_number(), chosen_variables());
     case 2:
-        return message(usual_tag, no_number(), no_number(), fuzz_choice_bytes(fuzz_choice_number(2) % LONGEST));
+        return message(usual_tag, no_number(), no_number(),
+                       fuzz_choice_bytes(fuzz_choice_number(2) % LONGEST));
     case 3:
         return message(usual_tag, fuzz_choice_bytes(fuzz_choice() % 8), fuzz_choice_bytes(fuzz_choice() % 8),
                        chosen_variables());

@@ -128,8 +128,8 @@ struct meant_trip {
     std::string_view text;
 };
 
-/* Those that an agent's bad answers end the daemon by, as it is meant: a report that does not fit its buffer, and
- * a name too long to step on from. */
+/* Those that an agent's bad answers end the daemon by, as it is meant: a report that does not fit its buffer,
+ * and a name too long to step on from. */
 static constexpr meant_trip MEANT_TRIPS[] = {
     {"bridge_events.cpp", "n > 0 && (size_t)n < sizeof(event_json)"},
     {"bridge_performance_management.cpp", "n > 0 && (size_t)n < sizeof(battery_performance_json)"},

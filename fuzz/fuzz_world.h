@@ -1,5 +1,5 @@
-/* The system in place of the real one: no fork, signal, program, timer, queue or wait of the daemon leaves the
- * run. A child's work is done in the run itself, and its exit ends the run. */
+/* The system in place of the real one: no fork, signal, program, timer, queue or wait of the daemon leaves
+ * the run. A child's work is done in the run itself, and its exit ends the run. */
 #ifndef FUZZ_WORLD_H
 #define FUZZ_WORLD_H
 

@@ -1,6 +1,6 @@
-/* The older exchange of configurations, both ways, with an agent that answers as the input says. Input: lines, each a
- * message of the server, or "GENERAL " or "UPGRADE_SERVERS " and the plain document of such a message, or "push" or
- * "ask" for the gateway's own; behind a zero the choices of fuzz_choices.h. */
+/* The older exchange of configurations, both ways, with an agent that answers as the input says. Input:
+ * lines, each a message of the server, or "GENERAL " or "UPGRADE_SERVERS " and the plain document of such a
+ * message, or "push" or "ask" for the gateway's own; behind a zero the choices of fuzz_choices.h. */
 #include "common/bridge_json_helpers.h"
 #include "common/bridge_utils.h"
 #include "converter/control/bridge_configs_legacy.h"
@@ -52,9 +52,10 @@ static void check_document(const fuzz_report &report, const std::string &message
     const std::string type = text_of(document.get(), "type");
     FUZZ_REQUIRE(type == TYPES[0] || type == TYPES[1]);
     const std::string content = text_of(document.get(), "content");
-    FUZZ_REQUIRE(content.size() % 4 == 0 &&
-                 content.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/=") ==
-                     std::string::npos);
+    FUZZ_REQUIRE(
+        content.size() % 4 == 0 &&
+        content.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/=") ==
+            std::string::npos);
     if (message.empty())
         return;
     const json_owned request(json_tokener_parse(message.c_str()));

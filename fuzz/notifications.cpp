@@ -1,5 +1,6 @@
-/* Notifications of any bytes at the trap port, and the alarms that they have published, with an agent that answers
- * as the input says. Input: the choices of fuzz_choices.h, which datagrams and answers are made of. */
+/* Notifications of any bytes at the trap port, and the alarms that they have published, with an agent that
+ * answers as the input says. Input: the choices of fuzz_choices.h, which datagrams and answers are made of.
+ */
 #include "converter/control/bridge_ctrl_ctx.h"
 #include "converter/control/bridge_events.h"
 #include "fuzz.h"

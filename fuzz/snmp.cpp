@@ -1,6 +1,6 @@
-/* The SNMP client against an agent that answers with any bytes: every kind of read, of walk and of write. Input: a
- * byte for the operation and one for its kind of value; then the choices of fuzz_choices.h, which the datagrams are
- * made of. */
+/* The SNMP client against an agent that answers with any bytes: every kind of read, of walk and of write.
+ * Input: a byte for the operation and one for its kind of value; then the choices of fuzz_choices.h, which
+ * the datagrams are made of. */
 #include "converter/control/bridge_snmp.h"
 
 #include "common/bridge_json_helpers.h"
@@ -34,7 +34,8 @@ static constexpr size_t CAPACITIES[] = {1, 7, 14, 30, 46, 64, 256, 512};
 
 /* ---- operations ---- */
 
-using get_bytes = int (*)(converter_ctx *ctx, const char *object, char *buffer, size_t *size, uint32_t timeout_ms);
+using get_bytes = int (*)(converter_ctx *ctx, const char *object, char *buffer, size_t *size,
+                          uint32_t timeout_ms);
 
 static int get_data(converter_ctx *ctx, const char *object, char *buffer, size_t *size, uint32_t timeout_ms)
 {
@@ -81,9 +82,11 @@ static void read_single(converter_ctx *ctx, uint8_t kind, const char *object)
     }
 }
 
-static constexpr bridge_prop_type TYPES[] = {PROP_TYPE_INT,    PROP_TYPE_BOOL, PROP_TYPE_DOUBLE, PROP_TYPE_STRING,
-                                             PROP_TYPE_IPADDR, PROP_TYPE_DATA, PROP_TYPE_JSON};
-static constexpr bridge_prop_type HINTS[] = {PROP_TYPE_INT, PROP_TYPE_BOOL, PROP_TYPE_STRING, PROP_TYPE_IPADDR};
+static constexpr bridge_prop_type TYPES[] = {PROP_TYPE_INT,    PROP_TYPE_BOOL,   PROP_TYPE_DOUBLE,
+                                             PROP_TYPE_STRING, PROP_TYPE_IPADDR, PROP_TYPE_DATA,
+                                             PROP_TYPE_JSON};
+static constexpr bridge_prop_type HINTS[] = {PROP_TYPE_INT, PROP_TYPE_BOOL, PROP_TYPE_STRING,
+                                             PROP_TYPE_IPADDR};
 
 /* A record of each type in one request, beginning with one that the input names. */
 static void read_many(converter_ctx *ctx, uint8_t kind, bool next)

@@ -1,6 +1,6 @@
-/* The status port, whatever a client sends and however it leaves, and the key and the certificate that it shows,
- * whatever stands in their files. Input: a byte of choices; what the client sends, up to a zero; the key's file, up
- * to a zero, of which a "K" stands for a good one; the certificate's file. */
+/* The status port, whatever a client sends and however it leaves, and the key and the certificate that it
+ * shows, whatever stands in their files. Input: a byte of choices; what the client sends, up to a zero; the
+ * key's file, up to a zero, of which a "K" stands for a good one; the certificate's file. */
 #include "app/bridge_status.cpp" /* for the service of one client */
 
 #include "common/bridge_config.h"
@@ -16,8 +16,9 @@ static constexpr uint8_t CLIENT_SHUTS = 0x02;   /* its sending side, behind what
 static constexpr uint8_t NO_KEY = 0x04;         /* named in the configuration */
 static constexpr uint8_t NO_CERTIFICATE = 0x08; /* file */
 
-static constexpr const char *HEAD = "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nConnection: Closed\r\n\r\n"
-                                    "@@public_key:\r\n\r\n";
+static constexpr const char *HEAD =
+    "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nConnection: Closed\r\n\r\n"
+    "@@public_key:\r\n\r\n";
 static constexpr const char *MIDDLE = "\r\n@@certificate:\r\n\r\n";
 
 bridge_main_context bridge_main_ctx;
@@ -45,7 +46,8 @@ static std::string make_key()
     FUZZ_REQUIRE(RSA_generate_key_ex(key.get(), 1024, exponent, nullptr) == 1);
     BN_free(exponent);
     const bio_owned bio(BIO_new(BIO_s_mem()));
-    FUZZ_REQUIRE(PEM_write_bio_RSAPrivateKey(bio.get(), key.get(), nullptr, nullptr, 0, nullptr, nullptr) == 1);
+    FUZZ_REQUIRE(PEM_write_bio_RSAPrivateKey(bio.get(), key.get(), nullptr, nullptr, 0, nullptr, nullptr) ==
+                 1);
     char *text = nullptr;
     const long size = BIO_get_mem_data(bio.get(), &text);
     return {text, static_cast<size_t>(size)};
