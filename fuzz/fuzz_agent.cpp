@@ -2,6 +2,7 @@
 
 #include "fuzz.h"
 #include "fuzz_choices.h"
+#include "fuzz_control.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -13,7 +14,6 @@
 
 static constexpr u_char NO_SUCH[] = {SNMP_NOSUCHOBJECT, SNMP_NOSUCHINSTANCE, SNMP_ENDOFMIBVIEW};
 static constexpr u_char NUMBERS[] = {ASN_COUNTER, ASN_GAUGE, ASN_TIMETICKS, ASN_UINTEGER};
-static constexpr size_t LONGEST_TEXT = 4096;
 
 /* ---- one variable ---- */
 
@@ -31,6 +31,7 @@ static void set_number(netsnmp_variable_list *var, u_char type, uint32_t number)
 
 static void set_text(netsnmp_variable_list *var, u_char type, const std::string &text)
 {
+    fuzz_note_text(text);
     set_value(var, type, text.data(), text.size());
 }
 
@@ -87,8 +88,7 @@ static void set_chosen(netsnmp_variable_list *var)
     case 4:
         return set_text(var, ASN_OCTET_STR, fuzz_choice_text());
     case 5:
-        return set_text(var, ASN_OCTET_STR,
-                        std::string(fuzz_choice_number(2) % LONGEST_TEXT, static_cast<char>(fuzz_choice())));
+        return set_text(var, ASN_OCTET_STR, fuzz_choice_filling());
     case 6:
         return set_text(var, ASN_IPADDRESS, fuzz_choice_bytes(4));
     case 7:

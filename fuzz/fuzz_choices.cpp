@@ -2,6 +2,10 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
+
+static constexpr uint16_t CAPACITIES[] = {1,  7,  8,   14,  16,  30,  32,   40,
+                                          46, 64, 128, 255, 256, 512, 1024, 4096};
 
 static const uint8_t *next_byte;
 static const uint8_t *end_of_bytes;
@@ -44,4 +48,11 @@ std::string fuzz_choice_text()
     std::string text = fuzz_choice_bytes(static_cast<size_t>(end - next_byte));
     (void)fuzz_choice();
     return text;
+}
+
+std::string fuzz_choice_filling()
+{
+    const uint8_t choice = fuzz_choice();
+    const size_t length = CAPACITIES[choice % std::size(CAPACITIES)] + choice / 16 % 3 - size_t{1};
+    return std::string(length, static_cast<char>(fuzz_choice()));
 }

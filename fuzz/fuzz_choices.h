@@ -23,4 +23,7 @@ std::string fuzz_choice_bytes(size_t size);
 /* Bytes up to a zero, which is taken as well. */
 std::string fuzz_choice_text();
 
+/* One character over and over, about as long as some buffer that texts are read into. */
+std::string fuzz_choice_filling();
+
 #endif

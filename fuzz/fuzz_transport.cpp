@@ -15,6 +15,7 @@ static constexpr uint8_t TAG_TEXT = 0x04;
 static constexpr uint8_t TAG_SEQUENCE = 0x30;
 static constexpr uint8_t TAG_RESPONSE = 0xa2;
 static constexpr uint8_t TAG_TRAP = 0xa7;
+static constexpr uint8_t NO_TAG = 0xff;
 static constexpr uint8_t VERSION_2C = 1;
 static constexpr char GENERAL_ERROR = 5;
 static constexpr size_t LONGEST = 2048;
@@ -54,7 +55,9 @@ static std::string chosen_variable()
 {
     const std::string name = fuzz_choice_bytes(fuzz_choice() % 160);
     const uint8_t tag = fuzz_choice();
-    return field(TAG_SEQUENCE, field(0x06, name) + field(tag, fuzz_choice_bytes(fuzz_choice())));
+    const std::string value =
+        tag == NO_TAG ? field(TAG_TEXT, fuzz_choice_filling()) : field(tag, fuzz_choice_bytes(fuzz_choice()));
+    return field(TAG_SEQUENCE, field(0x06, name) + value);
 }
 
 static std::string chosen_variables()

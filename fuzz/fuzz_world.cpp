@@ -30,7 +30,7 @@
 namespace fs = std::filesystem;
 
 /* More than a gateway has at once: such an allocation fails. */
-static constexpr size_t MOST_MEMORY = size_t{64} << 20;
+static constexpr size_t MOST_MEMORY = size_t{1} << 20;
 static constexpr size_t QUEUE_LENGTH = 10;
 static constexpr int32_t ACTION_EXIT = 1; /* of both services that wait on a queue */
 static constexpr int MOST_EXPIRIES = 8;
