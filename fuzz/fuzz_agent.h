@@ -3,7 +3,7 @@
 #ifndef FUZZ_AGENT_H
 #define FUZZ_AGENT_H
 
-/* Once, before the process is confined: the library with the gateway's MIB, and nothing of the host's set-up.
+/* Once, in the confined process: the library with the gateway's MIB, and nothing of the host's set-up.
  */
 void fuzz_agent_init();
 

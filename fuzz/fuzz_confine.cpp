@@ -3,12 +3,14 @@
 #include "fuzz.h"
 
 #include <algorithm>
-#include <cstring>
+#include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
+#include <linux/magic.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 #include <vector>
 
@@ -18,8 +20,9 @@ namespace fs = std::filesystem;
 static constexpr const char *SHOWN[] = {"/usr/bin", "/usr/lib",  "/usr/lib64",
                                         "/proc",    "/dev/null", "/dev/urandom"};
 
-/* Stands in the new root: a fuzzer that merges starts itself anew. */
-static constexpr const char *MARK = "/.fuzz";
+/* The fuzzer's own folder in the new root, by which it knows that it is confined: to merge it starts itself
+ * anew. */
+static constexpr const char *OWN_FOLDER = "/.fuzz";
 
 static constexpr const char *NEW_ROOT = "/tmp";
 
@@ -79,13 +82,14 @@ static void show_named(const std::string &word, std::vector<shown_path> *shown)
         show(folder, is_option ? !word.starts_with("-dict=") : is_folder, shown);
 }
 
-static std::vector<shown_path> find_shown(int argc, char **argv)
+static std::vector<shown_path> find_shown(int argc, char **argv, const char *read_only)
 {
     std::vector<shown_path> shown;
     for (const char *path : SHOWN) {
         if (fs::exists(path))
             show(path, false, &shown);
     }
+    show(read_only, false, &shown);
     show(fs::read_symlink("/proc/self/exe").parent_path(), false, &shown);
     for (int i = 1; i < argc; i++)
         show_named(argv[i], &shown);
@@ -117,24 +121,32 @@ static void make_links(const std::string &root)
     fs::create_directory_symlink("usr/lib64", root + "/lib64");
     /* No link: there is a folder of firmware in it. */
     fs::create_directory(root + "/lib");
-    for (const fs::directory_entry &each : fs::directory_iterator("/usr/lib"))
+    for (const fs::directory_entry &each : fs::directory_iterator("/usr/lib")) {
         if (each.path().filename() != "firmware")
             fs::create_symlink(each.path(), root + "/lib/" + each.path().filename().native());
+    }
     fs::create_directory(root + "/tmp");
-    close(open((root + MARK).c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
+    fs::create_directory(root + OWN_FOLDER);
 }
 
-void fuzz_confine(int argc, char **argv)
+static bool is_confined()
 {
-    if (fs::exists(MARK))
+    struct statfs status = {};
+    return fs::exists(OWN_FOLDER) && statfs("/", &status) == 0 && status.f_type == TMPFS_MAGIC;
+}
+
+void fuzz_confine(int argc, char **argv, const char *read_only)
+{
+    if (is_confined())
         return;
     const std::string here = fs::current_path();
     enter_namespaces();
-    const std::vector<shown_path> shown = find_shown(argc, argv);
+    const std::vector<shown_path> shown = find_shown(argc, argv, read_only);
     FUZZ_REQUIRE(mount("tmpfs", NEW_ROOT, "tmpfs", 0, "mode=0755") == 0);
     for (const shown_path &each : shown)
         place(each);
     make_links(NEW_ROOT);
     fs::create_directories(NEW_ROOT + here);
     FUZZ_REQUIRE(chdir(NEW_ROOT) == 0 && chroot(".") == 0 && chdir(here.c_str()) == 0);
+    setenv("TMPDIR", OWN_FOLDER, 1);
 }

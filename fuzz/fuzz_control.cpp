@@ -181,8 +181,8 @@ static void start_plane()
 void fuzz_control_start(int argc, char **argv, uint32_t events_interval_s)
 {
     fuzz_init_log();
+    fuzz_confine(argc, argv, LAB_MIBS);
     fuzz_agent_init();
-    fuzz_confine(argc, argv);
     setenv("HOME", "/root", 1);
     fuzz_world_make_folders();
     fill_config(events_interval_s);

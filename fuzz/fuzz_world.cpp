@@ -194,6 +194,23 @@ int __wrap_kill(pid_t pid, int)
     return -1;
 }
 
+/* What a child sets up for itself. */
+int __real_prctl(int option, ...);
+int __wrap_prctl(int option, ...)
+{
+    va_list arguments;
+    va_start(arguments, option);
+    const auto argument = va_arg(arguments, unsigned long);
+    va_end(arguments);
+    return is_running ? 0 : __real_prctl(option, argument);
+}
+
+sighandler_t __real_signal(int number, sighandler_t handler);
+sighandler_t __wrap_signal(int number, sighandler_t handler)
+{
+    return is_running ? SIG_DFL : __real_signal(number, handler);
+}
+
 static int chosen_status()
 {
     const uint8_t choice = fuzz_choice();
