@@ -12,7 +12,8 @@
 #define FUZZ_REQUIRE(expr) fuzz_require(static_cast<bool>(expr), __FILE__, __LINE__, #expr)
 void fuzz_require(bool holds, const char *file, int line, const char *text);
 
-/* Once, before the first input: every message is formatted, and none is seen. */
+/* Once, before the first input: every message is formatted, and none is seen but with FUZZ_LOG in the
+ * environment. */
 void fuzz_init_log();
 
 /* A copy of exactly this size on the heap, so that a step past its end is seen. */

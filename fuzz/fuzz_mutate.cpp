@@ -117,3 +117,24 @@ size_t fuzz_mutate_json(uint8_t *data, size_t size, size_t max_size, size_t offs
     memcpy(data, text.data(), text.size());
     return text.size();
 }
+
+size_t fuzz_mutate_parts(uint8_t *data, size_t size, size_t max_size, unsigned seed)
+{
+    dice random(seed);
+    const uint8_t *zero = std::find(data, data + size, 0);
+    const size_t text_size = static_cast<size_t>(zero - data);
+    const size_t rest_size = size - text_size;
+    const auto choice = random() % 8;
+    if (choice == 0 || size >= max_size)
+        return LLVMFuzzerMutate(data, size, max_size);
+    if (choice < 4 && rest_size > 0)
+        return text_size + 1 +
+               LLVMFuzzerMutate(data + text_size + 1, rest_size - 1, max_size - text_size - 1);
+    std::vector<uint8_t> text(data, data + max_size - rest_size);
+    const size_t new_size =
+        fuzz_mutate_json(text.data(), text_size, text.size(), 0, static_cast<unsigned>(random()));
+    const std::vector<uint8_t> rest(zero, zero + rest_size);
+    std::copy_n(text.begin(), new_size, data);
+    std::copy(rest.begin(), rest.end(), data + new_size);
+    return new_size + rest_size;
+}

@@ -9,4 +9,8 @@
  * to a value at some limit. Returns the new size. */
 size_t fuzz_mutate_json(uint8_t *data, size_t size, size_t max_size, size_t offset, unsigned seed);
 
+/* The same for lines of JSON up to a zero, with the choices of fuzz_choices.h behind it: one of the two parts
+ * is changed at a time, mostly. */
+size_t fuzz_mutate_parts(uint8_t *data, size_t size, size_t max_size, unsigned seed);
+
 #endif

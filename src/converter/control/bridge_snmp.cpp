@@ -295,7 +295,8 @@ static int check_root(const netsnmp_variable_list *var, const char *root_oid)
     if (var->name_length > root_length && snmp_oid_compare(root, root_length, var->name, root_length) == 0)
         return 0;
     char printed[256] = "";
-    snprint_variable(printed, sizeof(printed), var->name, var->name_length, var);
+    /* The library fills what it is given and then leaves out the end: the last byte stays. */
+    snprint_variable(printed, sizeof(printed) - 1, var->name, var->name_length, var);
     BRIDGE_DEBUG("SNMP value is not a child of given root:");
     BRIDGE_DEBUG("root: %s, returned value: %s", root_oid, printed);
     return -1;

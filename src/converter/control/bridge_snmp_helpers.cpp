@@ -44,28 +44,40 @@ static int read_next_cell(converter_ctx *ctx, bridge_prop_type hint, json_object
     return 0;
 }
 
-static int add_empty_rows(json_object *array, size_t count)
+static int add_empty_row(json_object *array)
 {
-    for (size_t i = 0; i < count; i++) {
-        json_object *row = json_object_new_object();
-        if (row == nullptr || json_object_array_put_idx(array, i, row) < 0) {
-            json_object_put(row);
-            BRIDGE_ERROR("failed to create array object");
-            return -1;
-        }
+    json_object *row = json_object_new_object();
+    if (row == nullptr || json_object_array_add(array, row) < 0) {
+        json_object_put(row);
+        BRIDGE_ERROR("failed to create array object");
+        return -1;
     }
     return 0;
 }
 
-static int fill_columns(converter_ctx *ctx, const bridge_snmp_column *mapping, json_object *array)
+/* Without columns all rows stay empty. */
+static int add_empty_rows(json_object *array, size_t count)
 {
-    const size_t rows = json_object_array_length(array);
+    for (size_t i = 0; i < count; i++) {
+        if (add_empty_row(array) < 0)
+            return -1;
+    }
+    return 0;
+}
+
+/* A row is made when its first cell has come: the count alone, which may be any number, costs no memory. */
+static int fill_columns(converter_ctx *ctx, const bridge_snmp_column *mapping, size_t rows,
+                        json_object *array)
+{
     for (const bridge_snmp_column *column = mapping; column->field_name != nullptr; column++) {
         for (size_t i = 0; i < rows; i++) {
             json_object *cell = nullptr;
             if (read_next_cell(ctx, column->hint, &cell) < 0)
                 return -1;
-            json_object_object_add(json_object_array_get_idx(array, i), column->field_name, cell);
+            json_owned owned(cell);
+            if (column == mapping && add_empty_row(array) < 0)
+                return -1;
+            json_object_object_add(json_object_array_get_idx(array, i), column->field_name, owned.release());
         }
     }
     return 0;
@@ -89,8 +101,9 @@ int bridge_snmp_get_table_as_json(converter_ctx *ctx, const bridge_snmp_column *
         BRIDGE_ERROR("failed to get valid property");
         return result; /* a negative count is no failure to the callers, who find nothing in `out` */
     }
-    if (add_empty_rows(array.get(), static_cast<size_t>(count)) < 0 ||
-        fill_columns(ctx, mapping, array.get()) < 0)
+    const auto rows = static_cast<size_t>(count);
+    const bool has_columns = mapping->field_name != nullptr;
+    if ((has_columns ? fill_columns(ctx, mapping, rows, array.get()) : add_empty_rows(array.get(), rows)) < 0)
         return -1;
     *out = array.release();
     return 0;

@@ -97,6 +97,18 @@ TEST_F(snmp_counted_table, AsManyRowsAsCounted)
         << "with a gap";
 }
 
+/* An agent may count any number of rows: memory is taken for those that come. */
+TEST_F(snmp_counted_table, RowsAreMadeAsTheirFirstCellsCome)
+{
+    put(2, 50000);
+    int made = 0;
+    const observed_call call("json_object_new_object", [&] { made++; });
+    EXPECT_EQ(read(),
+              "-1; ERROR property of wrong type fetched. Should be OCTET STRING, was: 2; ERROR failed to "
+              "get property");
+    EXPECT_EQ(made, 6); /* by the texts of three columns */
+}
+
 TEST_F(snmp_counted_table, CountOfNoneReadsNoCell)
 {
     put(2, 0);

@@ -400,6 +400,21 @@ TEST_F(snmp_walk, OnlyAStrictChildOfTheRootIsTaken)
     }
 }
 
+/* The library fills the whole buffer that it prints into, and leaves out the end of such a text. */
+TEST_F(snmp_walk, AnswerOutsideItsRootIsPrintedAsFarAsThereIsRoom)
+{
+    static constexpr std::string_view BEFORE = "returned value: ";
+    for (const size_t length : {100, 200, 220, 240, 256, 400}) {
+        lab_gateway_put("wmIo.0",
+                        join({R"({"type":"OCTET STRING","value":")", std::string(length, 'x'), "\"}"}));
+        read_target target(PROP_TYPE_INT);
+        const std::string all = read(&target, "wmEcio.0", "wmEcio", bridge_snmp_getnext_properties);
+        const size_t at = all.find(BEFORE);
+        ASSERT_NE(at, std::string::npos) << all;
+        EXPECT_LE(all.size() - at - BEFORE.size(), 255U) << length;
+    }
+}
+
 TEST_F(snmp_walk, AnswerOutsideItsRootKeepsThePlaceOfTheRecordBefore)
 {
     read_target first(PROP_TYPE_INT), second(PROP_TYPE_INT);
