@@ -198,6 +198,14 @@ TEST_F(FileopsCurl, AnUploadPostsThePartOfTheFileWithItsNames)
     EXPECT_EQ(log.complaints(), std::vector<std::string>());
 }
 
+TEST_F(FileopsCurl, TheAnswerToAnUploadIsDropped)
+{
+    one_answer_server server(ok_reply("thanks"));
+    captured_stream output(stdout);
+    EXPECT_EQ(upload(server.url(), file), 0);
+    EXPECT_EQ(output.text(), "");
+}
+
 TEST_F(FileopsCurl, AnUploadThatNobodyTakesIsNoFailure)
 {
     std::string closed;

@@ -50,6 +50,10 @@ const bridge_config_root *bridge_config_get_root_checked()
 
 int bridge_fileops_curl_upload(const bridge_fileops_upload *upload)
 {
+    int descriptors = 0;
+    for (int fd = STDERR_FILENO + 1; fd < 64; fd++)
+        descriptors += fcntl(fd, F_GETFD) >= 0 ? 1 : 0;
+    BRIDGE_INFO("%d descriptors of the daemon's", descriptors);
     BRIDGE_INFO("upload %s as %s to %s: %lld, %llu; %s", upload->real_path, upload->virtual_path, upload->url,
                 static_cast<long long>(upload->offset), static_cast<unsigned long long>(upload->size),
                 upload->tmst_path != nullptr ? upload->tmst_path : "no timestamp");
@@ -218,6 +222,7 @@ TEST_F(FileopsJobs, AStreamAnswersForTheFileThatItWasAskedFor)
     const pid_t pid = stream("logs/a.log");
     ASSERT_GT(pid, 0);
     EXPECT_EQ(status_of(pid), 0);
+    EXPECT_TRUE(log.has("INFO 0 descriptors of the daemon's"));
     EXPECT_TRUE(
         log.has(join({"INFO upload ", logs, "/a.log as logs/a.log to http://server.example/: 5, 7; stamp"})));
     EXPECT_THAT(answers(), ElementsAre(answer("17", R"(logs\/a.log)", "xferId", pid, "ok")));

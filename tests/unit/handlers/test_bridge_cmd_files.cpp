@@ -30,6 +30,7 @@ static struct {
     int stop_result;
     int scan_result;
     int link_result;
+    std::function<void()> meanwhile; /* within a start and a stop */
 } files;
 
 static int note(const std::string &call, int result)
@@ -38,10 +39,17 @@ static int note(const std::string &call, int result)
     return result;
 }
 
+static int work(const std::string &call, int result)
+{
+    if (files.meanwhile)
+        files.meanwhile();
+    return note(call, result);
+}
+
 int bridge_fileops_stream_start(const bridge_fileops_entry *, const char *path, const char *url, off_t offset,
                                 uint64_t size, const char *req_id)
 {
-    return note(join({"stream ", path, " to ", url, " from ", std::to_string(offset), " of ",
+    return work(join({"stream ", path, " to ", url, " from ", std::to_string(offset), " of ",
                       std::to_string(size), " for ", req_id}),
                 files.start_result);
 }
@@ -49,13 +57,13 @@ int bridge_fileops_stream_start(const bridge_fileops_entry *, const char *path, 
 int bridge_fileops_fetch_start(const bridge_fileops_entry *, const char *path, const char *, const char *url,
                                const char *req_id)
 {
-    return note(join({"fetch ", path, " from ", url, " for ", req_id}), files.start_result);
+    return work(join({"fetch ", path, " from ", url, " for ", req_id}), files.start_result);
 }
 
 int bridge_fileops_execute_start(const bridge_fileops_entry *, const char *path, const char *logdir,
                                  const char *token, const char *req_id)
 {
-    return note(join({"execute ", path, " into ", logdir, " with ", token, " for ", req_id}),
+    return work(join({"execute ", path, " into ", logdir, " with ", token, " for ", req_id}),
                 files.start_result);
 }
 
@@ -82,17 +90,17 @@ int bridge_fileops_execute_running(const bridge_fileops_entry *, pid_t pid, bool
 
 int bridge_fileops_stream_stop(const bridge_fileops_entry *, pid_t pid)
 {
-    return note(join({"stream stop ", std::to_string(pid)}), files.stop_result);
+    return work(join({"stream stop ", std::to_string(pid)}), files.stop_result);
 }
 
 int bridge_fileops_fetch_stop(const bridge_fileops_entry *, pid_t pid)
 {
-    return note(join({"fetch stop ", std::to_string(pid)}), files.stop_result);
+    return work(join({"fetch stop ", std::to_string(pid)}), files.stop_result);
 }
 
 int bridge_fileops_execute_stop(const bridge_fileops_entry *, pid_t pid)
 {
-    return note(join({"execute stop ", std::to_string(pid)}), files.stop_result);
+    return work(join({"execute stop ", std::to_string(pid)}), files.stop_result);
 }
 
 void cmd_async_forget(pid_t pid)
@@ -339,6 +347,26 @@ TEST_F(CmdFiles, AStopThatFailsIsAnsweredWithItsErrorAndForgetsTheJob)
         context.*job.slot = 4711;
         EXPECT_EQ(call(job.stop, stop_request(job, 4711)), status("Operation not permitted"));
         EXPECT_EQ(context.*job.slot, -1);
+    }
+}
+
+TEST_F(CmdFiles, AJobStartedWhileAnotherIsStoppedIsKept)
+{
+    for (const job_case &job : JOBS) {
+        files = {.meanwhile = [&] { context.*job.slot = 5000; }};
+        context.*job.slot = 4711;
+        EXPECT_EQ(call(job.stop, stop_request(job, 4711)), status("ok"));
+        EXPECT_EQ(context.*job.slot, 5000);
+    }
+}
+
+TEST_F(CmdFiles, OfTwoJobsStartedAtOnceTheOverwrittenOneIsCollectedAllTheSame)
+{
+    for (const job_case &job : JOBS) {
+        files = {.start_result = 12, .meanwhile = [&] { context.*job.slot = 11; }};
+        EXPECT_EQ(call(job.start, job.request), with_id(job, 12));
+        EXPECT_THAT(files.calls, ElementsAre(job.started, "forget 11"));
+        EXPECT_EQ(context.*job.slot, 12);
     }
 }
 
