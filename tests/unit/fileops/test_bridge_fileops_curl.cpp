@@ -56,11 +56,13 @@ static bool send_all(int client, const std::string &text)
     return send(client, text.data(), text.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(text.size());
 }
 
-/* Answers each request with the same text and closes. */
+/* Answers each request with the same text and closes; `before_answer` runs between the two. */
 class one_answer_server
 {
   public:
-    explicit one_answer_server(std::string reply) : reply_(std::move(reply))
+    explicit one_answer_server(
+        std::string reply, std::function<void()> before_answer = [] {})
+        : reply_(std::move(reply)), before_answer_(std::move(before_answer))
     {
         sockaddr_in address = {};
         address.sin_family = AF_INET;
@@ -94,9 +96,6 @@ class one_answer_server
         return requests_;
     }
 
-    /* Between a request and its answer. */
-    std::function<void()> before_answer = [] {};
-
   private:
     static std::string read_request(int client)
     {
@@ -127,12 +126,13 @@ class one_answer_server
                 const std::lock_guard guard(mutex_);
                 requests_.push_back(std::move(request));
             }
-            before_answer();
+            before_answer_();
             EXPECT_TRUE(send_all(client.get(), reply_));
         }
     }
 
     const std::string reply_;
+    const std::function<void()> before_answer_;
     const bridge_fd listener_{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
     uint16_t port_ = 0;
     std::mutex mutex_;
@@ -257,8 +257,8 @@ TEST_F(FileopsCurl, WhileAnUploadLastsItsTimestampIsKeptFresh)
 {
     const std::string tmst = real.below("tmst");
     const auto times = [&tmst] { return content_of(tmst).size() / sizeof("fresh"); };
-    one_answer_server server(ok_reply(""));
-    server.before_answer = [&times] { EXPECT_TRUE(wait_until([&times] { return times() >= 3; })); };
+    one_answer_server server(ok_reply(""),
+                             [&times] { EXPECT_TRUE(wait_until([&times] { return times() >= 3; })); });
     EXPECT_EQ(upload(server.url(), file, 4, 2, tmst.c_str()), 0);
     int status = 0;
     EXPECT_GT(waitpid(-1, &status, 0), 0);
