@@ -20,6 +20,7 @@ from test_stages import (
     Outcome,
     Variant,
     announce,
+    hardening_stage,
     run,
     summarise,
     system_tests,
@@ -150,7 +151,7 @@ def daemon_stage(build: CrossBuild, native: Build) -> list[Outcome]:
     started = time.monotonic()
     if not build.build("snv_mqtt_bridge"):
         return [Outcome("build of the daemon", 0, 1, time.monotonic() - started)]
-    outcomes = [Outcome("build of the daemon", 1, 0, time.monotonic() - started)]
+    outcomes = [Outcome("build of the daemon", 1, 0, time.monotonic() - started), hardening_stage(build)]
     announce("size of the daemon")
     size = stripped_size(build.daemon, TOOLS)
     beside = stripped_size(native.daemon) if native.build("snv_mqtt_bridge") else 0

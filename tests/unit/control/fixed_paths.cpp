@@ -27,8 +27,8 @@ std::vector<std::string> fixed_paths::made()
 
 std::string fixed_paths::below(const std::string &path)
 {
-    static constexpr const char *FIXED[] = {"/usr/share/snv-mqtt-bridge", "/var/", "/lib/firmware",
-                                            "/dev/shm/modem_downloads",   "/etc/", "/tmp/snv_bridge.pipe"};
+    static constexpr const char *FIXED[] = {
+        "/usr/share/snv-mqtt-bridge", "/var/", "/lib/firmware", "/dev/shm/", "/etc/", "/tmp/snv_bridge.pipe"};
     const std::lock_guard guard(mutex);
     for (const char *start : FIXED) {
         if (path.starts_with(start))

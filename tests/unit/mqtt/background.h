@@ -9,10 +9,10 @@
 #include <sys/types.h>
 #include <thread>
 
-/* True as soon as `reached` is; false when it is not within ten seconds. */
+/* True as soon as `reached` is; false when it is not within thirty seconds. */
 bool wait_until(const std::function<bool()> &reached);
 
-/* Opened once; whoever waits goes on, and does so after ten seconds at the latest. */
+/* Opened once; whoever waits goes on, and does so after thirty seconds at the latest. */
 class gate
 {
   public:
@@ -38,7 +38,7 @@ class background
 
     bool has_ended() const;
 
-    /* False when the thread goes on for ten seconds more. */
+    /* False when the thread goes on for thirty seconds more. */
     bool ends();
 
     /* Waits until the thread sleeps in the kernel; false when it ends instead. */
