@@ -49,7 +49,7 @@ def build_programs(root: Path, stop: StopRequest) -> Programs:
     configure = ["cmake", "-S", str(root), "-B", str(folder), "-DCMAKE_BUILD_TYPE=Release"]
     configure += ["-DBRIDGE_SANITIZE=", "-DBRIDGE_COVERAGE=OFF"]
     if fresh:
-        # The demo's own packages do without the test libraries; a build of scripts/test keeps its tests.
+        # The demo's own packages do without the test libraries.
         configure += ["-G", "Ninja", "-DBRIDGE_TESTS=OFF"]
     _run(configure, stop, quiet=not fresh)
     build = ["cmake", "--build", str(folder), "--target", "snv_mqtt_bridge", "lab_agent"]
