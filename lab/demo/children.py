@@ -42,6 +42,13 @@ class Child:
             self.tail.append(line.rstrip("\n"))
             self._on_line(line.rstrip("\n"))
 
+    @property
+    def pid(self) -> int:
+        return self._process.pid
+
+    def signal(self, number: int) -> None:
+        self._process.send_signal(number)
+
     def status(self) -> int | None:
         return self._process.poll()
 

@@ -31,7 +31,7 @@ def parsed(payload: bytes) -> Any:
     """The JSON of a message, with or without the NUL at its end; None when it has none."""
     try:
         return json.loads(payload.rstrip(b"\0"))
-    except ValueError:
+    except (ValueError, RecursionError):
         return None
 
 

@@ -1,0 +1,1 @@
+"""The whole gateway under load, broken at random."""

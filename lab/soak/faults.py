@@ -1,0 +1,301 @@
+"""What is broken, one row a kind. A fault is a generator: it breaks something up to its yield, and mends it behind."""
+
+from __future__ import annotations
+
+import os
+import random
+import signal
+import socket
+from collections.abc import Iterator
+from dataclasses import dataclass
+from typing import Callable, Protocol
+
+from lab.soak.explain import AGENT, CHILDREN, CLOCK, CONNECTION, DESCRIPTORS, DISK, JUNK, LOAD
+from lab.soak.gateway import MAC, STATE, STATUS_PORT, TRAP_PORT, UDP_PORT, Gateway
+from lab.soak.network import Network
+from lab.soak.operations import Operations
+from lab.soak.servers import MqttServer
+from lab.soak.uplinks import Uplinks
+
+
+class World(Protocol):
+    gateway: Gateway
+    network: Network
+    servers: list[MqttServer]
+    uplinks: Uplinks
+    operations: Operations
+
+    def publish_to_network(self, topic: str, payload: bytes) -> None: ...
+
+    def publish_to_operations(self, topic: str, payload: bytes) -> None: ...
+
+    def restart_forwarder(self) -> None: ...
+
+    downlink_topic: str
+
+
+Fault = Callable[[World, random.Random], Iterator[None]]
+
+# --- servers ---
+
+
+def _server_killed(world: World, rng: random.Random) -> Iterator[None]:
+    server = rng.choice(world.servers)
+    server.kill()
+    yield
+    server.start()
+
+
+def _server_frozen(world: World, rng: random.Random) -> Iterator[None]:
+    server = rng.choice(world.servers)
+    server.freeze()
+    yield
+    server.thaw()
+
+
+def _server_with_another_certificate(world: World, rng: random.Random) -> Iterator[None]:
+    server = rng.choice(world.servers)
+    server.kill()
+    server.start("foreign")
+    yield
+    server.kill()
+    server.start()
+
+
+def _server_restarted_amid_work(world: World, rng: random.Random) -> Iterator[None]:
+    """Everything is begun, and the planes restart in the middle of it."""
+    world.operations.start_all_kinds()
+    yield
+    for server in world.servers:
+        server.kill()
+        server.start()
+
+
+# --- the way between ---
+
+
+def _network_cut(world: World, _rng: random.Random) -> Iterator[None]:
+    world.network.carry(loss=1)
+    yield
+    world.network.carry()
+
+
+def _cable_pulled(world: World, _rng: random.Random) -> Iterator[None]:
+    world.network.unplug()
+    yield
+    world.network.plug_in()
+
+
+def _network_slow(world: World, rng: random.Random) -> Iterator[None]:
+    world.network.carry(delay_ms=rng.randrange(100, 800), jitter_ms=rng.randrange(0, 400))
+    yield
+    world.network.carry()
+
+
+def _network_lossy(world: World, rng: random.Random) -> Iterator[None]:
+    world.network.carry(delay_ms=20, jitter_ms=20, loss=rng.uniform(0.05, 0.3))
+    yield
+    world.network.carry()
+
+
+# --- the agent ---
+
+
+def _agent_killed(world: World, _rng: random.Random) -> Iterator[None]:
+    world.gateway.kill_agent()
+    yield
+    world.gateway.start_agent()
+
+
+def _agent_silent(world: World, _rng: random.Random) -> Iterator[None]:
+    assert world.gateway.agent
+    world.gateway.agent.silence()
+    yield
+    world.gateway.agent.silence(False)
+
+
+_SLOW_OBJECTS = (
+    "moduleName", "radioStatisticsNumTxPackets", "wmImsi", "hmAlarmCurrentStateId", "swVerName", "gpsLatitude",
+)  # fmt: skip
+
+
+def _agent_slow(world: World, rng: random.Random) -> Iterator[None]:
+    assert world.gateway.agent
+    for name in _SLOW_OBJECTS:
+        world.gateway.agent.fault(name, late_ms=rng.randrange(500, 2500))
+    yield
+    world.gateway.agent.clear_faults()
+
+
+# --- the gateway ---
+
+
+def _forwarder_restarted(world: World, _rng: random.Random) -> Iterator[None]:
+    world.restart_forwarder()
+    yield
+
+
+def _disk_full(world: World, _rng: random.Random) -> Iterator[None]:
+    world.gateway.inside("sh", "-c", "cat /dev/zero >/var/filled")
+    yield
+    world.gateway.inside("rm", "-f", "/var/filled")
+
+
+def _state_read_only(world: World, _rng: random.Random) -> Iterator[None]:
+    world.gateway.inside("mount", "--bind", STATE, STATE)
+    world.gateway.inside("mount", "-o", "remount,bind,ro", STATE)
+    yield
+    world.gateway.inside("umount", "-l", STATE)
+
+
+def _descriptors_exhausted(world: World, rng: random.Random) -> Iterator[None]:
+    before = world.gateway.descriptor_limit()
+    world.gateway.set_descriptor_limit(world.gateway.descriptors() + rng.randrange(0, 3))
+    yield
+    world.gateway.set_descriptor_limit(before)
+
+
+def _clock_ahead(world: World, rng: random.Random) -> Iterator[None]:
+    world.gateway.set_clock(rng.choice((61, 3600, 86400 * 400)))
+    yield
+    world.gateway.set_clock(0)
+
+
+def _clock_back(world: World, rng: random.Random) -> Iterator[None]:
+    world.gateway.set_clock(-rng.choice((61, 3600, 86400 * 400)))
+    yield
+    world.gateway.set_clock(0)
+
+
+def _children_killed(world: World, rng: random.Random) -> Iterator[None]:
+    world.operations.start_all_kinds()
+    yield
+    for child in world.gateway.children():
+        if rng.random() < 0.7:
+            try:
+                os.kill(child, signal.SIGKILL)
+            except ProcessLookupError:
+                continue
+
+
+# --- load ---
+
+_FLOOD_DOWNLINKS, _FLOOD_COMMANDS, _FLOOD_JUNK = 3000, 150, 400
+
+
+def _flood_of_downlinks(world: World, _rng: random.Random) -> Iterator[None]:
+    for topic, payload in world.uplinks.downlinks(_FLOOD_DOWNLINKS):
+        world.publish_to_network(topic, payload)
+    yield
+
+
+def _flood_of_commands(world: World, _rng: random.Random) -> Iterator[None]:
+    world.operations.flood(_FLOOD_COMMANDS)
+    yield
+
+
+def _junk(rng: random.Random) -> bytes:
+    """Bytes, or JSON that is almost right."""
+    size = rng.choice((1, 2, 12, 80, 1500, 30_000))
+    return rng.choice(
+        (
+            rng.randbytes(size),
+            b"{}",
+            b"[" * size,
+            b'{"rxpk":[null],"stat":null}',
+            b'{"command":null,"requestId":null,"params":null,"mac":null}',
+            b'{"command":"getBackups","requestId":{"a":[]},"params":[],"mac":7}',
+            b'{"command":"fileUploadChunk","requestId":1,"params":{"data":"' + b"A" * size + b'"},"mac":""}',
+            b'{"capabilities":{"bulk_cfg":1}}',
+            b'{"capabilities":[1,null,"' + b"x" * size + b'"]}',
+            b'{"timestamp":"soon","content":[]}',
+            b'{"timestamp":1,"content":{"loraTrafficFilter":null}}',
+            b'{"updateTs":1e300,"update":{"timestamp":-1}}',
+            b'{"phyPayload":"' + b"A" * size + b'","txInfo":null}',
+            b'{"updateTs":1,"requestId":"1","type":"GENERAL","contentType":null,"mac":"","content":"%%%"}',
+        )
+    )
+
+
+def _datagram(rng: random.Random) -> bytes:
+    header = bytes((rng.choice((0, 1, 2, 3)), rng.randrange(256), rng.randrange(256), rng.choice((0, 2, 5, 9))))
+    return header + bytes.fromhex(MAC) + _junk(rng)[:1200]
+
+
+def _junk_on_topics(world: World, rng: random.Random) -> Iterator[None]:
+    for _ in range(_FLOOD_JUNK):
+        world.publish_to_operations(rng.choice(world.operations.junk_topics), _junk(rng))
+        world.publish_to_network(world.downlink_topic, _junk(rng))
+    yield
+
+
+def _junk_on_ports(world: World, rng: random.Random) -> Iterator[None]:
+    """A PULL_DATA from here would take the forwarder's downlinks, which only its next one brings back."""
+    for port in (UDP_PORT, TRAP_PORT):
+        with world.gateway.connect(socket.SOCK_DGRAM, port) as sender:
+            for _ in range(_FLOOD_JUNK):
+                try:
+                    sender.send(_datagram(rng))
+                except OSError:
+                    break  # nobody listens there
+    with world.gateway.connect(socket.SOCK_STREAM, STATUS_PORT) as client:
+        client.sendall(rng.randbytes(5000))
+    yield
+
+
+@dataclass(frozen=True)
+class Kind:
+    name: str
+    run: Fault
+    seconds: tuple[float, float]  # how long it stays
+    touches_connection: bool
+    recovery: float  # within so many seconds of its end both planes are up
+    explains: tuple[str, ...]
+
+
+# A plane that lost its server: up to 10 s to the next tick; up to 120 s for the longest wait of a command that
+# still runs; 20 s of waiting; 30 s for an attempt that was under way; 10 s to the next one.
+_RESTART = 200.0
+# A silent agent costs each request that waits for it 18 s, one after the other.
+_AGENT = 120.0
+_BUSY = 60.0
+
+# fmt: off
+KINDS = (
+    Kind("flood of commands",        _flood_of_commands,               (2, 5),   False, _AGENT,   LOAD),
+    Kind("junk on topics",           _junk_on_topics,                  (2, 5),   False, _RESTART, JUNK),
+    Kind("flood of downlinks",       _flood_of_downlinks,              (2, 5),   False, _BUSY,    LOAD),
+    Kind("junk on ports",            _junk_on_ports,                   (2, 5),   False, _BUSY,    JUNK),
+    Kind("server killed",            _server_killed,                   (2, 30),  True,  _RESTART, CONNECTION),
+    Kind("server stopped",           _server_frozen,                   (2, 50),  True,  _RESTART, CONNECTION),
+    Kind("another certificate",      _server_with_another_certificate, (5, 30),  True,  _RESTART, CONNECTION),
+    Kind("restart amid work",        _server_restarted_amid_work,      (1, 4),   True,  _RESTART, CONNECTION),
+    Kind("network cut",              _network_cut,                     (2, 50),  True,  _RESTART, CONNECTION),
+    Kind("cable pulled",             _cable_pulled,                    (2, 50),  True,  _RESTART, CONNECTION),
+    Kind("network slow",             _network_slow,                    (5, 30),  True,  _RESTART, CONNECTION),
+    Kind("network lossy",            _network_lossy,                   (5, 30),  True,  _RESTART, CONNECTION),
+    Kind("agent killed",             _agent_killed,                    (2, 30),  False, _AGENT,   AGENT),
+    Kind("agent silent",             _agent_silent,                    (2, 40),  False, _AGENT,   AGENT),
+    Kind("agent slow",               _agent_slow,                      (5, 20),  False, _AGENT,   AGENT),
+    Kind("forwarder restarted",      _forwarder_restarted,             (1, 2),   False, _BUSY,    ()),
+    Kind("disk full",                _disk_full,                       (5, 20),  False, _BUSY,    DISK),
+    Kind("state read-only",          _state_read_only,                 (5, 20),  False, _BUSY,    DISK),
+    Kind("descriptors exhausted",    _descriptors_exhausted,           (5, 20),  False, _RESTART, DESCRIPTORS),
+    Kind("clock ahead",              _clock_ahead,                     (5, 20),  False, _BUSY,    CLOCK),
+    Kind("clock back",               _clock_back,                      (5, 20),  False, _BUSY,    CLOCK),
+    Kind("children killed",          _children_killed,                 (1, 4),   False, _BUSY,    CHILDREN),
+)
+# fmt: on
+
+# A fault may come while another one stays, but for those that would undo each other.
+_SERVERS = ("server killed", "server stopped", "another certificate", "restart amid work")
+_WAY = ("network cut", "cable pulled", "network slow", "network lossy")
+_AGENTS = ("agent killed", "agent silent", "agent slow")
+_CLOCKS = ("clock ahead", "clock back")
+_EXCLUSIVE = (_SERVERS, _WAY, _AGENTS, _CLOCKS)
+
+
+def go_together(one: Kind, other: Kind) -> bool:
+    if one is other:
+        return False
+    return not any(one.name in group and other.name in group for group in _EXCLUSIVE)

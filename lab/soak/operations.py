@@ -1,0 +1,316 @@
+"""The operations server: it asks, starts jobs, sends documents, and keeps the books of what was answered."""
+
+from __future__ import annotations
+
+import base64
+import itertools
+import json
+import random
+import threading
+import time
+from collections import Counter
+from dataclasses import dataclass
+from typing import Any, Callable
+
+from lab.http.server import FileServer
+from lab.operations.client import COMMAND_TOPIC, LATE_TOPIC, LateAnswers, is_answer, parsed
+from lab.soak.gateway import MAC
+
+EVENTS_TOPIC = "api/v1/gateway/events"
+CAPABILITIES_TOPIC = "api/capabilities"
+OLDER_TOPIC = "api/v1/gateway/configuration"
+_CAPABILITIES = {"capabilities": ["bulk_cfg", "bulk_upgr", "performance_management"]}
+_PROBE = "getGatewayInfo"
+
+Publish = Callable[[str, bytes], None]
+
+# What only asks. "reboot" is in no list: it ends the daemon, as it should.
+_QUESTIONS: tuple[tuple[str, Any], ...] = (
+    ("getRadioStatistics", {}),
+    ("getBackups", {}),
+    ("getGpsCoordinates", {}),
+    ("getSoftwareVersions", {"verType": 0}),
+    ("getSoftwareVersions", {"verType": 1}),
+    ("getUpgradableSoftware", {}),
+    ("getInstallableSoftware", {}),
+    ("getInstallStatus", {}),
+    ("getUpgradeStatus", {}),
+    ("getBspStatus", {}),
+    ("getBspStatusString", {}),
+    ("getCurrentBspVersion", {}),
+    ("getAvailableBspUpgrade", {}),
+    ("getWmDeviceInformation", {}),
+    ("getWmHomeNetworkBranch", {}),
+    ("getWmRfInformation", {}),
+    ("getWmActiveProfileParameters", {}),
+    ("getWmCallStatistics", {}),
+    ("getWmApns", {}),
+    ("getWmStatusApn", {}),
+    ("getWmPDP_Profiles", {}),
+    ("getWmNetworkInfo", {}),
+    ("getSimStatus", {}),
+    ("getConnectivityTypes", {}),
+    ("getAntennasCount", {}),
+    ("getSpectralScanProgress", {}),
+    ("getSpectralScanParams", {}),
+    ("getFirewallConfiguration", {}),
+    ("getPreferredPingIpAddress", {}),
+    ("fopsScanDir", {"path": "logs"}),
+    ("fopsScanDir", {"path": "/"}),
+    ("nobodyKnowsThis", {}),
+)
+
+_CHANGES: tuple[tuple[str, Any], ...] = (
+    ("resetRadioStatisticsCounters", {}),
+    ("createBackup", {"description": "of the soak"}),
+    ("ping", {"destination": "192.0.2.1", "packetsCount": 2}),
+    ("setPreferredFallbackConnectivityType", {"preferredIdx": 1, "fallbackIdx": 3}),
+    ("setPreferredPingIpAddress", {"ipAddr": "192.0.2.7", "connectionType": "TCP", "connectionPort": 443}),
+    (
+        "executeSpectralScan",
+        {
+            "samplePeriod": 1000, "num125kChan": 2, "startFreq125k": 867100, "stepFreq125k": 200,
+            "num500kChan": 1, "startFreq500k": 868300, "stepFreq500k": 500, "antenna": 0,
+        },
+    ),
+    ("reverseSsh", {"username": "u", "password": "p", "sshHost": "127.0.0.1", "sshRevPort": 2200, "sshPort": 9}),
+    ("stopReverseSsh", {}),
+    ("upgradeSoftware", {"packageToUpgrade": "snv-packet-forwarder"}),
+    ("installSoftware", {"packageToInstall": "snv-tools"}),
+    ("getLastInstallUpgradeStatus", {}),
+)  # fmt: skip
+
+# For the gateway's folder of scripts.
+SCRIPTS = {"short.sh": b"#!/bin/sh\necho works\n", "long.sh": b"#!/bin/sh\nsleep 8\n"}
+_UPLOAD_PIECE = 3000
+
+
+@dataclass
+class _Asked:
+    name: str
+    at: float
+    answers: int = 0
+    late: int = 0
+
+
+class Operations:
+    """`publish` drops what comes while its server is away. Callbacks on any thread; `tick` on one."""
+
+    def __init__(self, seed: int, is_native: bool, publish: Publish, fail: Callable[[str], None], files: FileServer) -> None:
+        self._rng = random.Random(seed)
+        self._publish = publish
+        self._fail = fail
+        self._files = files
+        self._lock = threading.Lock()
+        self._numbers = itertools.count(1000)
+        self._asked: dict[int, _Asked] = {}
+        self._probes: dict[int, float] = {}
+        self._answered_probes: list[tuple[float, float]] = []  # asked, answered
+        self._late = LateAnswers()
+        self._next_probe = self._next_work = time.monotonic()
+        self.works = True
+        topic = f"gateway/mac/{MAC.upper() if is_native else MAC}"
+        self._configuration, self._firmware = f"{topic}/configuration", f"{topic}/firmware"
+        self.topics = [
+            COMMAND_TOPIC, LATE_TOPIC, EVENTS_TOPIC,
+            f"{self._configuration}/reported", f"{self._firmware}/reported", f"{topic}/performance",
+        ]  # fmt: skip
+        self.junk_topics = [
+            COMMAND_TOPIC, CAPABILITIES_TOPIC, OLDER_TOPIC,
+            f"{self._configuration}/desired", f"{self._firmware}/desired",
+        ]  # fmt: skip
+        self.reports: Counter[str] = Counter()
+        self._upload: list[str] = []
+        self._upload_number = 0
+        self._jobs = (
+            self._start_stream, self._start_fetch, self._start_script, self._stop_a_job, self._start_upload,
+            self._retrieve_logs, self._desire_configuration, self._desire_upgrade, self._older_exchange,
+        )  # fmt: skip
+        self._url = files.offer("/large.bin", self._rng.randbytes(300_000))
+        self._ids: dict[str, int] = {}  # of the jobs that were started last
+
+    # Asking.
+
+    @staticmethod
+    def capabilities() -> bytes:
+        return json.dumps(_CAPABILITIES).encode()
+
+    def ask(self, name: str, params: Any) -> int:
+        number = next(self._numbers)
+        with self._lock:
+            self._asked[number] = _Asked(name, time.monotonic())
+        body = {"command": name, "requestId": number, "params": params, "mac": MAC}
+        self._publish(COMMAND_TOPIC, json.dumps(body).encode())
+        return number
+
+    def tick(self) -> None:
+        now = time.monotonic()
+        if now >= self._next_probe:
+            self._next_probe = now + 1.0
+            number = self.ask(_PROBE, {})
+            with self._lock:
+                self._probes[number] = now
+        if self.works and now >= self._next_work:
+            self._next_work = now + self._rng.uniform(0.3, 1.2)
+            self.work()
+
+    def work(self) -> None:
+        choice = self._rng.random()
+        if self._upload and choice < 0.5:
+            self._go_on_with_upload()
+        elif choice < 0.7:
+            self.ask(*self._rng.choice(_QUESTIONS))
+        elif choice < 0.8:
+            self.ask(*self._rng.choice(_CHANGES))
+        else:
+            self._rng.choice(self._jobs)()
+
+    def start_all_kinds(self) -> None:
+        """One of each, at once."""
+        for job in self._jobs:
+            job()
+        for change in _CHANGES:
+            self.ask(*change)
+
+    def flood(self, count: int) -> None:
+        for _ in range(count):
+            self.ask(*self._rng.choice(_QUESTIONS))
+
+    # Kinds of work.
+
+    def _start_stream(self) -> None:
+        path, size = self._rng.choice((("logs/soak.log", 20_000), ("modem/large.bin", 300_000)))
+        self.ask("fopsStreamStart", {"url": f"{self._files.url}/", "path": path, "offset": 0, "size": size})
+
+    def _start_fetch(self) -> None:
+        target = self._rng.choice(("modem/large.bin", "shm/large.bin"))
+        self.ask("fopsFetchStart", {"path": target, "url": self._url})
+
+    def _start_script(self) -> None:
+        name = self._rng.choice(tuple(SCRIPTS))
+        self.ask("fopsExecuteStart", {"path": f"scripts/{name}", "exeToken": "soak"})
+
+    def _stop_a_job(self) -> None:
+        kind, key = self._rng.choice((("Stream", "xferId"), ("Fetch", "xferId"), ("Execute", "exeId")))
+        self.ask(f"fops{kind}Stop", {key: self._ids.get(f"fops{kind}Start", 1)})
+
+    def _start_upload(self) -> None:
+        content = self._rng.randbytes(self._rng.randrange(1000, 20000))
+        pieces = [content[at : at + _UPLOAD_PIECE] for at in range(0, len(content), _UPLOAD_PIECE)]
+        self._upload = [base64.b64encode(piece).decode() for piece in pieces]
+        self._upload_number += 1
+        params = {
+            "isModemFw": self._rng.random() < 0.5,
+            "name": f"soak-{self._upload_number % 3}.bin",
+            "size": len(content),
+            "b64ChunkLength": len(self._upload[0]),
+            "b64TotalLength": sum(map(len, self._upload)),
+        }
+        self.ask("fileUploadStart", params)
+
+    def _go_on_with_upload(self) -> None:
+        if len(self._upload) > 1 or self._rng.random() < 0.5:
+            self.ask("fileUploadChunk", {"data": self._upload.pop(0)})
+        else:
+            self._upload = []
+            self.ask("fileUploadStop", {"decompress": False})
+
+    def _retrieve_logs(self) -> None:
+        if self._rng.random() < 0.5:
+            self.ask("logRetrieveStart", {"requiredFiles": ["logs/soak.log"]})
+        else:
+            self.ask("logRetrieveStop", {})
+
+    def _desire_configuration(self) -> None:
+        rules = [
+            {"ruleId": place + 1, "action": "ALLOW", "start": f"{place:X}00", "end": f"{place:X}FF"}
+            for place in range(self._rng.randrange(40))
+        ]
+        sections: dict[str, Any] = {
+            "networkServer": {"address": "192.0.2.9", "portUp": self._rng.randrange(1700, 1800)},
+            "upgradeServer": {"ipkFeedURL": {"url": "http://192.0.2.1/feeds"}},
+            "snmpAgent": {"enabled": True, "community": "public"},
+            "networkConfiguration": {"interfacePreference": ["Ethernet", "Cellular"]},
+            "loraTrafficFilter": {"devAddrList": rules},
+        }
+        chosen = {name: body for name, body in sections.items() if self._rng.random() < 0.5}
+        body = {"timestamp": time.time_ns() // 1_000_000, "content": chosen}
+        self._publish(f"{self._configuration}/desired", json.dumps(body).encode())
+
+    def _desire_upgrade(self) -> None:
+        now = time.time_ns() // 1_000_000
+        at = {"timestamp": now + self._rng.randrange(2000, 15000), "maxRandomDelay": 1000}
+        body = {"updateTs": now, "update": {**at, "force": self._rng.random() < 0.5}}
+        self._publish(f"{self._firmware}/desired", json.dumps(body).encode())
+
+    def _older_exchange(self) -> None:
+        text = base64.b64encode(b'{"gateway":{"region":"EU868"}}').decode()
+        body = {
+            "updateTs": time.time_ns() // 1_000_000, "requestId": "older", "type": "GENERAL",
+            "contentType": "application/json", "mac": MAC, "content": text,
+        }  # fmt: skip
+        self._publish(OLDER_TOPIC, json.dumps(body).encode())
+
+    # Answers.
+
+    def message(self, topic: str, payload: bytes) -> None:
+        if topic == LATE_TOPIC:
+            with self._lock:
+                bodies = list(self._late.take(payload))
+            for body in bodies:
+                self._late_answer(body)
+        elif topic != COMMAND_TOPIC:
+            self.reports[topic.rpartition("/mac/")[2]] += 1
+        else:
+            body = parsed(payload)
+            if isinstance(body, dict) and is_answer(body, body.get("requestId")):
+                self._answer(body)
+
+    def _answer(self, body: dict[str, Any]) -> None:
+        now = time.monotonic()
+        with self._lock:
+            asked = self._asked.get(body["requestId"]) if isinstance(body["requestId"], int) else None
+            if asked is None:
+                return  # to a request of the junk
+            asked.answers += 1
+            if asked.answers > 1 and "response" in body:
+                self._fail(f"{asked.name}, request {body['requestId']}, was answered {asked.answers} times")
+            self._note_job(asked.name, body.get("response"))
+            at = self._probes.pop(body["requestId"], None)
+            if at is not None and "response" in body:
+                self._answered_probes = [*self._answered_probes[-50:], (at, now)]
+
+    def _note_job(self, name: str, response: Any) -> None:
+        if isinstance(response, dict):
+            number = response.get("xferId", response.get("exeId"))
+            if isinstance(number, int) and number > 0:
+                self._ids[name] = number
+
+    def _late_answer(self, body: Any) -> None:
+        number = body.get("requestId") if isinstance(body, dict) else None
+        with self._lock:
+            asked = self._asked.get(int(number)) if str(number).isdigit() else None
+            if asked is None:
+                return
+            asked.late += 1
+            if asked.late > 1:
+                self._fail(f"{asked.name}, request {number}, was answered late {asked.late} times")
+
+    def first_answer_since(self, moment: float) -> float | None:
+        """When the first probe that was asked after it was answered with the agent's values."""
+        with self._lock:
+            return min((done for at, done in self._answered_probes if at >= moment), default=None)
+
+    def last_answer(self) -> float:
+        with self._lock:
+            return max((done for _, done in self._answered_probes), default=0.0)
+
+    def figures(self) -> dict[str, int]:
+        with self._lock:
+            asked = list(self._asked.values())
+        return {
+            "asked": len(asked),
+            "answered": sum(each.answers > 0 for each in asked),
+            "late answers": sum(each.late for each in asked),
+            "reports": sum(self.reports.values()),
+        }

@@ -1,0 +1,121 @@
+"""What a soak has seen, and whether it was clean."""
+
+from __future__ import annotations
+
+import json
+import statistics
+import threading
+from collections import Counter
+from dataclasses import asdict, dataclass, field
+from pathlib import Path
+from typing import Any, Callable
+
+from lab.soak.gateway import Resources
+from lab.soak.operations import Operations
+from lab.soak.plan import Plan
+from lab.soak.uplinks import UplinkFigures, Uplinks
+
+# Of memory that no file backs: what one run of the allocator's free lists differs from another.
+GROWTH_KIB = 1024
+_SHOWN = 40
+
+
+@dataclass(frozen=True)
+class Episode:
+    kinds: tuple[str, ...]
+    seconds: float  # from the end of the fault until both planes were up
+    is_up: bool
+
+
+@dataclass
+class Report:
+    plan: Plan
+    say: Callable[[str], None]
+    failures: Counter[str] = field(default_factory=Counter)
+    episodes: list[Episode] = field(default_factory=list)
+    error_lines: int = 0
+    first: Resources | None = None
+    last: Resources | None = None
+    highest_anonymous_kib: int = 0
+    uplinks: UplinkFigures = field(default_factory=UplinkFigures)
+    operations: dict[str, int] = field(default_factory=dict)
+    other: dict[str, int] = field(default_factory=dict)
+    seconds: float = 0.0
+    _lock: threading.Lock = field(default_factory=threading.Lock)
+
+    def fail(self, words: str) -> None:
+        with self._lock:
+            self.failures[words] += 1
+            if self.failures[words] == 1:
+                self.say(f"FAILED {words}")
+
+    def unexplained(self, text: str, kinds: list[str]) -> None:
+        self.fail(f"ERROR line that nothing explains, beside [{', '.join(kinds) or 'no fault'}]: {text}")
+
+    def conclude(self, uplinks: Uplinks, operations: Operations, seconds: float) -> None:
+        self.seconds = seconds
+        self.uplinks = uplinks.figures()
+        self.operations = operations.figures()
+        self.other = {
+            "downlinks sent": uplinks.downlinks_sent,
+            "downlinks received": uplinks.downlinks_received,
+            "statistics": uplinks.statistics,
+            "acknowledgements of downlinks": uplinks.tx_acks,
+        }
+        if self.uplinks.lost:
+            self.fail(f"{self.uplinks.lost} uplinks were acknowledged on a whole connection and never published")
+        if not self.uplinks.published:
+            self.fail("no uplink was published")
+        self._compare()
+
+    def _compare(self) -> None:
+        if self.first is None or self.last is None:
+            self.fail("the resources were not counted twice")
+            return
+        first, last = asdict(self.first), asdict(self.last)
+        for name in ("threads", "descriptors", "children", "uncollected", "queues"):
+            if last[name] != first[name]:
+                self.fail(f"{name}: {first[name]} at first, {last[name]} at the end")
+        growth = self.last.anonymous_kib - self.first.anonymous_kib
+        if growth > GROWTH_KIB:
+            self.fail(f"memory has grown by {growth} KiB")
+
+    def is_clean(self) -> bool:
+        return not self.failures
+
+    def figures(self) -> dict[str, Any]:
+        kinds: dict[str, list[float]] = {}
+        for episode in self.episodes:
+            for kind in episode.kinds:
+                kinds.setdefault(kind, []).append(episode.seconds)
+        return {
+            "plan": self.plan.words,
+            "seed": self.plan.seed,
+            "clean": self.is_clean(),
+            "seconds": round(self.seconds),
+            "kinds": {name: kinds[name] for name in sorted(kinds)},
+            "uplinks": asdict(self.uplinks),
+            "operations": self.operations,
+            "other": self.other,
+            "error lines": self.error_lines,
+            "first": asdict(self.first) if self.first else None,
+            "last": asdict(self.last) if self.last else None,
+            "highest anonymous KiB": self.highest_anonymous_kib,
+            "failures": dict(self.failures),
+        }
+
+    def write(self, file: Path) -> None:
+        file.write_text(json.dumps(self.figures(), indent=1) + "\n")
+
+    def show(self) -> None:
+        told = self.figures()
+        print(f"\n{self.plan.words}; {self.seconds / 60:.1f} minutes")
+        for name, seconds in told["kinds"].items():
+            longest, middle = max(seconds), statistics.median(seconds)
+            print(f"  {name:<24} {len(seconds):3} times, up again after {middle:5.1f} s, longest {longest:5.1f} s")
+        for part in ("uplinks", "operations", "other", "first", "last"):
+            print(f"  {part}: {told[part]}")
+        print(f"  {self.error_lines} ERROR lines; most memory {self.highest_anonymous_kib} KiB")
+        for words, count in self.failures.most_common(_SHOWN):
+            print(f"FAILED {count} times: {words}")
+        print("clean" if self.is_clean() else f"not clean: {len(self.failures)} findings")

@@ -1,0 +1,386 @@
+"""One soak: the gateway and its peers, the faults in their turn, and what must hold all along."""
+
+from __future__ import annotations
+
+import json
+import random
+import re
+import threading
+import time
+from collections import deque
+from collections.abc import Iterator
+from dataclasses import replace
+from pathlib import Path
+
+from lab.demo.build import Programs
+from lab.gateway.devices import Radio, lab_devices
+from lab.gateway.forwarder import Forwarder
+from lab.http.server import FileServer
+from lab.soak import explain
+from lab.soak.faults import KINDS, Kind, go_together
+from lab.soak.gateway import KEEPALIVE_SECONDS, MAC, STATE, UDP_PORT, Gateway, LogLine, Resources
+from lab.soak.network import SERVERS, Network
+from lab.soak.operations import CAPABILITIES_TOPIC, SCRIPTS, Operations
+from lab.soak.peers import Peer
+from lab.soak.plan import Plan
+from lab.soak.report import Episode, Report
+from lab.soak.servers import MqttServer, make_certificate
+from lab.soak.uplinks import LATE_SECONDS, Uplinks
+
+_START_SECONDS = 60.0
+_RATE = 20.0  # uplinks a second
+_STAT_SECONDS = 10.0
+_FIRST_CALM_SECONDS = 300.0
+_LOOK_SECONDS = 5.0
+# Without a fault the planes never rest longer: a command may wait for others that wait for the agent.
+_SILENCE_SECONDS = 90.0
+# What a keep-alive takes to find a connection's end, and a little more.
+_STEADY_SECONDS = KEEPALIVE_SECONDS * 1.5
+# A line may tell of a fault that has gone: a transfer's own limit of time, a program that is waited for.
+_ECHO_SECONDS = 60.0
+_STOP_SECONDS = 60.0
+_CALM_SECONDS = 200.0
+_SETTLED_LOOKS = 15  # a second each
+_BROKEN_BY = {
+    "mqtt connection lost": "connection lost",
+    "ctrlplane restart requested": "restart",
+    "dataplane restart requested": "restart",
+    "dataplane partial restart requested": "restart",
+    "control plane restart is requested before data plane connection could be established": "restart",
+}
+
+_STATES = (
+    (f"{STATE}/last_sw_status", re.compile(rb"(\d:\w+\n(-?\d+:req\n)?)?")),
+    (f"{STATE}/last_wm_fw_status", re.compile(rb"(\d:[\w-]+\n(-?\d+:req\n)?)?")),
+    (f"{STATE}/config_update_timestamp", re.compile(rb"(.{8})?", re.DOTALL)),
+)
+_FILTERS = "/var/lib/sarnivel-lora-hal/uplink-filter-list"
+
+
+class Soak:
+    def __init__(self, programs: Programs, plan: Plan, folder: Path, minutes: float) -> None:
+        self._plan = plan
+        self._folder = folder
+        self._seconds = minutes * 60
+        self._begin = time.monotonic()
+        self.report = Report(plan, self._say)
+        # What is broken and what is asked are drawn apart, so that the one does not depend on how fast the other is.
+        self._rng = random.Random(plan.seed)
+        self.network = Network()
+        for name in ("trusted", "foreign"):
+            make_certificate(folder, name)
+        names = ("network", "operations") if plan.has_two_servers else ("both",)
+        self.servers = [MqttServer(name, folder) for name in names]
+        self._files = FileServer(host=SERVERS)
+        self.uplinks = Uplinks(plan.dialect, MAC, plan.seed, self.report.fail)
+        self.operations = Operations(
+            plan.seed, plan.dialect.name == "native", self.publish_to_operations, self.report.fail, self._files
+        )
+        self.gateway = Gateway(programs, folder, self.network, plan, self._log_line)
+        topic_mac = MAC.upper() if plan.dialect.name == "native" else MAC
+        self.downlink_topic = plan.dialect.downlink_topic.format(mac=topic_mac)
+        self._radio = Radio(lab_devices(), plan.seed)
+        self._forwarder: Forwarder | None = None
+        self._peers: list[Peer] = []
+        self._lines: deque[LogLine] = deque()
+        self._active: list[Kind] = []
+        self._explained_until: dict[str, float] = {}
+        self._kinds = {kind.name: kind for kind in KINDS}
+        self._turn: list[Kind] = []
+        self._is_calm = False
+        self._next_look = 0.0
+        self._filters_whole = True
+        self._lock = threading.Lock()
+
+    def _say(self, text: str) -> None:
+        print(f"{time.monotonic() - self._begin:7.1f} {text}", flush=True)
+
+    # What the faults use.
+
+    def publish_to_network(self, topic: str, payload: bytes) -> None:
+        self._peers[0].publish(topic, payload)
+
+    def publish_to_operations(self, topic: str, payload: bytes) -> None:
+        self._peers[-1].publish(topic, payload, retain=False)
+
+    def restart_forwarder(self) -> None:
+        if self._forwarder:
+            self._forwarder.stop()
+        self._forwarder = self.network.in_gateway(
+            lambda: Forwarder(
+                ("127.0.0.1", UDP_PORT), bytes.fromhex(MAC), self._radio, self.uplinks.forwarder_event,
+                rate=_RATE, stat_seconds=_STAT_SECONDS,
+            )  # fmt: skip
+        )
+        self._forwarder.start()
+        self._forwarder.start_pushing()
+
+    # The run.
+
+    def run(self) -> Report:
+        self._say(self._plan.words)
+        try:
+            self._start()
+            self._break_things()
+            self._end()
+        finally:
+            self._close()
+        return self.report
+
+    def _start(self) -> None:
+        for server in self.servers:
+            server.start()
+        self.gateway.start_agent()
+        topics = {topic: self.operations.message for topic in self.operations.topics}
+        network = {topic: self.uplinks.message for topic in self._plan.dialect.topics(MAC)}
+        fail = self.report.fail
+        if len(self.servers) == 1:
+            self._peers = [Peer(self.servers[0].plain_port, {**network, **topics}, self._switch_on, fail)]
+        else:
+            self._peers = [
+                Peer(self.servers[0].plain_port, network, lambda: None, fail),
+                Peer(self.servers[1].plain_port, topics, self._switch_on, fail),
+            ]
+        self.gateway.start_daemon(self.servers[0], self.servers[-1])
+        self.restart_forwarder()
+        if self._wait_up(time.monotonic(), _START_SECONDS) is None:
+            self.report.fail(f"the planes are not up {_START_SECONDS:.0f} s after the start")
+        for name, content in SCRIPTS.items():
+            self.gateway.write(f"/usr/share/snv-mqtt-bridge/scripts/{name}", content, 0o755)
+        self.gateway.write("/var/log/soak.log", b"a line of a log\n" * 2000, 0o644)
+
+    def _switch_on(self) -> None:
+        """Kept by the server, which forgets it when it is killed: the gateway gets it each time that it connects."""
+        self._peers[-1].publish(CAPABILITIES_TOPIC, self.operations.capabilities(), retain=True)
+
+    def _break_things(self) -> None:
+        end = self._begin + self._seconds
+        first_calm = self._begin + min(_FIRST_CALM_SECONDS, self._seconds / 4)
+        while time.monotonic() < end and not self._is_over():
+            if self.report.first is None and time.monotonic() >= first_calm:
+                self.report.first = self._calm()
+            self._episode()
+            self._stay(self._rng.uniform(2, 8))
+
+    def _next_kind(self) -> Kind:
+        """Each kind once, in an order that the seed gives, then anew; the floods first, so that the first look at the
+        resources comes behind them."""
+        if not self._turn:
+            loads = [kind for kind in KINDS if "flood" in kind.name or "junk" in kind.name]
+            rest = [kind for kind in KINDS if kind not in loads]
+            self._rng.shuffle(rest)
+            if self.report.episodes:
+                rest += loads
+                self._rng.shuffle(rest)
+                self._turn = rest
+            else:
+                self._turn = loads + rest
+        return self._turn.pop(0)
+
+    def _episode(self) -> None:
+        first = self._next_kind()
+        kinds = [first]
+        if self._rng.random() < 0.25:
+            other = self._rng.choice([kind for kind in KINDS if go_together(first, kind)])
+            kinds.append(other)
+        mends: list[tuple[float, Kind, Iterator[None]]] = []
+        now = time.monotonic()
+        for kind in kinds:
+            stays = self._rng.uniform(*kind.seconds)
+            seed = self._rng.randrange(2**32)
+            self._say(f"{kind.name}, for {stays:.0f} s")
+            with self._lock:
+                self._active.append(kind)
+            if kind.touches_connection:
+                self.uplinks.touched(kind.name)
+            fault = kind.run(self, random.Random(seed))
+            next(fault)
+            mends.append((now + stays, kind, fault))
+        for until, kind, fault in sorted(mends, key=lambda mend: mend[0]):
+            self._stay(until - time.monotonic())
+            next(fault, None)
+        self.uplinks.released()
+        self._recover(kinds)
+
+    def _recover(self, kinds: list[Kind]) -> None:
+        mended = time.monotonic()
+        allowed = sum(kind.recovery for kind in kinds)
+        up_at = self._wait_steady(mended, allowed, any(kind.touches_connection for kind in kinds))
+        took = (up_at or time.monotonic()) - mended
+        self.report.episodes.append(Episode(tuple(kind.name for kind in kinds), took, up_at is not None))
+        with self._lock:
+            self._active = []
+            for kind in kinds:
+                self._explained_until[kind.name] = time.monotonic() + _ECHO_SECONDS
+        if up_at is not None:
+            self._say(f"    up after {took:.1f} s")
+        elif not self._is_over():
+            self.report.fail(f"not up within {allowed:.0f} s of: {' and '.join(kind.name for kind in kinds)}")
+
+    def _wait_steady(self, since: float, seconds: float, may_break_late: bool) -> float | None:
+        """When the planes were up for good: a connection whose server had gone may carry a little more before the
+        daemon sees its end."""
+        end = time.monotonic() + seconds
+        while True:
+            up_at = self._wait_up(since, end - time.monotonic())
+            if up_at is None or not may_break_late:
+                return up_at
+            while time.monotonic() < up_at + _STEADY_SECONDS and self.uplinks.broken_at() < up_at:
+                self._stay(0.2)
+                if self._is_over():
+                    return None
+            if self.uplinks.broken_at() < up_at:
+                return up_at
+            since = time.monotonic()
+
+    def _wait_up(self, since: float, seconds: float) -> float | None:
+        """When an uplink and a command that were sent after the moment had come through."""
+        end = time.monotonic() + seconds
+        while time.monotonic() < end and not self._is_over():
+            self._work(0.1)
+            uplink, answer = self.uplinks.first_round_since(since), self.operations.first_answer_since(since)
+            if uplink and answer:
+                return max(uplink, answer)
+        return None
+
+    def _stay(self, seconds: float) -> None:
+        end = time.monotonic() + seconds
+        while (left := end - time.monotonic()) > 0 and not self._is_over():
+            self._work(min(left, 0.1))
+
+    def _work(self, seconds: float) -> None:
+        self.operations.tick()
+        self._judge_lines()
+        if time.monotonic() >= self._next_look:
+            self._next_look = time.monotonic() + _LOOK_SECONDS
+            self._look()
+        time.sleep(seconds)
+
+    # What must hold all along.
+
+    def _is_over(self) -> bool:
+        fate = self.gateway.fate()
+        if fate:
+            self.report.fail(f"{fate}, unasked")
+        return fate is not None
+
+    def _log_line(self, line: LogLine) -> None:
+        for text, reason in _BROKEN_BY.items():
+            if line.text.startswith(text):
+                self.uplinks.broke(reason)
+        if line.level in ("ERROR", "ASSERT"):
+            self._lines.append(line)
+
+    def _judge_lines(self) -> None:
+        now = time.monotonic()
+        with self._lock:
+            recent = [self._kinds[name] for name, until in self._explained_until.items() if until > now]
+            kinds = [*self._active, *recent]
+        patterns = {pattern for kind in kinds for pattern in kind.explains} | set(explain.ALWAYS)
+        while self._lines:
+            line = self._lines.popleft()
+            self.report.error_lines += 1
+            if line.level == "ASSERT" or not explain.explains(patterns, line.text):
+                self.report.unexplained(line.text, [kind.name for kind in kinds])
+
+    def _look(self) -> None:
+        now = time.monotonic()
+        try:
+            seen = self.gateway.resources()
+        except OSError:
+            return  # it has just ended
+        self.report.highest_anonymous_kib = max(self.report.highest_anonymous_kib, seen.anonymous_kib)
+        self._check_states()
+        if not self._active and not self._is_calm and self.report.episodes:
+            if now - self.uplinks.last_round() > _SILENCE_SECONDS:
+                self.report.fail(f"no uplink has come through for {_SILENCE_SECONDS:.0f} s, and nothing is broken")
+            if now - self.operations.last_answer() > _SILENCE_SECONDS:
+                self.report.fail(f"no command was answered for {_SILENCE_SECONDS:.0f} s, and nothing is broken")
+
+    def _check_states(self) -> None:
+        for path, form in _STATES:
+            content = self.gateway.read(path)
+            if content is not None and not form.fullmatch(content):
+                self.report.fail(f"{path} holds {content[:80]!r}")
+        filters = self.gateway.read(_FILTERS)
+        is_whole = True
+        if filters is not None:
+            try:
+                json.loads(filters)
+            except ValueError:
+                is_whole = False
+        # The file is emptied and written anew: one look may fall between, two in a row do not.
+        if not is_whole and not self._filters_whole:
+            self.report.fail(f"{_FILTERS} holds {filters[:80]!r}" if filters else f"{_FILTERS} is empty")
+        self._filters_whole = is_whole
+
+    # Resources.
+
+    def _calm(self) -> Resources | None:
+        """What the daemon holds behind a restart of both planes with nothing else to do."""
+        self._is_calm, self.operations.works = True, False
+        self._say("calm: the planes are restarted, and what the daemon holds is counted")
+        self._wait_for_children()
+        calm = Kind("calm", KINDS[0].run, (0, 0), True, _CALM_SECONDS, explain.CONNECTION)
+        with self._lock:
+            self._active = [calm]
+            self._kinds[calm.name] = calm
+        self.uplinks.touched(calm.name)
+        for server in self.servers:
+            server.kill()
+            server.start()
+        self.uplinks.released()
+        self._recover([calm])
+        del self.report.episodes[-1]
+        seen = self._settled_resources()
+        self._say(f"    {seen}")
+        self._is_calm, self.operations.works = False, True
+        return seen
+
+    def _wait_for_children(self) -> None:
+        end = time.monotonic() + _CALM_SECONDS
+        while self.gateway.children() and time.monotonic() < end and not self._is_over():
+            self._stay(0.5)
+
+    def _settled_resources(self) -> Resources | None:
+        """Once nothing but memory changes from one look to the next, for some looks."""
+        seen: list[Resources] = []
+        end = time.monotonic() + _CALM_SECONDS
+        while time.monotonic() < end and not self._is_over():
+            self._stay(1.0)
+            now = self.gateway.resources()
+            if seen and replace(now, anonymous_kib=0, resident_kib=0) != replace(
+                seen[-1], anonymous_kib=0, resident_kib=0
+            ):
+                seen = []
+            seen.append(now)
+            if len(seen) == _SETTLED_LOOKS:
+                return now
+        self.report.fail("the resources do not settle")
+        return None
+
+    # The end.
+
+    def _end(self) -> None:
+        if not self._is_over():
+            self.report.last = self._calm()
+        if self._forwarder:
+            self._forwarder.stop_pushing()
+        if not self._is_over():
+            self._stay(LATE_SECONDS + 1)
+            self._judge_lines()
+            fate = self.gateway.stop_daemon(_STOP_SECONDS)
+            if fate != "the daemon ended with status 0":
+                self.report.fail(f"{fate}, when asked by SIGUSR2")
+        self.report.conclude(self.uplinks, self.operations, time.monotonic() - self._begin)
+
+    def _close(self) -> None:
+        if self._forwarder:
+            self._forwarder.stop()
+        self.gateway.close()
+        for peer in self._peers:
+            peer.close()
+        for server in self.servers:
+            server.kill()
+        self._files.close()
+        self.network.close()

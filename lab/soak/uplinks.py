@@ -1,0 +1,200 @@
+"""What was sent through the data plane, and what became of it."""
+
+from __future__ import annotations
+
+import random
+import threading
+import time
+from collections import Counter
+from dataclasses import dataclass, field
+from typing import Callable, Iterator
+
+from lab.demo.dialects import Dialect, Statistics, TxAck, Uplink
+from lab.gateway import forwarder as semtech
+from lab.gateway.lorawan import UNCONFIRMED_DOWN, build_frame, parse_frame
+
+# What is acknowledged so shortly before a connection breaks may be under way in it, and lost with it.
+MARGIN_SECONDS = 1.0
+# From the acknowledgement to the server, over a slow cable too.
+LATE_SECONDS = 20.0
+
+
+@dataclass
+class _Sent:
+    at: float
+    acked: float = 0.0
+    arrived: float = 0.0
+
+
+@dataclass
+class Span:
+    """While the connection to the network server was whole, or, with a reason, was not."""
+
+    begin: float
+    end: float = float("inf")
+    reason: str = ""
+
+
+@dataclass
+class UplinkFigures:
+    sent: int = 0
+    acknowledged: int = 0
+    published: int = 0
+    unanswered: int = 0
+    lost: int = 0  # acknowledged on a whole connection
+    excused: Counter[str] = field(default_factory=Counter)  # acknowledged, not published, by the reason
+
+
+class Uplinks:
+    """Books of the packet forwarder's side and of the network server's. Any thread."""
+
+    def __init__(self, dialect: Dialect, mac: str, seed: int, fail: Callable[[str], None]) -> None:
+        self._dialect = dialect
+        self._mac = mac
+        self._fail = fail
+        self._rng = random.Random(seed)
+        self._lock = threading.Lock()
+        self._sent: dict[bytes, _Sent] = {}
+        # The connection is whole from the arrival of an uplink that was sent after the last break.
+        self._spans = [Span(time.monotonic(), reason="start")]
+        self._is_touched = False
+        self._proof_from = time.monotonic()
+        self._broken_at = 0.0
+        self._last: Uplink | None = None
+        self._arrivals: list[tuple[float, float]] = []  # sent, arrived; of the last ones that were acknowledged too
+        self.downlinks_sent = self.downlinks_received = self.tx_acks = self.statistics = 0
+        self._token = 0
+        self._fcnt_down = 0
+
+    # The connection.
+
+    def touched(self, reason: str) -> None:
+        """A fault begins to touch the connection, which counts as broken until `released`."""
+        with self._lock:
+            self._break(reason)
+            self._is_touched = True
+
+    def released(self) -> None:
+        with self._lock:
+            self._is_touched = False
+            self._proof_from = time.monotonic()
+
+    def broke(self, reason: str) -> None:
+        """The daemon has lost its connection, or takes it down."""
+        with self._lock:
+            self._break(reason)
+            self._proof_from = self._broken_at = time.monotonic()
+
+    def _break(self, reason: str) -> None:
+        now, last = time.monotonic(), self._spans[-1]
+        if not last.reason:
+            last.end = max(now - MARGIN_SECONDS, last.begin)
+            self._spans.append(Span(last.end, reason=reason))
+        elif reason not in last.reason:
+            last.reason += f", {reason}"
+
+    def broken_at(self) -> float:
+        """When the daemon last lost or took down its connection."""
+        with self._lock:
+            return self._broken_at
+
+    # The forwarder's side.
+
+    def forwarder_event(self, event: semtech.Event) -> None:
+        now = time.monotonic()
+        with self._lock:
+            match event:
+                case semtech.UplinksSent(frames):
+                    self._sent.update({frame: _Sent(now) for frame in frames})
+                case semtech.PushAcked(frames, _):
+                    for frame in frames:
+                        self._sent[frame].acked = now
+                        self._note_round(self._sent[frame])
+                case semtech.DownlinkReceived():
+                    self.downlinks_received += 1
+
+    def _note_round(self, sent: _Sent) -> None:
+        if sent.acked and sent.arrived:
+            self._arrivals = [*self._arrivals[-50:], (sent.at, max(sent.acked, sent.arrived))]
+
+    def first_round_since(self, moment: float) -> float | None:
+        """When the first uplink that was sent after it was both acknowledged and published."""
+        with self._lock:
+            return min((done for at, done in self._arrivals if at >= moment), default=None)
+
+    def last_round(self) -> float:
+        with self._lock:
+            return max((done for _, done in self._arrivals), default=0.0)
+
+    # The server's side.
+
+    def message(self, topic: str, payload: bytes) -> None:
+        try:
+            message = self._dialect.read(topic, payload, self._mac)
+        except (KeyError, IndexError, TypeError, ValueError) as problem:
+            self._fail(f"message on {topic}: {problem!r}")
+            return
+        with self._lock:
+            match message:
+                case Uplink():
+                    self._arrived(message)
+                case Statistics():
+                    self.statistics += 1
+                case TxAck():
+                    self.tx_acks += 1
+
+    def _arrived(self, uplink: Uplink) -> None:
+        sent = self._sent.get(uplink.frame)
+        if sent is None:
+            self._fail("an uplink was published that nobody sent")
+            return
+        if sent.arrived:
+            self._fail(f"uplink {uplink.frame.hex()} was published twice")
+            return
+        now = time.monotonic()
+        sent.arrived = now
+        self._last = uplink
+        self._note_round(sent)
+        if self._spans[-1].reason and not self._is_touched and sent.at > self._proof_from:
+            self._spans[-1].end = now
+            self._spans.append(Span(now))
+
+    def downlinks(self, count: int) -> Iterator[tuple[str, bytes]]:
+        """Topics and payloads of answers to the last uplink."""
+        with self._lock:
+            uplink = self._last
+        if uplink is None:
+            return
+        for _ in range(count):
+            self._token = (self._token + 1) & 0xFFFF
+            self._fcnt_down += 1
+            size = self._rng.choice((4, 12, 51))
+            frame = build_frame(
+                UNCONFIRMED_DOWN, parse_frame(uplink.frame).dev_addr, 0, self._fcnt_down, 1, size
+            )
+            self.downlinks_sent += 1
+            yield self._dialect.write_downlink(uplink, frame, 1, self._token, self._mac)
+
+    # The verdict.
+
+    def figures(self) -> UplinkFigures:
+        """Of all that was sent long enough ago."""
+        with self._lock:
+            limit = time.monotonic() - LATE_SECONDS
+            spans = [Span(span.begin, span.end, span.reason) for span in self._spans]
+            told = UplinkFigures()
+            place = 0
+            for sent in sorted((each for each in self._sent.values() if each.at < limit), key=lambda s: s.acked):
+                told.sent += 1
+                told.published += bool(sent.arrived)
+                told.acknowledged += bool(sent.acked)
+                told.unanswered += not sent.acked
+                if not sent.acked or sent.arrived:
+                    continue
+                while spans[place].end <= sent.acked:
+                    place += 1
+                if reason := spans[place].reason:
+                    told.excused[reason] += 1
+                else:
+                    told.lost += 1
+            return told
