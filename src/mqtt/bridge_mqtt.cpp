@@ -6,6 +6,7 @@
 #include "common/bridge_log.h"
 #include "common/bridge_wait.h"
 
+#include <algorithm>
 #include <cstring>
 
 static constexpr uint32_t LARGE_PAYLOAD = 2048;
@@ -16,7 +17,7 @@ static constexpr int PUBLISH_QOS = 1;
 static constexpr uint32_t MAX_INFLIGHT = 10;
 static constexpr uint32_t INFLIGHT_LOOK_US = 50;
 
-/* A library call that lasts longer than this waits for the library's own thread. */
+/* A publish that stays in the library for longer than this waits for the library's own thread. */
 static constexpr uint32_t STUCK_CALL_MS = 50;
 static constexpr uint32_t STUCK_CALL_STEP_MS = 1;
 
@@ -104,15 +105,19 @@ static bool is_message_valid(const bridge_mqtt_ep_group *group, uint32_t session
     return !group->closing && group->session == session && MQTTClient_isConnected(group->handle);
 }
 
-/* Holds the library's thread while the delivery queue is full, so that the server feels it; but a library
- * call that waits for this very thread to bring an acknowledgement is let through. */
+/* Holds the library's thread while the delivery queue is full, so that the server feels it. Not while one of
+ * ours waits for an acknowledgement: this thread alone brings it, it may stand behind any number of messages,
+ * and the handler that would make room may be the one that waits, or need a lock of the one that does. The
+ * queue then grows by what the server sends. A publish in the library mostly comes back by itself; one that
+ * stays waits for this thread to write, which one message let through is enough for. */
 static void wait_for_delivery_room(const bridge_mqtt_ep_group *group, uint32_t session)
 {
-    uint32_t call = mqtt_ctx.library_calls;
+    uint32_t call = mqtt_ctx.publish_calls;
     uint32_t waited = 0;
-    while (is_message_valid(group, session) && bridge_mqtt_delivery_is_full()) {
+    while (bridge_mqtt_delivery_is_full() && mqtt_ctx.acknowledgement_waits == 0 &&
+           is_message_valid(group, session)) {
         bridge_wait_ms(STUCK_CALL_STEP_MS);
-        const uint32_t now = mqtt_ctx.library_calls;
+        const uint32_t now = mqtt_ctx.publish_calls;
         if (now != call || now % 2 == 0) {
             call = now;
             waited = 0;
@@ -404,7 +409,7 @@ static int open_connection(bridge_mqtt_ep_group *group)
     options.password = group->pass;
     options.ssl = &tls;
 
-    const library_call call;
+    const acknowledgement_wait wait;
     group->session++;
     const int result = MQTTClient_connect(group->handle, &options);
     if (result != 0) {
@@ -500,7 +505,7 @@ static int close_connection(bridge_mqtt_ep_group *group)
     BRIDGE_ASSERT_TEXT(group->handle, "ep_handle->handle");
     close_messages(group);
     wait_for_callbacks(group);
-    const library_call call;
+    const acknowledgement_wait wait;
     const int result = MQTTClient_disconnect(group->handle, DISCONNECT_TIMEOUT_MS);
     if (result != 0)
         BRIDGE_DEBUG("failed to disconnect from MQTT with code: [%d]", result);
@@ -548,23 +553,46 @@ static uint32_t count_pending(MQTTClient handle)
     return count;
 }
 
+static bool has_publish_room(bridge_mqtt_ep_group *group)
+{
+    if (group->publish_room == 0) {
+        const uint32_t pending = count_pending(group->handle);
+        group->publish_room = MAX_INFLIGHT - std::min(pending, MAX_INFLIGHT);
+    }
+    return group->publish_room > 0;
+}
+
 /* Left to itself the library waits for an acknowledgement in sleeps of 100 ms: looking often keeps the same
  * messages in flight and loses no time. It ends where the library's own wait would, with the connection. */
 static void wait_for_publish_room(bridge_mqtt_ep_group *group)
 {
-    while (group->publish_room == 0 && !mqtt_ctx.torn_down) {
-        const uint32_t pending = count_pending(group->handle);
-        if (pending < MAX_INFLIGHT) {
-            group->publish_room = MAX_INFLIGHT - pending;
-            break;
-        }
-        if (!MQTTClient_isConnected(group->handle))
-            return;
-        bridge_wait_us(INFLIGHT_LOOK_US);
+    if (!has_publish_room(group)) {
+        const acknowledgement_wait wait;
+        do {
+            if (!MQTTClient_isConnected(group->handle))
+                return;
+            bridge_wait_us(INFLIGHT_LOOK_US);
+        } while (!mqtt_ctx.torn_down && !has_publish_room(group));
     }
     if (group->publish_room > 0)
         group->publish_room--;
 }
+
+/* Marks the time of a publish in the library, under ep_lock. */
+class publish_call
+{
+  public:
+    publish_call()
+    {
+        mqtt_ctx.publish_calls++;
+    }
+    ~publish_call()
+    {
+        mqtt_ctx.publish_calls++;
+    }
+    publish_call(const publish_call &) = delete;
+    publish_call &operator=(const publish_call &) = delete;
+};
 
 static int publish_through(bridge_mqtt_ep_group *group, const char *topic, const void *payload,
                            uint32_t payload_size, bool retained)
@@ -575,10 +603,10 @@ static int publish_through(bridge_mqtt_ep_group *group, const char *topic, const
     message.qos = PUBLISH_QOS;
     message.retained = retained ? 1 : 0;
 
-    const library_call call;
     wait_for_publish_room(group);
     if (mqtt_ctx.torn_down)
         return -1;
+    const publish_call call;
     const std::lock_guard<std::mutex> guard(mqtt_ctx.message_lock);
     return MQTTClient_publishMessage(group->handle, topic, &message, nullptr);
 }

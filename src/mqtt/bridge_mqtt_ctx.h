@@ -49,8 +49,10 @@ struct bridge_mqtt_context {
 
     /* The process ends with the planes still running: from then on their calls fail instead of asserting. */
     std::atomic<bool> torn_down;
-    /* Odd while a call into the library runs; ep_lock serialises the calls. */
-    std::atomic<uint32_t> library_calls;
+    /* Threads that wait for the library's own thread to bring an acknowledgement. */
+    std::atomic<uint32_t> acknowledgement_waits;
+    /* Odd while the library publishes; ep_lock serialises the calls. */
+    std::atomic<uint32_t> publish_calls;
     /* Held while the library may free a message that it has handed to message-arrived: a failing publish
      * does. */
     std::mutex message_lock;
@@ -63,20 +65,20 @@ extern bridge_mqtt_context mqtt_ctx;
  * acknowledgement of a downlink. And no program that the daemon starts inherits them. */
 void bridge_mqtt_set_up_sockets();
 
-/* Marks the time of a call into the library, under ep_lock. */
-class library_call
+/* Marks the time of a wait for an acknowledgement: meanwhile message-arrived must not wait. */
+class acknowledgement_wait
 {
   public:
-    library_call()
+    acknowledgement_wait()
     {
-        mqtt_ctx.library_calls.fetch_add(1);
+        mqtt_ctx.acknowledgement_waits++;
     }
-    ~library_call()
+    ~acknowledgement_wait()
     {
-        mqtt_ctx.library_calls.fetch_add(1);
+        mqtt_ctx.acknowledgement_waits--;
     }
-    library_call(const library_call &) = delete;
-    library_call &operator=(const library_call &) = delete;
+    acknowledgement_wait(const acknowledgement_wait &) = delete;
+    acknowledgement_wait &operator=(const acknowledgement_wait &) = delete;
 };
 
 constexpr uint32_t bridge_mqtt_ep_bit(uint32_t endpoint)

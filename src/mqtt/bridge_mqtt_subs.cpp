@@ -117,7 +117,7 @@ int bridge_mqtt_subscribe(bridge_mqtt_endpoint_t endpoint, const char *const *to
     /* Rows go first: a retained message may arrive before the server's answer. */
     const std::span<const char *const> wanted(topics, topics_size);
     fill_subscriptions(endpoint, wanted, handler, context);
-    const library_call call;
+    const acknowledgement_wait wait;
     const int result = subscribe_at_server(group->handle, wanted);
     settle_pending_subscriptions(result == 0);
     return result;
@@ -168,7 +168,7 @@ int bridge_mqtt_unsubscribe(bridge_mqtt_endpoint_t endpoint, const char *const *
     const bridge_mqtt_ep_group *group = bridge_mqtt_find_connected_group(endpoint);
     if (group == nullptr)
         return -1;
-    const library_call call;
+    const acknowledgement_wait wait;
     for (const char *topic : wanted) {
         const int result = unsubscribe_topic(group->handle, endpoint, topic, topics_size);
         if (result != 0)

@@ -313,6 +313,16 @@ def test_a_job_that_starts_while_another_is_stopped_keeps_its_place(gateway: Fil
     assert is_ended(second.pid)
 
 
+def test_a_job_that_ends_long_after_its_stop_is_collected(gateway: FileGateway) -> None:
+    job = start(gateway, put_script(gateway, "exec sleep 1000"))
+    wait_until(lambda: children(job.pid), "the script")
+    os.kill(job.pid, signal.SIGSTOP)
+    assert gateway.stop(EXECUTE, job.pid) == refusal("ok")
+    assert not is_ended(job.pid)
+    os.kill(job.pid, signal.SIGCONT)
+    wait_until(lambda: children(gateway.pid) == [], "that it has ended and is collected")
+
+
 def test_one_that_is_over_stops_at_once(gateway: FileGateway) -> None:
     job = start(gateway, put_script(gateway, "exit 0"))
     assert gateway.outcome(job) == "ok"

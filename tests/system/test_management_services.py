@@ -28,6 +28,7 @@ from management_services import (
     Battery,
     Upgrades,
 )
+from service_queue import QUEUE_LENGTH
 
 Start = Callable[..., Upgrades]
 
@@ -248,6 +249,42 @@ def test_two_restarts_in_a_row_find_the_upgrade_where_it_is(
     own.mark()
     own.request(1021)
     assert own.states() == [NOTHING]
+
+
+@pytest.mark.waits_long
+def test_a_stop_finds_room_in_full_queues(start: Start, make_broker: Callable[..., Mosquitto]) -> None:
+    """Of a service whose utility takes its time, and of one whose agent does."""
+    full = "message queue {} is full at the stop: its oldest message is lost"
+    ns = make_broker()
+    own = start(changes={"ns": {"url": ns.url}})
+    own.enable("performance_management")
+    own.wait_idle()
+    battery = Battery(own.road)
+    own.utility.tell(busy="-t", requested=f"{SECOND + 99}\n")
+    own.post({"updateTs": SECOND * 1000, "update": {}})
+    own.wait_busy("-t")
+    for number in range(1, QUEUE_LENGTH + 1):
+        own.post({"updateTs": (SECOND + number) * 1000, "update": {}})
+    own.wait_for("req update ts: ", count=QUEUE_LENGTH + 1)
+    ns.kill()
+    own.wait_for(full.format(own.queue))
+    own.road.agent.silence()
+    battery.put(battery.timer_message)
+    battery.wait_for("Performance measure to be published: battery")
+    for _ in range(QUEUE_LENGTH):
+        battery.put(battery.timer_message)
+    own.utility.let_go()
+    own.wait_for("stopping bsp upgrade thread")
+    ignored = "Ignored already processed bsp upgrade request (ts: {})"
+    assert own.logged("Ignored already processed") == QUEUE_LENGTH
+    assert own.logged(ignored.format(SECOND + 1)) == 0, "the oldest one that waited"
+    battery.wait_for(full.format(battery.queue))
+    own.road.agent.silence(False)
+    battery.wait_for("stopping performance management thread")
+    battery.wait_for(STOPPED)
+    ns.start()
+    own.road.wait_ready(2, PATIENT)
+    works_again(own)
 
 
 def test_the_utility_gets_nothing_of_the_daemons(start: Start) -> None:

@@ -9,6 +9,7 @@ from conftest import Cleanup
 from harness.bridge import Bridge
 from harness.broker import Mosquitto
 from harness.config import CONTROL_OFF, ControlPlane
+from harness.control import CAPABILITIES
 from harness.dialects import NATIVE
 from harness.forwarder import PULL_RESP, Forwarder, body_bytes
 from harness.mqtt_peer import Message
@@ -16,10 +17,12 @@ from harness.ports import free_port
 from harness.road import Road
 from harness.samples import LONGEST_TEXT, native_downlink, native_downlink_of_text_length, rxpk_v2
 from harness.scripted_server import PINGREQ, ScriptedServer
+from management_services import Upgrades, capabilities
 
 IN_FLIGHT = 10
 PIPE_SLOTS = 16  # of 4096 bytes, in a pipe of 64 KiB
 QUEUE_SLOTS = 128
+FLOOD = QUEUE_SLOTS + 1000
 
 _numbers = itertools.count()
 
@@ -102,6 +105,40 @@ def test_a_flood_of_downlinks_beyond_the_queue_ends_in_order(
     rig.wait_acknowledged(tokens)
     rig.forwarder.wait_pull_resp(count=count)
     assert sent_numbers(rig.forwarder) == list(range(count))
+
+
+def test_acknowledgements_come_through_behind_a_flood(
+    run_config: Callable[..., Bridge], cleanup: Cleanup
+) -> None:
+    """The worker waits for them, and the handlers for the worker."""
+    rig = Rig(run_config, cleanup)
+    tokens = rig.hold_the_worker()
+    for number in range(PIPE_SLOTS + 2):
+        rig.server.publish(NATIVE.downlink, full_downlink(number))
+    rig.bridge.wait_for_log("bytes written to pipe: [4096]", count=PIPE_SLOTS)
+    for _ in range(FLOOD):
+        rig.server.publish(NATIVE.downlink, b"{}")
+    rig.server.release()
+    rig.wait_acknowledged(tokens)
+    rig.forwarder.wait_pull_resp(count=PIPE_SLOTS + 2)
+    received = "received a publish on topic: gateway/tx"
+    rig.bridge.wait_for_log(received, count=PIPE_SLOTS + 2 + FLOOD)
+
+
+def test_a_subscription_is_answered_behind_messages_that_wait_for_its_end(
+    run_config: Callable[..., Bridge], cleanup: Cleanup, control_plane: ControlPlane
+) -> None:
+    """The handler needs the lock of the service that subscribes."""
+    rig = Rig(run_config, cleanup, control=control_plane)
+    rig.bridge.wait_for_log("ctrlplane is started")
+    rig.server.script.answers_subscriptions = False
+    rig.server.publish(CAPABILITIES, capabilities("bulk_upgr"))
+    rig.bridge.wait_for_log(f"subscribing for [{Upgrades.desired}] topic")
+    for _ in range(FLOOD):
+        rig.server.publish(Upgrades.desired, b"{}")
+    rig.server.release()
+    rig.bridge.wait_for_log("bulk upgrade subscription succeeded")
+    rig.bridge.wait_for_log("Update ts is missing", count=FLOOD)
 
 
 def test_downlinks_that_meet_in_the_pipe_leave_one_by_one(

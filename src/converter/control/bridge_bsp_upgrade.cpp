@@ -665,7 +665,7 @@ static bool tell_to_end()
     }
     bsp_upgrade_msg message = {};
     message.action = BSP_ACTION_EXIT;
-    if (send_message(message) < 0) {
+    if (bridge_queue_send_last(QUEUE, module_ctx.mq, &message, sizeof(message)) < 0) {
         BRIDGE_ERROR("Unable to send exit message to the bsp upgrade worker");
         return false;
     }

@@ -357,12 +357,16 @@ int bridge_cmd_stopper(converter_ctx *ctx)
     const pid_t fetch_id = ctx->fetch_id;
     if (fetch_id > 0 && stop_fetch(fetch_id) < 0)
         result = -1;
-    /* They go on, and the next start does not know them. */
-    for (const pid_t pid : {ctx->stream_id.load(), ctx->execute_id.load(), ctx->ssh_pid.load()}) {
-        if (pid > 0)
-            cmd_async_forget(pid);
-    }
     if (bridge_cmd_pipe_stop(ctx) < 0)
         result = -1;
     return result;
+}
+
+void bridge_cmd_forget_jobs(converter_ctx *ctx)
+{
+    for (const pid_t pid : {ctx->stream_id.load(), ctx->fetch_id.load(), ctx->execute_id.load(),
+                            ctx->watch_pid.load(), ctx->ssh_pid.load()}) {
+        if (pid > 0)
+            cmd_async_forget(pid);
+    }
 }

@@ -182,6 +182,7 @@ static int stop_job(converter_ctx *ctx, const file_job &job, json_object *params
         return -EINVAL;
     }
     const int result = job.stop(&fileops_root, current);
+    cmd_async_forget(current); /* one that takes longer to end than the stop waits */
     (ctx->*job.slot)
         .compare_exchange_strong(current, -1); /* another job may have been started in the meantime */
     return result;
@@ -394,6 +395,7 @@ static int end_retrieval(converter_ctx *ctx)
     }
     if (ctx->watch_pid > 0) {
         stop_watch(ctx);
+        cmd_async_forget(ctx->watch_pid); /* as other jobs */
         empty_backups();
         ctx->watch_pid = -1;
     }

@@ -204,6 +204,7 @@ int bridge_ctrlplane_deinit()
     while (messages_in_hand != 0)
         bridge_wait_ms(HAND_OVER_POLL_MS);
     thpool_wait(ctx->pool);
+    bridge_cmd_forget_jobs(ctx);
     release_context(ctx);
     BRIDGE_DEBUG("all control plane threads are stopped");
     return 0;

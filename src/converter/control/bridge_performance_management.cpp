@@ -441,7 +441,8 @@ static bool tell_to_end()
         BRIDGE_ERROR("Msq not opened for performance management");
         return false;
     }
-    if (send_message({PERFORMANCE_EXIT, MEASURE_NO}) < 0) {
+    const performance_msg message = {PERFORMANCE_EXIT, MEASURE_NO};
+    if (bridge_queue_send_last(QUEUE, module_ctx.mq, &message, sizeof(message)) < 0) {
         BRIDGE_ERROR("Can't send message to performance management thread");
         return false;
     }

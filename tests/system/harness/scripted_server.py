@@ -22,6 +22,7 @@ class Script:
     connect_code: int = 0
     subscribe_code: int = 2
     acknowledges: bool = True
+    answers_subscriptions: bool = True
     answers_pings: bool = True
 
 
@@ -98,7 +99,8 @@ class ScriptedServer:
                 self.connect_bodies.append(body)
                 client.sendall(packet(CONNACK, bytes([0, self.script.connect_code])))
             elif kind == SUBSCRIBE:
-                client.sendall(packet(SUBACK, body[:2] + bytes([self.script.subscribe_code])))
+                answer = packet(SUBACK, body[:2] + bytes([self.script.subscribe_code]))
+                self._send_or_hold(client, answer, self.script.answers_subscriptions)
             elif kind == UNSUBSCRIBE:
                 client.sendall(packet(UNSUBACK, body[:2]))
             elif kind == PUBLISH:
@@ -114,8 +116,10 @@ class ScriptedServer:
         self.messages.append(Message(body[2:topic_end].decode(), body[payload_start:], qos, bool(head & 1)))
         if qos == 0:
             return
-        answer = packet(PUBACK, body[topic_end:payload_start])
-        if self.script.acknowledges:
+        self._send_or_hold(client, packet(PUBACK, body[topic_end:payload_start]), self.script.acknowledges)
+
+    def _send_or_hold(self, client: socket.socket, answer: bytes, sends: bool) -> None:
+        if sends:
             client.sendall(answer)
         else:
             self._held.append(answer)
@@ -131,7 +135,7 @@ class ScriptedServer:
         """Sends the acknowledgements held back, and holds none from now on."""
         with self._changed:
             assert self._client
-            self.script.acknowledges = True
+            self.script.acknowledges = self.script.answers_subscriptions = True
             self._client.sendall(b"".join(self._held))
             self._held.clear()
 

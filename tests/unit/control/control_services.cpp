@@ -173,6 +173,12 @@ int bridge_cmd_stopper(converter_ctx *ctx)
     return services.answer("cmd_stopper");
 }
 
+void bridge_cmd_forget_jobs(converter_ctx *ctx)
+{
+    EXPECT_EQ(ctx, services.ctx);
+    services.answer("cmd_forget_jobs");
+}
+
 void bridge_cmd_worker(converter_ctx *ctx, const char *arg, const char *payload)
 {
     EXPECT_EQ(ctx, services.ctx);

@@ -4,11 +4,16 @@
 #include "control/command_road.h"
 #include "control/fileops_watch.h"
 #include "control/fixed_paths.h"
+#include "converter/control/bridge_cmd_async.h"
 #include "thread_pool/thpool.h"
 
+#include <csignal>
 #include <cstring>
+#include <fcntl.h>
 #include <fstream>
 #include <memory>
+#include <sys/wait.h>
+#include <unistd.h>
 
 using testing::AllOf;
 using testing::Contains;
@@ -342,5 +347,41 @@ TEST_F(CmdLifecycle, AStopEndsAFetchByTheCallsOfAStream)
         thpool_wait(ctx->pool); /* the pipe is stopped all the same */
         EXPECT_EQ(fileops_watch.calls, row.calls) << "streams and scripts are left alone";
         EXPECT_EQ(view.complaints(), row.warnings);
+    }
+}
+
+/* Ends once the returned end of a pipe is closed. */
+static pid_t child_that_waits(int *leash)
+{
+    int ends[2];
+    EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        close(ends[1]);
+        char end = 0;
+        _exit(static_cast<int>(read(ends[0], &end, 1)));
+    }
+    close(ends[0]);
+    *leash = ends[1];
+    return pid;
+}
+
+TEST_F(CmdLifecycle, JobsOfAPlaneThatHasEndedAreCollectedOnceTheyEnd)
+{
+    std::atomic<int32_t> *const slots[] = {&ctx->stream_id, &ctx->fetch_id, &ctx->execute_id, &ctx->watch_pid,
+                                           &ctx->ssh_pid};
+    for (std::atomic<int32_t> *slot : slots) {
+        int leash = -1;
+        const pid_t job = child_that_waits(&leash);
+        *slot = job;
+        bridge_cmd_forget_jobs(ctx);
+        *slot = -1;
+        EXPECT_TRUE(cmd_async_collect());
+        EXPECT_EQ(kill(job, 0), 0) << "it goes on";
+        close(leash);
+        while (cmd_async_collect())
+            continue;
+        EXPECT_EQ(waitpid(job, nullptr, WNOHANG), -1);
+        EXPECT_EQ(errno, ECHILD);
     }
 }

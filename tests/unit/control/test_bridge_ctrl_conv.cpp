@@ -382,7 +382,7 @@ TEST_F(CtrlConv, DeinitTakesTheServicesDownAndThenWaitsForTheWorkers)
     EXPECT_EQ(bridge_ctrlplane_deinit(), 0);
     EXPECT_THAT(services.take(),
                 ElementsAre("bulk_configs_deinit", "bulk_upgrade_deinit", "performance_management_deinit",
-                            "capabilities_deinit", "thpool_wait", "thpool_destroy"));
+                            "capabilities_deinit", "thpool_wait", "cmd_forget_jobs", "thpool_destroy"));
     EXPECT_EQ(services.ctx->pool, nullptr);
     EXPECT_EQ(services.ctx->gw_mac, nullptr);
     EXPECT_FALSE(services.ctx->ctx_inited);

@@ -131,6 +131,14 @@ uint32_t test_wait_rounds()
     return wait_rounds;
 }
 
+bool waits_on(const background &thread)
+{
+    const uint32_t before = test_wait_rounds();
+    EXPECT_TRUE(wait_until(
+        [before, &thread] { return thread.has_ended() || test_wait_rounds() > before + MANY_ROUNDS; }));
+    return !thread.has_ended();
+}
+
 static void wait_a_tenth(std::chrono::microseconds span)
 {
     wait_rounds++;
@@ -282,6 +290,22 @@ void BridgeMqtt::TearDown()
             printf("%s\n", line.c_str());
     }
     fake_mqtt_reset();
+}
+
+void BridgeMqtt::hold_handler(bridge_mqtt_endpoint_t endpoint)
+{
+    handler_gate = &handler;
+    EXPECT_EQ(subscribe(endpoint, "hold", record_and_wait), 0);
+    EXPECT_EQ(fake_mqtt_arrive(1, "hold", "0"), 1);
+    EXPECT_TRUE(wait_until([this] { return handler.is_waited_for(); }));
+}
+
+size_t BridgeMqtt::fill_queue()
+{
+    hold_handler(BRIDGE_MQTT_EP_NS);
+    for (size_t i = 1; i <= BRIDGE_DELIVERY_MAX_ITEMS; i++)
+        EXPECT_EQ(fake_mqtt_arrive(1, "hold", std::to_string(i)), 1);
+    return BRIDGE_DELIVERY_MAX_ITEMS + 1;
 }
 
 void BridgeMqttShared::SetUp()

@@ -36,6 +36,12 @@ void test_config_set_keepalive(uint32_t seconds);
 /* Waits of the code under test, which last a tenth of what they ask for. */
 uint32_t test_wait_rounds();
 
+/* Rounds after which a thread that waits would have given up, had it a limit. */
+inline constexpr uint32_t MANY_ROUNDS = 300;
+
+/* Whether the thread lasts that many rounds. */
+bool waits_on(const background &thread);
+
 /* Runs inside each wait in milliseconds, on its thread. Empty to remove. */
 void test_on_wait(std::function<void()> action);
 
@@ -64,7 +70,14 @@ class BridgeMqtt : public testing::Test
     void SetUp() override;
     void TearDown() override;
 
+    /* Subscribes the topic "hold" with a handler that waits, and keeps it there with the message "0". */
+    void hold_handler(bridge_mqtt_endpoint_t endpoint);
+
+    /* Puts as many messages behind it as the queue takes. Returns the number of all. */
+    size_t fill_queue();
+
     log_capture log;
+    gate handler; /* outlives the delivery thread, which ends in TearDown */
 };
 
 /* Initialised, with all three endpoints in one group. */

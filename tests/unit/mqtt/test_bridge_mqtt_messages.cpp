@@ -12,9 +12,6 @@ using testing::IsEmpty;
 static constexpr auto NS = BRIDGE_MQTT_EP_NS;
 static constexpr auto OAM = BRIDGE_MQTT_EP_OAM;
 
-/* Rounds after which a thread that waits would have given up, had it a limit. */
-static constexpr uint32_t MANY_ROUNDS = 300;
-
 static thread_local bool malloc_fails;
 static thread_local bool strdup_fails;
 static thread_local gate *strdup_gate;
@@ -48,34 +45,6 @@ class BridgeMqttMessages : public BridgeMqttShared
         fake_mqtt_take_calls();
         log.lines();
     }
-
-    /* Subscribes the topic "hold" with a handler that waits, and keeps it there with the message "0". */
-    void hold_handler(bridge_mqtt_endpoint_t endpoint)
-    {
-        handler_gate = &handler;
-        EXPECT_EQ(subscribe(endpoint, "hold", record_and_wait), 0);
-        EXPECT_EQ(fake_mqtt_arrive(1, "hold", "0"), 1);
-        EXPECT_TRUE(wait_until([this] { return handler.is_waited_for(); }));
-    }
-
-    /* Puts as many messages behind it as the queue takes. Returns the number of all. */
-    size_t fill_queue()
-    {
-        hold_handler(NS);
-        for (size_t i = 1; i <= BRIDGE_DELIVERY_MAX_ITEMS; i++)
-            EXPECT_EQ(fake_mqtt_arrive(1, "hold", std::to_string(i)), 1);
-        return BRIDGE_DELIVERY_MAX_ITEMS + 1;
-    }
-
-    static bool waits_on(const background &thread)
-    {
-        const uint32_t before = test_wait_rounds();
-        EXPECT_TRUE(wait_until(
-            [before, &thread] { return thread.has_ended() || test_wait_rounds() > before + MANY_ROUNDS; }));
-        return !thread.has_ended();
-    }
-
-    gate handler; /* outlives the delivery thread, which ends in TearDown */
 };
 
 /* ---- one message ---- */
@@ -243,21 +212,91 @@ TEST_F(BridgeMqttMessages, PublishThatWaitsForTheLibrarysThreadIsNotHeldByAFullQ
     EXPECT_EQ(delivered().back(), "hold=last");
 }
 
-TEST_F(BridgeMqttMessages, PublishThatWaitsForRoomIsNotHeldByAFullQueue)
+/* More than come through one by one within the patience of a call. */
+static constexpr int FLOOD = 500;
+
+static std::atomic<uint32_t> library_rounds;
+
+static void arrive_counted(int count)
+{
+    library_rounds = 0;
+    test_on_wait([library = gettid()] {
+        if (gettid() == library)
+            library_rounds++;
+    });
+    for (int i = 0; i < count; i++)
+        EXPECT_EQ(fake_mqtt_arrive(1, "hold", "more"), 1);
+    test_on_wait({});
+}
+
+/* A call begins to wait while a full queue holds the library's thread: the message that stands there goes on at
+ * once, and after it all of them up to the acknowledgement, which the same thread then brings. */
+static void expect_passage(const std::function<int()> &call, const std::function<bool()> &is_waiting,
+                           const std::function<void()> &acknowledge)
+{
+    gate begun;
+    background library([&begun, &acknowledge] {
+        arrive_counted(1);
+        EXPECT_TRUE(begun.wait());
+        arrive_counted(FLOOD);
+        EXPECT_EQ(library_rounds, 0U);
+        acknowledge();
+    });
+    EXPECT_TRUE(waits_on(library));
+    background caller([&call] { EXPECT_EQ(call(), 0); });
+    EXPECT_TRUE(wait_until(is_waiting));
+    const uint32_t rounds = library_rounds;
+    EXPECT_TRUE(wait_until([&begun] { return begun.is_waited_for(); }));
+    EXPECT_LE(library_rounds, rounds + 1);
+    begun.open();
+    if (!library.ends()) {
+        ADD_FAILURE() << "the library's thread is held";
+        handler_gate->open();
+    }
+    EXPECT_TRUE(caller.ends());
+}
+
+TEST_F(BridgeMqttSeparate, FullQueueHoldsBackNoAcknowledgementThatIsWaitedFor)
+{
+    const struct {
+        const char *verb;
+        std::function<int()> call;
+    } rows[] = {
+        {"connect", [] { return bridge_mqtt_connect(OAM); }},
+        {"subscribe", [] { return subscribe(OAM, "t"); }},
+        {"unsubscribe", [] { return unsubscribe(OAM, "t"); }},
+        {"disconnect", [] { return bridge_mqtt_disconnect(OAM); }},
+    };
+    ASSERT_EQ(bridge_mqtt_connect(NS), 0);
+    fill_queue();
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.verb);
+        gate acknowledgement;
+        fake_mqtt_on(row.verb, [&acknowledgement] { EXPECT_TRUE(acknowledgement.wait()); });
+        expect_passage(
+            row.call, [&acknowledgement] { return acknowledgement.is_waited_for(); },
+            [&acknowledgement] { acknowledgement.open(); });
+        fake_mqtt_on(row.verb, {});
+    }
+    background library([] { fake_mqtt_arrive(1, "hold", "last"); });
+    EXPECT_TRUE(waits_on(library)) << "with nobody who waits";
+    handler.open();
+    EXPECT_TRUE(library.ends());
+}
+
+TEST_F(BridgeMqttMessages, FullQueueHoldsBackNoAcknowledgementThatAPublishNeedsForRoom)
 {
     fill_queue();
     fake_mqtt_hold_acknowledgements();
     for (int i = 0; i < 10; i++)
         EXPECT_EQ(publish(NS), 0);
-    background publisher([] { EXPECT_EQ(publish(NS), 0); });
-    EXPECT_TRUE(wait_until([] { return fake_mqtt_token_looks() > 3; }));
-    background library([] {
-        EXPECT_EQ(fake_mqtt_arrive(1, "hold", "last"), 1);
-        fake_mqtt_acknowledge(1);
-    });
-    EXPECT_TRUE(library.ends());
-    EXPECT_TRUE(publisher.ends());
+    const int looks = fake_mqtt_token_looks();
+    expect_passage([] { return publish(NS); }, [looks] { return fake_mqtt_token_looks() > looks + 3; },
+                   [] { fake_mqtt_acknowledge(1); });
+    background library([] { fake_mqtt_arrive(1, "hold", "last"); });
+    EXPECT_TRUE(waits_on(library)) << "with nobody who waits";
     handler.open();
+    EXPECT_TRUE(library.ends());
 }
 
 /* A publish is inside the library at every look, but each time it is another one. */

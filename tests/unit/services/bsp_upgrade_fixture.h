@@ -20,6 +20,8 @@ inline constexpr const char *REPORTED = "gateway/mac/0016c001f1500a0b/firmware/r
 inline constexpr const char *WAITING = "INFO BSP upgrade thread waiting for the next message";
 inline constexpr const char *REQUEST = R"({"updateTs":2000000,"update":{"timestamp":3000}})";
 inline constexpr const char *LOST = "WARN Warning: can't send message to bsp upgrade thread";
+inline constexpr const char *DISPLACED =
+    "WARN message queue /bsp_upgrade_mq is full at the stop: its oldest message is lost";
 inline constexpr const char *GAVE_UP = "ERROR Exiting bsp upgrade thread";
 
 inline constexpr int32_t EXIT = 1;

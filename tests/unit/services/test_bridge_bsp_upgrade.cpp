@@ -363,6 +363,80 @@ TEST_F(BspUpgrade, AStopThatCannotTellAThreadThatHasEndedGoesOn)
     EXPECT_FALSE(queue_exists(QUEUE));
 }
 
+/* Ten requests behind a busy utility; the exit takes the place of the oldest one. */
+TEST_F(BspUpgrade, AStopFindsRoomInAFullQueue)
+{
+    utility.hold();
+    deliver(REQUEST);
+    ASSERT_TRUE(utility.wait_for_calls(1));
+    for (size_t i = 1; i <= QUEUE_LENGTH; i++)
+        deliver(join({R"({"updateTs":)", std::to_string(i * 1000), R"(,"update":{}})"}));
+    EXPECT_THAT(view.complaints(), IsEmpty());
+    std::thread stopper([] { EXPECT_EQ(bridge_bulk_upgrade_stop(), 0); });
+    EXPECT_TRUE(view.wait_for(DISPLACED));
+    utility.let_go();
+    stopper.join();
+    EXPECT_EQ(view.count(DISPLACED), 1);
+    EXPECT_FALSE(view.has("WARN Ignored already processed bsp upgrade request (ts: 1)"));
+    for (size_t i = 2; i <= QUEUE_LENGTH; i++)
+        EXPECT_TRUE(view.has(
+            join({"WARN Ignored already processed bsp upgrade request (ts: ", std::to_string(i), ")"})));
+    EXPECT_TRUE(view.has("DEBUG stopping bsp upgrade thread"));
+    EXPECT_FALSE(queue_exists(QUEUE));
+}
+
+TEST_F(BspUpgrade, AStopFindsRoomAlsoBehindAThreadThatHasEnded)
+{
+    let_fail("mq_receive", EBADF);
+    timers.expire();
+    thpool_wait(ctx->pool);
+    let_all_pass();
+    for (size_t i = 0; i < QUEUE_LENGTH; i++)
+        deliver(REQUEST);
+    view = log.from_here();
+    EXPECT_EQ(bridge_bulk_upgrade_stop(), 0);
+    EXPECT_THAT(view.complaints(), ElementsAre(DISPLACED));
+    EXPECT_FALSE(queue_exists(QUEUE));
+}
+
+/* The rows fail where the exit looks for room, with no thread that would be left behind. */
+TEST_F(BspUpgradeInited, AStopThatFindsNoRoomIsTold)
+{
+    static constexpr const char *CALLS[] = {"mq_open", "mq_receive"};
+    for (const char *call : CALLS) {
+        SCOPED_TRACE(call);
+        let_fail("timer_create", EAGAIN);
+        EXPECT_EQ(bridge_bulk_upgrade_start(), 0);
+        thpool_wait(ctx->pool);
+        let_all_pass();
+        for (size_t i = 0; i < QUEUE_LENGTH; i++)
+            deliver(REQUEST);
+        view = log.from_here();
+        let_fail(call, EMFILE);
+        EXPECT_EQ(bridge_bulk_upgrade_stop(), 0);
+        let_all_pass();
+        EXPECT_THAT(view.complaints(),
+                    ElementsAre("ERROR Unable to send exit message to the bsp upgrade worker"));
+        EXPECT_FALSE(queue_exists(QUEUE));
+        bridge_bulk_upgrade_deinit();
+        bridge_bulk_upgrade_init(ctx);
+    }
+}
+
+/* The thread ends by itself for such a queue, but not before the utility has answered. */
+TEST_F(BspUpgradeInited, AStopFindsRoomInAQueueOfLargerMessages)
+{
+    leave_queue(QUEUE, MESSAGE_SIZE + 8, std::vector(QUEUE_LENGTH, message_of(0)));
+    utility.hold();
+    EXPECT_EQ(bridge_bulk_upgrade_start(), 0);
+    ASSERT_TRUE(utility.wait_for_calls(1));
+    std::thread stopper([] { EXPECT_EQ(bridge_bulk_upgrade_stop(), 0); });
+    EXPECT_TRUE(view.wait_for(DISPLACED));
+    utility.let_go();
+    stopper.join();
+    EXPECT_TRUE(view.has("ERROR failed to read from the message queue: Message too long"));
+}
+
 /* The thread would still run on a queue that is gone. */
 TEST_F(BspUpgradeDeath, AStopThatCannotTellARunningThreadIsAFault)
 {

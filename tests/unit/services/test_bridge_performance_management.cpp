@@ -13,6 +13,7 @@
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Pair;
+using testing::SizeIs;
 
 static constexpr const char *QUEUE = "/performance_management_mq";
 static constexpr size_t MESSAGE_SIZE = 8;
@@ -23,6 +24,8 @@ static constexpr const char *WAITING = "INFO Performance management thread waiti
 static constexpr const char *NOT_ENABLED = "DEBUG battery performance measure not enabled";
 static constexpr const char *NOT_DEFINED = "DEBUG battery performance period not defined";
 static constexpr const char *LOST = "WARN Warning: can't send message to performance management thread";
+static constexpr const char *DISPLACED =
+    "WARN message queue /performance_management_mq is full at the stop: its oldest message is lost";
 static constexpr const char *NO_DIGITS = "WARN Warning: No digits found";
 static constexpr const char *ABSENT = "WARN Warning: SNMP value is N/A";
 static constexpr const char *STOPPING = "ERROR stopping performance management thread";
@@ -722,6 +725,24 @@ TEST_F(Performance, AStopThatCannotTellTheThreadGoesOn)
     const std::string text = message_of(EXIT, BATTERY);
     EXPECT_EQ(mq_send(mq, text.data(), text.size(), 0), 0) << "the thread still waits";
     mq_close(mq);
+}
+
+/* Otherwise the thread would wait for good, and the pool for the thread. */
+TEST_F(Performance, AStopFindsRoomInAFullQueue)
+{
+    hold_receipt();
+    timers.expire();
+    ASSERT_TRUE(wait_for_receipt());
+    for (int i = 0; i < QUEUE_LENGTH; i++)
+        timers.expire();
+    EXPECT_THAT(view.complaints(), IsEmpty());
+    EXPECT_EQ(bridge_performance_management_stop(), 0);
+    EXPECT_THAT(view.complaints(), ElementsAre(DISPLACED));
+    EXPECT_FALSE(queue_exists(QUEUE));
+    let_receipt_go();
+    thpool_wait(ctx->pool);
+    EXPECT_THAT(view.complaints(), ElementsAre(DISPLACED, STOPPING));
+    EXPECT_THAT(reports(), SizeIs(QUEUE_LENGTH));
 }
 
 TEST_F(PerformanceDeath, LifeHasItsOrder)
