@@ -145,6 +145,7 @@ JUNK = (
     r"invalid parameters received",
     r"content is missing, no configuration should be applied",
     r"failed to allocate tokener",
+    r"failed to process uplink message",
     r"failed to write to a file",
     r"Cannot find TrapOID in TRAP2 PDU",
 )

@@ -1,0 +1,346 @@
+"""The soak finds what it is there to find: its books, its explanations, its cable, and whole short runs."""
+from __future__ import annotations
+
+import base64
+import json
+import os
+import socket
+import subprocess
+import sys
+import time
+from dataclasses import replace
+from pathlib import Path
+from typing import Any, Iterator
+
+import pytest
+from harness.bridge import BINARY, REPOSITORY
+
+sys.path.append(str(REPOSITORY))
+
+from lab.demo.dialects import DIALECTS  # noqa: E402
+from lab.gateway import forwarder  # noqa: E402
+from lab.gateway.devices import Radio, lab_devices  # noqa: E402
+from lab.soak import explain, figures, uplinks  # noqa: E402
+from lab.soak.faults import KINDS, go_together  # noqa: E402
+from lab.soak.gateway import Resources  # noqa: E402
+from lab.soak.operations import Operations  # noqa: E402
+from lab.soak.plan import plan_of  # noqa: E402
+from lab.soak.report import GROWTH_KIB, SETTLED_SECONDS, Report  # noqa: E402
+
+MAC = "0016c001ff1a2b3c"
+TOPIC = "gateway/rx"
+
+
+class Clock:
+    def __init__(self) -> None:
+        self.now = 1000.0
+
+    def __call__(self) -> float:
+        return self.now
+
+
+class Books:
+    """An uplink a second through the books, with a clock of the test's own."""
+
+    def __init__(self, clock: Clock) -> None:
+        self.clock = clock
+        self.failures: list[str] = []
+        self.uplinks = uplinks.Uplinks(DIALECTS["native"], MAC, 1, self.failures.append)
+        self.radio = Radio(lab_devices(), 1)
+
+    def send(self, acked: bool = True, published: int = 1) -> None:
+        self.clock.now += 1
+        frame = self.radio.next_reception().frame
+        self.uplinks.forwarder_event(forwarder.UplinksSent((frame,)))
+        if acked:
+            self.uplinks.forwarder_event(forwarder.PushAcked((frame,), 0.001))
+        for _ in range(published):
+            self.publish(frame)
+
+    def publish(self, frame: bytes) -> None:
+        body = {
+            "phyPayload": base64.b64encode(frame).decode(),
+            "rxInfo": {
+                "frequency": 868100000, "codeRate": "4/5", "rssi": -50, "loRaSNR": 7.5, "timestamp": 1,
+                "dataRate": {"bandwidth": 125, "modulation": "LORA", "spreadFactor": 7},
+            },
+        }  # fmt: skip
+        self.uplinks.message(TOPIC, json.dumps(body).encode())
+
+    def figures(self) -> uplinks.UplinkFigures:
+        self.clock.now += uplinks.LATE_SECONDS + 1
+        return self.uplinks.figures()
+
+
+@pytest.fixture
+def books(monkeypatch: pytest.MonkeyPatch) -> Books:
+    clock = Clock()
+    monkeypatch.setattr(uplinks.time, "monotonic", clock)
+    return Books(clock)
+
+
+def test_an_uplink_that_a_whole_connection_loses_is_told(books: Books) -> None:
+    for _ in range(5):
+        books.send()
+    books.send(published=0)
+    for _ in range(5):
+        books.send()
+    told = books.figures()
+    assert (told.sent, told.acknowledged, told.published, told.lost) == (11, 11, 10, 1)
+    assert not told.excused and not books.failures
+
+
+def test_an_uplink_that_a_broken_connection_loses_has_its_reason(books: Books) -> None:
+    books.send()
+    books.send()
+    books.uplinks.touched("server killed")
+    books.send(published=0)
+    books.send(acked=False, published=0)
+    books.uplinks.released()
+    books.send(published=0)
+    books.send()
+    books.send()
+    told = books.figures()
+    assert told.lost == 0 and told.unanswered == 1
+    assert told.excused == {"server killed": 2}
+
+
+def test_a_connection_counts_as_whole_from_an_arrival_on(books: Books) -> None:
+    books.send()
+    books.send()
+    books.uplinks.broke("connection lost")
+    books.send(published=0)
+    books.send()
+    books.send(published=0)
+    books.send()
+    told = books.figures()
+    assert told.excused == {"connection lost": 1} and told.lost == 1
+
+
+def test_what_is_acknowledged_just_before_a_break_may_be_lost_with_it(books: Books) -> None:
+    books.send()
+    books.send()
+    books.send(published=0)
+    books.clock.now += uplinks.MARGIN_SECONDS / 2
+    books.uplinks.broke("restart")
+    told = books.figures()
+    assert told.excused == {"restart": 1} and told.lost == 0
+
+
+def test_an_uplink_that_comes_twice_is_told(books: Books) -> None:
+    books.send(published=2)
+    assert len(books.failures) == 1 and books.failures[0].endswith("was published twice")
+
+
+def test_an_uplink_that_nobody_sent_is_told(books: Books) -> None:
+    books.publish(b"\x40" + bytes(20))
+    assert books.failures == ["an uplink was published that nobody sent"]
+
+
+class _NoFiles:
+    def offer(self, path: str, _content: bytes) -> str:
+        return path
+
+
+def test_an_answer_that_comes_twice_is_told() -> None:
+    failures: list[str] = []
+    sent: list[dict[str, Any]] = []
+    operations = Operations(
+        1, True, lambda _, payload: sent.append(json.loads(payload)), failures.append, _NoFiles()  # type: ignore[arg-type]
+    )
+    operations.ask("getBackups", {})
+    answer = json.dumps({"mac": MAC, "requestId": sent[0]["requestId"], "response": []}).encode() + b"\0"
+    operations.message("api/v1/gateway/commands", answer)
+    assert operations.figures()["answered"] == 1 and not failures
+    operations.message("api/v1/gateway/commands", answer)
+    assert len(failures) == 1 and "was answered 2 times" in failures[0]
+
+
+@pytest.mark.parametrize(
+    ("patterns", "text", "is_explained"),
+    [
+        (explain.AGENT, "no response from SNMP agent", True),
+        (explain.AGENT, "failed to get backup information", True),
+        (explain.AGENT, "Error getting SIM status for slot: 1", True),
+        (explain.AGENT, "failed to connect to NS", False),
+        (explain.CONNECTION, "failed to connect with MQTT code: [-1]", True),
+        (explain.CONNECTION, "uplink packet filter file is not present", False),
+        (explain.DISK, "failed to open a state file", True),
+        (explain.JUNK, "failed to open a state file", False),
+        (explain.ALWAYS, "command string is missing", True),
+        (explain.ALWAYS, "command string is missing!", False),
+        (explain.LOAD, "no response from SNMP agent", False),
+    ],
+)
+def test_a_line_is_explained_by_its_own_fault_alone(
+    patterns: tuple[str, ...], text: str, is_explained: bool
+) -> None:
+    assert explain.explains(patterns, text) is is_explained
+
+
+def test_three_seeds_have_every_dialect_both_numbers_of_servers_and_both_kinds_of_alarms() -> None:
+    for first in range(1, 9):
+        plans = [plan_of(seed) for seed in range(first, first + 3)]
+        assert len({plan.dialect.name for plan in plans}) == 3
+        assert {plan.has_two_servers for plan in plans} == {True, False}
+        assert len({plan.events_seconds for plan in plans}) == 2
+
+
+def test_faults_that_undo_each_other_do_not_come_together() -> None:
+    kinds = {kind.name: kind for kind in KINDS}
+    assert len(kinds) == len(KINDS)
+    assert not go_together(kinds["server killed"], kinds["server stopped"])
+    assert not go_together(kinds["disk full"], kinds["disk full"])
+    assert go_together(kinds["server killed"], kinds["agent silent"])
+
+
+HELD = Resources(23, 22, 0, 0, 2, 5000, 18000)
+
+
+@pytest.mark.parametrize(
+    ("last", "complaint"),
+    [
+        (HELD, None),
+        (replace(HELD, anonymous_kib=HELD.anonymous_kib + GROWTH_KIB, resident_kib=30000), None),
+        (replace(HELD, anonymous_kib=HELD.anonymous_kib + GROWTH_KIB + 1), "memory has grown by"),
+        (replace(HELD, threads=24), "threads: 23 at first, 24 at the end"),
+        (replace(HELD, descriptors=23), "descriptors: 22 at first, 23 at the end"),
+        (replace(HELD, children=1), "children: 0 at first, 1 at the end"),
+        (replace(HELD, uncollected=1), "uncollected: 0 at first, 1 at the end"),
+        (replace(HELD, queues=1), "queues: 2 at first, 1 at the end"),
+        (None, "the resources were not counted twice"),
+    ],
+)
+def test_what_is_held_at_the_end_is_what_was_held_at_first(
+    books: Books, last: Resources | None, complaint: str | None
+) -> None:
+    books.send()
+    books.clock.now += uplinks.LATE_SECONDS + 1
+    report = Report(plan_of(1), lambda _: None)
+    report.first, report.last = HELD, last
+    report.conclude(books.uplinks, Operations(1, True, lambda *_: None, lambda _: None, _NoFiles()), SETTLED_SECONDS)  # type: ignore[arg-type]
+    assert report.is_clean() is (complaint is None)
+    if complaint:
+        (told,) = report.failures
+        assert told.startswith(complaint)
+
+
+# --- the cable ---
+
+
+@pytest.fixture
+def cable() -> Iterator[tuple[socket.socket, socket.socket, subprocess.Popen[str]]]:
+    left, far_left = socket.socketpair(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+    right, far_right = socket.socketpair(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+    ends = far_left.fileno(), far_right.fileno()
+    process = subprocess.Popen(
+        [sys.executable, "-B", "-m", "lab.soak.cable", *map(str, ends)],
+        stdin=subprocess.PIPE,
+        pass_fds=ends,
+        text=True,
+        cwd=REPOSITORY,
+    )
+    for end in (left, right):
+        end.settimeout(20)
+    yield left, right, process
+    assert process.stdin
+    process.stdin.close()
+    assert process.wait(20) == 0
+    for end in (left, right, far_left, far_right):
+        end.close()
+
+
+def set_cable(process: subprocess.Popen[str], line: str) -> None:
+    assert process.stdin
+    process.stdin.write(line + "\n")
+    process.stdin.flush()
+
+
+def test_a_cable_carries_both_ways(cable: tuple[socket.socket, socket.socket, subprocess.Popen[str]]) -> None:
+    left, right, _ = cable
+    left.send(b"to the right")
+    assert right.recv(100) == b"to the right"
+    right.send(b"to the left")
+    assert left.recv(100) == b"to the left"
+
+
+def test_a_slow_cable_keeps_what_it_carries_for_its_time(
+    cable: tuple[socket.socket, socket.socket, subprocess.Popen[str]],
+) -> None:
+    left, right, process = cable
+    set_cable(process, "300 0 0")
+    wait_obeyed(left, right, 0.3)
+
+
+def wait_obeyed(left: socket.socket, right: socket.socket, seconds: float) -> None:
+    """The line goes another way than the packets: some of these may be carried as before."""
+    end = time.monotonic() + 20
+    while True:
+        begin = time.monotonic()
+        left.send(b"x")
+        assert right.recv(100) == b"x"
+        if time.monotonic() - begin >= seconds:
+            return
+        assert time.monotonic() < end, "the cable does not obey"
+
+
+def test_a_cut_cable_carries_nothing_and_a_mended_one_everything(
+    cable: tuple[socket.socket, socket.socket, subprocess.Popen[str]],
+) -> None:
+    left, right, process = cable
+    set_cable(process, "0 0 1")
+    right.settimeout(0.5)
+    lost = 0
+    for number in range(20):
+        left.send(b"%d" % number)
+        try:
+            right.recv(100)
+        except TimeoutError:
+            lost += 1
+            if lost == 3:
+                break
+    assert lost == 3
+    set_cable(process, "0 0 0")
+    for _ in range(40):
+        left.send(b"again")
+        try:
+            assert right.recv(100) == b"again"
+            return
+        except TimeoutError:
+            continue
+    raise AssertionError("the cable stays cut")
+
+
+# --- whole runs ---
+
+
+def run_soak(folder: Path, minutes: str, seed: int, daemon: Path = BINARY) -> tuple[int, str, dict[str, Any]]:
+    file = folder / "figures.json"
+    ran = subprocess.run(
+        [str(REPOSITORY / "scripts" / "soak"), minutes, "--seed", str(seed), "--json", str(file)],
+        env={**os.environ, "SNV_BRIDGE": str(daemon)},
+        capture_output=True,
+        text=True,
+        check=False,
+    )
+    assert file.exists(), ran.stdout + ran.stderr
+    return ran.returncode, ran.stdout, json.loads(file.read_text())
+
+
+def test_a_short_soak_is_clean(tmp_path: Path) -> None:
+    status, out, told = run_soak(tmp_path, "0.1", 2)
+    assert status == 0, out
+    assert told["clean"] and told["uplinks"]["lost"] == 0 and not told["failures"]
+    assert told["uplinks"]["published"] > 20 and told["operations"]["answered"] > 10
+    assert told["kinds"] and told["error lines"] > 0
+    page = figures.page_of([told])
+    assert "| flood of commands" in page and "| 2    |" in page
+
+
+def test_a_daemon_that_ends_is_told(tmp_path: Path) -> None:
+    dying = tmp_path / "dying"
+    dying.write_text(f'#!/bin/sh\n(sleep 8; kill -SEGV $$) &\nexec {BINARY} "$@"\n')
+    dying.chmod(0o755)
+    status, out, told = run_soak(tmp_path, "0.5", 1, dying)
+    assert status == 1, out
+    assert "the daemon was ended by SIGSEGV, unasked" in told["failures"]
