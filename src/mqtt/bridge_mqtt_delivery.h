@@ -18,8 +18,8 @@ struct bridge_mqtt_delivery_item {
     uint32_t payload_size;
 };
 
-/* The queue is full at either limit. One that is not takes a message of any size; and a full one takes all that
- * come while a thread waits for an acknowledgement. */
+/* The queue is full at either limit. One that is not takes a message of any size; and a full one takes all
+ * that come while a thread waits for an acknowledgement. */
 static constexpr size_t BRIDGE_DELIVERY_MAX_ITEMS = 128;
 static constexpr size_t BRIDGE_DELIVERY_MAX_BYTES = 4UL * 1024 * 1024;
 

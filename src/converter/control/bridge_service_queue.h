@@ -18,9 +18,9 @@ struct bridge_queue_words {
  * Returns the descriptor, or -1 after logging. */
 mqd_t bridge_queue_open(const bridge_queue_words &words, size_t message_size);
 
-/* Sends the message that ends the service's thread. In a full queue it takes the place of the oldest one, which is
- * logged: the queue goes next, and what is in it with it, but a thread that is not told stays for good. Returns
- * 0 or -1. */
+/* Sends the message that ends the service's thread. In a full queue it takes the place of the oldest one,
+ * which is logged: the queue goes next, and what is in it with it, but a thread that is not told stays for
+ * good. Returns 0 or -1. */
 int bridge_queue_send_last(const bridge_queue_words &words, mqd_t mq, const void *message,
                            size_t message_size);
 

@@ -229,8 +229,8 @@ static void arrive_counted(int count)
     test_on_wait({});
 }
 
-/* A call begins to wait while a full queue holds the library's thread: the message that stands there goes on at
- * once, and after it all of them up to the acknowledgement, which the same thread then brings. */
+/* A call begins to wait while a full queue holds the library's thread: the message that stands there goes on
+ * at once, and after it all of them up to the acknowledgement, which the same thread then brings. */
 static void expect_passage(const std::function<int()> &call, const std::function<bool()> &is_waiting,
                            const std::function<void()> &acknowledge)
 {
