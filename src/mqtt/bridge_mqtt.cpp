@@ -105,25 +105,31 @@ static bool is_message_valid(const bridge_mqtt_ep_group *group, uint32_t session
     return !group->closing && group->session == session && MQTTClient_isConnected(group->handle);
 }
 
-/* Holds the library's thread while the delivery queue is full, so that the server feels it. Not while one of
- * ours waits for an acknowledgement: this thread alone brings it, it may stand behind any number of messages,
- * and the handler that would make room may be the one that waits, or need a lock of the one that does. The
- * queue then grows by what the server sends. A publish in the library mostly comes back by itself; one that
- * stays waits for this thread to write, which one message let through is enough for. */
+static bool must_wait_for_delivery()
+{
+    const bool is_awaited = mqtt_ctx.acknowledgement_waits > 0;
+    return bridge_mqtt_delivery_is_full(is_awaited ? DELIVERY_LIMIT_AWAITED : DELIVERY_LIMIT);
+}
+
+/* Holds the library's thread while the delivery queue is full, so that the server feels it. Not for long
+ * while one of ours waits for this very thread, which alone brings acknowledgements: the handler that would
+ * make room may be the one that waits, or need a lock of the one that does. An acknowledgement may stand
+ * behind any number of messages, so the queue then has more room; beyond that a message now and then is let
+ * through, which a server that answers gets by with. A publish in the library mostly comes back by itself;
+ * one that stays waits for this thread to write, which one message let through is enough for. */
 static void wait_for_delivery_room(const bridge_mqtt_ep_group *group, uint32_t session)
 {
     uint32_t call = mqtt_ctx.publish_calls;
     uint32_t waited = 0;
-    while (bridge_mqtt_delivery_is_full() && mqtt_ctx.acknowledgement_waits == 0 &&
-           is_message_valid(group, session)) {
+    while (must_wait_for_delivery() && is_message_valid(group, session)) {
         bridge_wait_ms(STUCK_CALL_STEP_MS);
         const uint32_t now = mqtt_ctx.publish_calls;
-        if (now != call || now % 2 == 0) {
-            call = now;
+        const bool is_stuck = now == call && now % 2 != 0;
+        call = now;
+        if (!is_stuck && mqtt_ctx.acknowledgement_waits == 0)
             waited = 0;
-        } else if (++waited >= STUCK_CALL_MS) {
+        else if (++waited >= STUCK_CALL_MS)
             return;
-        }
     }
 }
 

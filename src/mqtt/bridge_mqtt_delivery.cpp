@@ -153,10 +153,11 @@ bridge_mqtt_delivery_item *bridge_mqtt_delivery_item_new(const char *topic, cons
     return item.release();
 }
 
-bool bridge_mqtt_delivery_is_full()
+bool bridge_mqtt_delivery_is_full(bridge_mqtt_delivery_limit limit)
 {
     const queue_guard guard;
-    return queue.items >= BRIDGE_DELIVERY_MAX_ITEMS || queue.bytes >= BRIDGE_DELIVERY_MAX_BYTES;
+    const bridge_mqtt_delivery_room &room = BRIDGE_DELIVERY_ROOM[limit];
+    return queue.items >= room.items || queue.bytes >= room.bytes;
 }
 
 void bridge_mqtt_delivery_push(bridge_mqtt_delivery_item *item)

@@ -18,10 +18,21 @@ struct bridge_mqtt_delivery_item {
     uint32_t payload_size;
 };
 
-/* The queue is full at either limit. One that is not takes a message of any size; and a full one takes all
- * that come while a thread waits for an acknowledgement. */
-static constexpr size_t BRIDGE_DELIVERY_MAX_ITEMS = 128;
-static constexpr size_t BRIDGE_DELIVERY_MAX_BYTES = 4UL * 1024 * 1024;
+/* The queue is full at either limit of one row. A queue that is not takes a message of any size. */
+enum bridge_mqtt_delivery_limit {
+    DELIVERY_LIMIT,
+    DELIVERY_LIMIT_AWAITED, /* while a thread waits for an acknowledgement, which may stand behind messages */
+};
+
+struct bridge_mqtt_delivery_room {
+    size_t items;
+    size_t bytes;
+};
+
+static constexpr bridge_mqtt_delivery_room BRIDGE_DELIVERY_ROOM[] = {
+    {128, 4UL * 1024 * 1024},
+    {16384, 16UL * 1024 * 1024},
+};
 
 /* Starts the thread, which calls `deliver` for each message. Returns 0 or -1. */
 int bridge_mqtt_delivery_start(void (*deliver)(const bridge_mqtt_delivery_item *item));
@@ -34,7 +45,7 @@ int bridge_mqtt_delivery_stop();
 bridge_mqtt_delivery_item *bridge_mqtt_delivery_item_new(const char *topic, const void *payload,
                                                          uint32_t payload_size);
 
-bool bridge_mqtt_delivery_is_full();
+bool bridge_mqtt_delivery_is_full(bridge_mqtt_delivery_limit limit);
 
 /* Takes over the item, at whatever length of the queue: waiting for room is the caller's. */
 void bridge_mqtt_delivery_push(bridge_mqtt_delivery_item *item);

@@ -282,7 +282,8 @@ void BridgeMqtt::TearDown()
         EXPECT_EQ(bridge_mqtt_deinit(), 0);
     }
     EXPECT_TRUE(wait_until([] { return !is_delivery_thread_alive(); }));
-    EXPECT_FALSE(bridge_mqtt_delivery_is_full()); /* its lock comes after all that a thread left behind did */
+    EXPECT_FALSE(bridge_mqtt_delivery_is_full(
+        DELIVERY_LIMIT)); /* its lock comes after all that a thread left behind did */
     EXPECT_THAT(fake_mqtt_faults(), testing::IsEmpty());
     EXPECT_EQ(fake_mqtt_live_blocks(), 0U);
     if (HasFailure()) {
@@ -303,9 +304,9 @@ void BridgeMqtt::hold_handler(bridge_mqtt_endpoint_t endpoint)
 size_t BridgeMqtt::fill_queue()
 {
     hold_handler(BRIDGE_MQTT_EP_NS);
-    for (size_t i = 1; i <= BRIDGE_DELIVERY_MAX_ITEMS; i++)
+    for (size_t i = 1; i <= BRIDGE_DELIVERY_ROOM[DELIVERY_LIMIT].items; i++)
         EXPECT_EQ(fake_mqtt_arrive(1, "hold", std::to_string(i)), 1);
-    return BRIDGE_DELIVERY_MAX_ITEMS + 1;
+    return BRIDGE_DELIVERY_ROOM[DELIVERY_LIMIT].items + 1;
 }
 
 void BridgeMqttShared::SetUp()

@@ -184,7 +184,8 @@ TEST_F(BridgeMqttMessages, FullQueueHoldsTheLibraryUntilThereIsRoom)
 TEST_F(BridgeMqttMessages, QueueIsFullOfBytesToo)
 {
     hold_handler(NS);
-    EXPECT_EQ(fake_mqtt_arrive(1, "hold", std::string(BRIDGE_DELIVERY_MAX_BYTES - 1, 'x')), 1);
+    EXPECT_EQ(fake_mqtt_arrive(1, "hold", std::string(BRIDGE_DELIVERY_ROOM[DELIVERY_LIMIT].bytes - 1, 'x')),
+              1);
     EXPECT_EQ(fake_mqtt_arrive(1, "hold", "y"), 1);
     background library([] { EXPECT_EQ(fake_mqtt_arrive(1, "hold", "last"), 1); });
     EXPECT_TRUE(waits_on(library));
@@ -297,6 +298,29 @@ TEST_F(BridgeMqttMessages, FullQueueHoldsBackNoAcknowledgementThatAPublishNeedsF
     EXPECT_TRUE(waits_on(library)) << "with nobody who waits";
     handler.open();
     EXPECT_TRUE(library.ends());
+}
+
+/* A server that withholds what is waited for, and floods meanwhile, fills that much and no more at once. */
+TEST_F(BridgeMqttMessages, WhatIsLetThroughBeforeAnAcknowledgementHasALimit)
+{
+    fill_queue();
+    fake_mqtt_hold_acknowledgements();
+    for (int i = 0; i < 10; i++)
+        EXPECT_EQ(publish(NS), 0);
+    const int looks = fake_mqtt_token_looks();
+    background caller([] { EXPECT_EQ(publish(NS), 0); });
+    EXPECT_TRUE(wait_until([looks] { return fake_mqtt_token_looks() > looks + 3; }));
+    background library([] {
+        const std::string large(1024 * 1024, 'x');
+        for (size_t sent = 0; sent < BRIDGE_DELIVERY_ROOM[DELIVERY_LIMIT_AWAITED].bytes; sent += large.size())
+            EXPECT_EQ(fake_mqtt_arrive(1, "hold", large), 1);
+        arrive_counted(1);
+    });
+    EXPECT_TRUE(library.ends());
+    EXPECT_EQ(library_rounds, 50U) << "it is held for the patience of a call, and then let through";
+    fake_mqtt_acknowledge(1);
+    EXPECT_TRUE(caller.ends());
+    handler.open();
 }
 
 /* A publish is inside the library at every look, but each time it is another one. */
