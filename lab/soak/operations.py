@@ -151,7 +151,7 @@ class Operations:
             with self._lock:
                 self._probes[number] = now
         if self.works and now >= self._next_work:
-            self._next_work = now + self._rng.uniform(0.3, 1.2)
+            self._next_work = now + self._rng.uniform(0.2, 0.8)
             self.work()
 
     def work(self) -> None:

@@ -5,7 +5,6 @@ from __future__ import annotations
 import random
 import threading
 import time
-from collections import Counter
 from dataclasses import dataclass, field
 from typing import Callable, Iterator
 
@@ -42,7 +41,7 @@ class UplinkFigures:
     published: int = 0
     unanswered: int = 0
     lost: int = 0  # acknowledged on a whole connection
-    excused: Counter[str] = field(default_factory=Counter)  # acknowledged, not published, by the reason
+    excused: dict[str, int] = field(default_factory=dict)  # acknowledged, not published, by the reason
 
 
 class Uplinks:
@@ -194,7 +193,7 @@ class Uplinks:
                 while spans[place].end <= sent.acked:
                     place += 1
                 if reason := spans[place].reason:
-                    told.excused[reason] += 1
+                    told.excused[reason] = told.excused.get(reason, 0) + 1
                 else:
                     told.lost += 1
             return told
