@@ -3,6 +3,7 @@
 
 #include "app/bridge_arguments.h"
 #include "app/bridge_status.h"
+#include "common/bridge_child.h"
 #include "common/bridge_config.h"
 #include "common/bridge_key_manager.h"
 #include "common/bridge_log.h"
@@ -415,6 +416,7 @@ int bridge_main(int argc, char **argv)
     if (check_ports() < 0)
         return 1;
     install_signals();
+    bridge_child_prepare();
     const int result = bridge_mqtt_init(bridge_on_connection_failed);
     if (result < 0) {
         BRIDGE_ERROR("cannot initialize MQTT subsystem, aborting...");

@@ -1,5 +1,6 @@
 #include "app/app_stubs.h"
 
+#include "common/bridge_child.h"
 #include "common/bridge_key_manager.h"
 #include "common/bridge_log.h"
 #include "common/bridge_wait.h"
@@ -92,6 +93,11 @@ int bridge_config_load(const bridge_args *args)
     stubs.args = *args;
     return answer(std::string("config_load ") +
                   (args->config_path != nullptr ? args->config_path : "(null)"));
+}
+
+void bridge_child_prepare()
+{
+    answer("child_prepare");
 }
 
 void bridge_wait_s(uint32_t seconds)
