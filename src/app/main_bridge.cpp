@@ -2,6 +2,7 @@
 #include "app/main_bridge.h"
 
 #include "app/bridge_arguments.h"
+#include "app/bridge_memory.h"
 #include "app/bridge_status.h"
 #include "common/bridge_child.h"
 #include "common/bridge_config.h"
@@ -270,8 +271,10 @@ enum loop_step {
     LOOP_NEXT_PHASE,
 };
 
+/* Planes that were stopped have freed much, and so have messages since the last time. */
 static loop_step wait_for_next_pass(uint32_t seconds)
 {
+    bridge_memory_give_back();
     bridge_wait_s(seconds);
     return LOOP_NEXT_PASS;
 }
@@ -316,6 +319,7 @@ static loop_step act_on_run(bridge_phase_result result)
 {
     switch (result) {
     case PHASE_DATAPLANE_READY:
+        bridge_memory_give_back();
         bridge_wait_s(TICK_S);
         BRIDGE_TRACE("bridge main loop: ticking and reporting to sysmon");
         bridge_sysmon_report();

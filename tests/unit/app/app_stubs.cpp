@@ -1,5 +1,6 @@
 #include "app/app_stubs.h"
 
+#include "app/bridge_memory.h"
 #include "common/bridge_child.h"
 #include "common/bridge_key_manager.h"
 #include "common/bridge_log.h"
@@ -119,6 +120,13 @@ void bridge_wait_ms(uint32_t milliseconds)
 int bridge_key_manager_init()
 {
     return answer("key_manager_init");
+}
+
+/* ---- memory ---- */
+
+void bridge_memory_give_back()
+{
+    answer("give_back");
 }
 
 /* ---- monitor ---- */
