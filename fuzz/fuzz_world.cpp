@@ -1,5 +1,6 @@
 #include "fuzz_world.h"
 
+#include "common/bridge_curl_lazy.h"
 #include "converter/control/bridge_configs_script.h"
 #include "fuzz.h"
 #include "fuzz_choices.h"
@@ -15,7 +16,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <curl/curl.h>
 #include <deque>
 #include <fcntl.h>
 #include <filesystem>
@@ -287,11 +287,6 @@ int __wrap_ssh_connect(ssh_session)
     return SSH_ERROR;
 }
 
-CURLcode __wrap_curl_easy_perform(CURL *)
-{
-    return fuzz_choice() % 2 == 0 ? CURLE_COULDNT_CONNECT : CURLE_OK;
-}
-
 /* ---- memory ---- */
 
 void *__real_malloc(size_t size);
@@ -371,6 +366,41 @@ int __wrap_timer_delete(timer_t)
 }
 }
 // NOLINTEND(bugprone-reserved-identifier)
+
+/* ---- transfers ---- */
+
+static CURLcode end_transfer(CURL *)
+{
+    return fuzz_choice() % 2 == 0 ? CURLE_COULDNT_CONNECT : CURLE_OK;
+}
+
+/* In place of the daemon's, which loads the library: it is linked here, but for the transfer itself. */
+const bridge_curl *bridge_curl_load()
+{
+    static constexpr bridge_curl curl = {
+        .global_init = curl_global_init,
+        .free = curl_free,
+        .easy_init = curl_easy_init,
+        .easy_setopt = curl_easy_setopt,
+        .easy_perform = end_transfer,
+        .easy_strerror = curl_easy_strerror,
+        .easy_cleanup = curl_easy_cleanup,
+        .mime_init = curl_mime_init,
+        .mime_addpart = curl_mime_addpart,
+        .mime_name = curl_mime_name,
+        .mime_filename = curl_mime_filename,
+        .mime_data = curl_mime_data,
+        .mime_data_cb = curl_mime_data_cb,
+        .mime_free = curl_mime_free,
+        .slist_append = curl_slist_append,
+        .slist_free_all = curl_slist_free_all,
+        .url = curl_url,
+        .url_set = curl_url_set,
+        .url_get = curl_url_get,
+        .url_cleanup = curl_url_cleanup,
+    };
+    return &curl;
+}
 
 /* ---- the gateway's configuration programs ---- */
 

@@ -2,7 +2,9 @@
 #include "app/main_bridge.h"
 
 #include "app/bridge_arguments.h"
+#include "app/bridge_memory.h"
 #include "app/bridge_status.h"
+#include "common/bridge_child.h"
 #include "common/bridge_config.h"
 #include "common/bridge_key_manager.h"
 #include "common/bridge_log.h"
@@ -269,8 +271,10 @@ enum loop_step {
     LOOP_NEXT_PHASE,
 };
 
+/* Planes that were stopped have freed much, and so have messages since the last time. */
 static loop_step wait_for_next_pass(uint32_t seconds)
 {
+    bridge_memory_give_back();
     bridge_wait_s(seconds);
     return LOOP_NEXT_PASS;
 }
@@ -315,6 +319,7 @@ static loop_step act_on_run(bridge_phase_result result)
 {
     switch (result) {
     case PHASE_DATAPLANE_READY:
+        bridge_memory_give_back();
         bridge_wait_s(TICK_S);
         BRIDGE_TRACE("bridge main loop: ticking and reporting to sysmon");
         bridge_sysmon_report();
@@ -415,6 +420,7 @@ int bridge_main(int argc, char **argv)
     if (check_ports() < 0)
         return 1;
     install_signals();
+    bridge_child_prepare();
     const int result = bridge_mqtt_init(bridge_on_connection_failed);
     if (result < 0) {
         BRIDGE_ERROR("cannot initialize MQTT subsystem, aborting...");

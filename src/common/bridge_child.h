@@ -1,7 +1,12 @@
-/* What a forked child does first. A child shares every descriptor of the daemon, and a socket that it keeps
- * stays open, and its port taken, after the daemon has closed it. */
+/* What a forked child does first, and what is done for it before. A child shares every descriptor of the
+ * daemon, and a socket that it keeps stays open, and its port taken, after the daemon has closed it. */
 #ifndef BRIDGE_CHILD_H
 #define BRIDGE_CHILD_H
+
+/* In the daemon, before the first child and the first look-up of a name: from there on a child may load
+ * libraries.
+ */
+void bridge_child_prepare();
 
 /* Closes all descriptors but the standard ones and `kept`, if one is given, whose new number is returned. The
  * log goes on: the connection to the system logger is opened anew. Only in a child, and before it opens

@@ -2,6 +2,7 @@
 #include "common/bridge_fileops_curl.h"
 
 #include "common/bridge_config.h"
+#include "common/bridge_curl_lazy.h"
 #include "common/bridge_fileops.h"
 #include "common/bridge_fileops_watch.h"
 #include "common/bridge_log.h"
@@ -14,7 +15,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <curl/curl.h>
 #include <fcntl.h>
 #include <memory>
 #include <strings.h>
@@ -24,11 +24,38 @@
 
 static constexpr long UPLOAD_BUFFER = 512L * 1024;
 
-using curl_owned = std::unique_ptr<CURL, bridge_release<curl_easy_cleanup>>;
-using mime_owned = std::unique_ptr<curl_mime, bridge_release<curl_mime_free>>;
-using url_owned = std::unique_ptr<CURLU, bridge_release<curl_url_cleanup>>;
-using slist_owned = std::unique_ptr<curl_slist, bridge_release<curl_slist_free_all>>;
-using curl_text_owned = std::unique_ptr<char, bridge_release<curl_free>>;
+static const bridge_curl *library; /* as soon as a transfer has loaded it */
+
+static void release_curl(CURL *curl)
+{
+    library->easy_cleanup(curl);
+}
+
+static void release_mime(curl_mime *mime)
+{
+    library->mime_free(mime);
+}
+
+static void release_url(CURLU *url)
+{
+    library->url_cleanup(url);
+}
+
+static void release_slist(curl_slist *list)
+{
+    library->slist_free_all(list);
+}
+
+static void release_text(char *text)
+{
+    library->free(text);
+}
+
+using curl_owned = std::unique_ptr<CURL, bridge_release<release_curl>>;
+using mime_owned = std::unique_ptr<curl_mime, bridge_release<release_mime>>;
+using url_owned = std::unique_ptr<CURLU, bridge_release<release_url>>;
+using slist_owned = std::unique_ptr<curl_slist, bridge_release<release_slist>>;
+using curl_text_owned = std::unique_ptr<char, bridge_release<release_text>>;
 using file_owned = std::unique_ptr<FILE, bridge_release<fclose>>;
 using text_owned = std::unique_ptr<char, bridge_release<free>>;
 
@@ -65,8 +92,11 @@ class file_mapping
 
 static int init_library(curl_owned *curl)
 {
-    curl_global_init(CURL_GLOBAL_ALL);
-    curl->reset(curl_easy_init());
+    library = bridge_curl_load();
+    if (library == nullptr)
+        return -EIO;
+    library->global_init(CURL_GLOBAL_ALL);
+    curl->reset(library->easy_init());
     if (!*curl) {
         BRIDGE_ERROR("curl: failed to init library");
         return -ENOMEM;
@@ -79,7 +109,7 @@ static bool leads_to_server(CURLU *url)
 {
     static constexpr const char *SCHEMES[] = {"http", "https", "ftp", "ftps", "sftp", "scp", "tftp"};
     char *text = nullptr;
-    if (curl_url_get(url, CURLUPART_SCHEME, &text, 0) != CURLUE_OK)
+    if (library->url_get(url, CURLUPART_SCHEME, &text, 0) != CURLUE_OK)
         return false;
     const curl_text_owned scheme(text);
     return std::any_of(std::begin(SCHEMES), std::end(SCHEMES),
@@ -89,14 +119,14 @@ static bool leads_to_server(CURLU *url)
 /* The whole URL; one without a scheme gets the one that its host's name suggests. Returns 0 or -5. */
 static int complete_url(const char *given, curl_text_owned *complete)
 {
-    const url_owned url(curl_url());
+    const url_owned url(library->url());
     if (!url) {
         BRIDGE_ERROR("curl: failed allocate URL object");
         return -EIO;
     }
     char *text = nullptr;
-    if (curl_url_set(url.get(), CURLUPART_URL, given, CURLU_GUESS_SCHEME) != CURLUE_OK ||
-        !leads_to_server(url.get()) || curl_url_get(url.get(), CURLUPART_URL, &text, 0) != CURLUE_OK) {
+    if (library->url_set(url.get(), CURLUPART_URL, given, CURLU_GUESS_SCHEME) != CURLUE_OK ||
+        !leads_to_server(url.get()) || library->url_get(url.get(), CURLUPART_URL, &text, 0) != CURLUE_OK) {
         BRIDGE_ERROR("curl: failed to initialize URL object");
         return -EIO;
     }
@@ -180,20 +210,21 @@ static size_t drop_answer(char *, size_t size, size_t count, void *)
 static int fill_form(curl_mime *mime, const bridge_fileops_upload *upload, upload_data *data,
                      const char *name)
 {
-    curl_mimepart *filedata = curl_mime_addpart(mime);
-    curl_mimepart *mac = curl_mime_addpart(mime);
-    curl_mimepart *filepath = curl_mime_addpart(mime);
+    curl_mimepart *filedata = library->mime_addpart(mime);
+    curl_mimepart *mac = library->mime_addpart(mime);
+    curl_mimepart *filepath = library->mime_addpart(mime);
     if (filedata == nullptr || mac == nullptr || filepath == nullptr) {
         BRIDGE_ERROR("curl: failed to init mime");
         return -ENOMEM;
     }
-    curl_mime_name(filedata, "filedata");
-    curl_mime_data_cb(filedata, static_cast<curl_off_t>(upload->size), hand_over, begin_again, nullptr, data);
-    curl_mime_filename(filedata, name);
-    curl_mime_name(mac, "mac");
-    curl_mime_data(mac, bridge_config_get_root_checked()->generic.gw_mac, CURL_ZERO_TERMINATED);
-    curl_mime_name(filepath, "filepath");
-    curl_mime_data(filepath, upload->virtual_path, CURL_ZERO_TERMINATED);
+    library->mime_name(filedata, "filedata");
+    library->mime_data_cb(filedata, static_cast<curl_off_t>(upload->size), hand_over, begin_again, nullptr,
+                          data);
+    library->mime_filename(filedata, name);
+    library->mime_name(mac, "mac");
+    library->mime_data(mac, bridge_config_get_root_checked()->generic.gw_mac, CURL_ZERO_TERMINATED);
+    library->mime_name(filepath, "filepath");
+    library->mime_data(filepath, upload->virtual_path, CURL_ZERO_TERMINATED);
     return 0;
 }
 
@@ -204,7 +235,7 @@ static int post_form(const bridge_fileops_upload *upload, const char *start, con
     int result = init_library(&curl);
     if (result < 0)
         return result;
-    const mime_owned mime(curl_mime_init(curl.get()));
+    const mime_owned mime(library->mime_init(curl.get()));
     if (!mime) {
         BRIDGE_ERROR("curl: failed to init mime");
         return -ENOMEM;
@@ -218,16 +249,16 @@ static int post_form(const bridge_fileops_upload *upload, const char *start, con
     if (result < 0)
         return result;
     BRIDGE_DEBUG("curl: add custom headerlist");
-    const slist_owned headers(curl_slist_append(nullptr, "Expect:"));
-    curl_easy_setopt(curl.get(), CURLOPT_URL, url.get());
-    curl_easy_setopt(curl.get(), CURLOPT_HTTPHEADER, headers.get());
-    curl_easy_setopt(curl.get(), CURLOPT_MIMEPOST, mime.get());
-    curl_easy_setopt(curl.get(), CURLOPT_WRITEFUNCTION, drop_answer);
-    curl_easy_setopt(curl.get(), CURLOPT_UPLOAD_BUFFERSIZE, UPLOAD_BUFFER);
+    const slist_owned headers(library->slist_append(nullptr, "Expect:"));
+    library->easy_setopt(curl.get(), CURLOPT_URL, url.get());
+    library->easy_setopt(curl.get(), CURLOPT_HTTPHEADER, headers.get());
+    library->easy_setopt(curl.get(), CURLOPT_MIMEPOST, mime.get());
+    library->easy_setopt(curl.get(), CURLOPT_WRITEFUNCTION, drop_answer);
+    library->easy_setopt(curl.get(), CURLOPT_UPLOAD_BUFFERSIZE, UPLOAD_BUFFER);
     BRIDGE_DEBUG("curl: perform request");
-    const CURLcode code = curl_easy_perform(curl.get());
+    const CURLcode code = library->easy_perform(curl.get());
     if (code != CURLE_OK)
-        BRIDGE_DEBUG("curl: easy_perform() failed: %s\n", curl_easy_strerror(code));
+        BRIDGE_DEBUG("curl: easy_perform() failed: %s\n", library->easy_strerror(code));
     BRIDGE_INFO("curl: done");
     return 0;
 }
@@ -290,13 +321,13 @@ static int fetch_into(FILE *file, const char *fetch_url)
     if (result < 0)
         return result;
     BRIDGE_DEBUG("curl: new url: %s", url.get());
-    curl_easy_setopt(curl.get(), CURLOPT_URL, url.get());
-    curl_easy_setopt(curl.get(), CURLOPT_HEADER, 0L);
-    curl_easy_setopt(curl.get(), CURLOPT_WRITEDATA, file);
+    library->easy_setopt(curl.get(), CURLOPT_URL, url.get());
+    library->easy_setopt(curl.get(), CURLOPT_HEADER, 0L);
+    library->easy_setopt(curl.get(), CURLOPT_WRITEDATA, file);
     BRIDGE_DEBUG("curl: perform request");
-    const CURLcode code = curl_easy_perform(curl.get());
+    const CURLcode code = library->easy_perform(curl.get());
     if (code != CURLE_OK) {
-        BRIDGE_DEBUG("curl: easy_perform() failed: %s\n", curl_easy_strerror(code));
+        BRIDGE_DEBUG("curl: easy_perform() failed: %s\n", library->easy_strerror(code));
         result = -EIO;
     }
     BRIDGE_INFO("curl: done");

@@ -154,10 +154,10 @@ def sanitizer_options() -> dict[str, str]:
 class FileGateway:
     """A daemon, its agent, and what an OA&M server does with files."""
 
-    def __init__(self, work: Path) -> None:
+    def __init__(self, work: Path, env: Optional[dict[str, str]] = None) -> None:
         self.agent = start_agent(work / "agent")
         with patch.dict(os.environ, sanitizer_options()):
-            self.road = ControlRoad(work / "road", self.agent)
+            self.road = ControlRoad(work / "road", self.agent, env=env)
         self.road.wait_ready()
         self.http = FileServer()
         self._numbers = itertools.count(FIRST_REQUEST)

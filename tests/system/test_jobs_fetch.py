@@ -304,6 +304,34 @@ def test_a_server_of_https_must_be_trusted(gateway: FileGateway, tmp_path: Path,
     assert not other.requests and gateway.inside(f"{SHM}/data.bin").read_bytes() == b""
 
 
+# --- the library ---
+
+
+def test_the_library_is_in_the_job_and_not_in_the_daemon(gateway: FileGateway) -> None:
+    url = gateway.http.offer("/a", content_of(MIB))
+    with faulty(gateway.http, Fault.STALLS):
+        job = gateway.start(FETCH, path="shm/data.bin", url=url)
+        wait_request(gateway.http)
+        assert "libcurl" in Path(f"/proc/{job.pid}/maps").read_text()
+        assert "libcurl" not in Path(f"/proc/{gateway.pid}/maps").read_text()
+        gateway.end(job)
+
+
+@pytest.mark.parametrize("kind", [STREAM, FETCH], ids=lambda kind: kind.start)
+def test_without_the_library_jobs_fail_and_the_daemon_goes_on(
+    tmp_path: Path, cleanup: Cleanup, kind: JobKind
+) -> None:
+    gateway = FileGateway(tmp_path, {"LD_LIBRARY_PATH": "/tmp"})
+    cleanup.add(gateway)
+    gateway.put("tmp/libcurl.so.4", b"no library")
+    file, mark = gateway.put(f"{SHM}/data.bin", b"content"), gateway.log
+    assert gateway.run(kind, path="shm/data.bin", url=gateway.http.url, offset=0, size=7) == IO_ERROR
+    gateway.road.bridge.wait_for_log("curl: failed to load library: ", after=mark)
+    assert not gateway.http.requests
+    assert file.read_bytes() == (b"" if kind is FETCH else b"content")
+    assert gateway.road.command("isAnyoneThere").json["error"] == "not_supported"
+
+
 # --- one at a time, and stopping ---
 
 

@@ -1,5 +1,7 @@
 #include "app/app_stubs.h"
 
+#include "app/bridge_memory.h"
+#include "common/bridge_child.h"
 #include "common/bridge_key_manager.h"
 #include "common/bridge_log.h"
 #include "common/bridge_wait.h"
@@ -94,6 +96,11 @@ int bridge_config_load(const bridge_args *args)
                   (args->config_path != nullptr ? args->config_path : "(null)"));
 }
 
+void bridge_child_prepare()
+{
+    answer("child_prepare");
+}
+
 void bridge_wait_s(uint32_t seconds)
 {
     answer("wait " + std::to_string(seconds));
@@ -113,6 +120,13 @@ void bridge_wait_ms(uint32_t milliseconds)
 int bridge_key_manager_init()
 {
     return answer("key_manager_init");
+}
+
+/* ---- memory ---- */
+
+void bridge_memory_give_back()
+{
+    answer("give_back");
 }
 
 /* ---- monitor ---- */

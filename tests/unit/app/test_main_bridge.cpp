@@ -52,9 +52,9 @@ TEST_F(AppMain, StepsOfStartAndEndComeInOrder)
     stubs.on("wait", send_stop_signal);
     EXPECT_EQ(run({"-d", "-v", "3", "-c", "/etc/bridge.toml"}), 0);
     EXPECT_THAT(stubs.take(),
-                ElementsAre("log_init 3 stderr", "config_load /etc/bridge.toml", "mqtt_init", "sysmon_init",
-                            "key_manager_init", REGISTER, "wait 10", "sysmon_report", REGISTER,
-                            "sysmon_unregister", "mqtt_deinit", "sysmon_deinit"));
+                ElementsAre("log_init 3 stderr", "config_load /etc/bridge.toml", "child_prepare", "mqtt_init",
+                            "sysmon_init", "key_manager_init", REGISTER, "give_back", "wait 10",
+                            "sysmon_report", REGISTER, "sysmon_unregister", "mqtt_deinit", "sysmon_deinit"));
     EXPECT_THAT(log.lines(),
                 ElementsAre("logging to stderr is on", "foreground mode on", "log level: 3",
                             "cfg file: /etc/bridge.toml", "INFO Starting Sarnivel NS bridge 1.11.1",
@@ -66,10 +66,11 @@ TEST_F(AppMain, StatusServerRunsWhenItsPortIsSet)
     stubs.root.generic.status_http_port = 8080;
     stubs.on("wait", send_stop_signal);
     EXPECT_EQ(run({"-d", "-c", "x"}), 0);
-    EXPECT_THAT(stubs.take(), ElementsAre("log_init 2 stderr", "config_load x", "mqtt_init", "sysmon_init",
-                                          "key_manager_init", "status_server_start 8080", REGISTER, "wait 10",
-                                          "sysmon_report", REGISTER, "sysmon_unregister", "mqtt_deinit",
-                                          "status_server_stop", "sysmon_deinit"));
+    EXPECT_THAT(stubs.take(),
+                ElementsAre("log_init 2 stderr", "config_load x", "child_prepare", "mqtt_init", "sysmon_init",
+                            "key_manager_init", "status_server_start 8080", REGISTER, "give_back", "wait 10",
+                            "sysmon_report", REGISTER, "sysmon_unregister", "mqtt_deinit",
+                            "status_server_stop", "sysmon_deinit"));
     EXPECT_EQ(log.lines().back(), "INFO stopping status thread");
 }
 
@@ -114,13 +115,13 @@ TEST_F(AppMain, FailureBeforeTheLoopEndsTheProcess)
         {"mqtt_init",
          -5,
          -5,
-         {"log_init 2 stderr", "config_load x", "mqtt_init"},
+         {"log_init 2 stderr", "config_load x", "child_prepare", "mqtt_init"},
          "ERROR cannot initialize MQTT subsystem, aborting..."},
         {"status_server_start",
          -1,
          1,
-         {"log_init 2 stderr", "config_load x", "mqtt_init", "sysmon_init", "key_manager_init",
-          "status_server_start 8080"},
+         {"log_init 2 stderr", "config_load x", "child_prepare", "mqtt_init", "sysmon_init",
+          "key_manager_init", "status_server_start 8080"},
          "ERROR unable to start a status server, aborting"},
     };
     stubs.root.generic.status_http_port = 8080;
@@ -224,10 +225,10 @@ TEST_F(AppMain, StopSignalBeforeTheLoopIsLost)
     stubs.on("key_manager_init", send_stop_signal);
     stubs.on("wait", send_stop_signal, 2);
     EXPECT_EQ(run({"-d", "-c", "x"}), 0);
-    EXPECT_THAT(stubs.take(),
-                ElementsAre("log_init 2 stderr", "config_load x", "mqtt_init", "sysmon_init",
-                            "key_manager_init", REGISTER, "wait 10", "sysmon_report", REGISTER, "wait 10",
-                            "sysmon_report", REGISTER, "sysmon_unregister", "mqtt_deinit", "sysmon_deinit"));
+    EXPECT_THAT(stubs.take(), ElementsAre("log_init 2 stderr", "config_load x", "child_prepare", "mqtt_init",
+                                          "sysmon_init", "key_manager_init", REGISTER, "give_back", "wait 10",
+                                          "sysmon_report", REGISTER, "give_back", "wait 10", "sysmon_report",
+                                          REGISTER, "sysmon_unregister", "mqtt_deinit", "sysmon_deinit"));
 }
 
 TEST_F(AppMain, StopSignalInARetryEndsThePhaseAfterOneMoreAttempt)
@@ -237,7 +238,7 @@ TEST_F(AppMain, StopSignalInARetryEndsThePhaseAfterOneMoreAttempt)
     stubs.on("wait", send_stop_signal);
     EXPECT_EQ(run({"-d", "-c", "x"}), 0);
     EXPECT_THAT(stubs.take(),
-                ElementsAre("log_init 2 stderr", "config_load x", "mqtt_init", "sysmon_init",
+                ElementsAre("log_init 2 stderr", "config_load x", "child_prepare", "mqtt_init", "sysmon_init",
                             "key_manager_init", REGISTER, "res_init", "ctrlplane_init a0b1c2d3e4f5",
                             "wait 10", "res_init", "ctrlplane_init a0b1c2d3e4f5", "sysmon_unregister",
                             "mqtt_deinit", "sysmon_deinit"));

@@ -49,7 +49,7 @@ TEST_F(AppActions, OfTheControlPlanePhase)
     EXPECT_EQ(act_on_ctrlplane(PHASE_EXIT), LOOP_LEAVE);
     EXPECT_THAT(stubs.take(), ElementsAre("sysmon_unregister"));
     EXPECT_EQ(act_on_ctrlplane(PHASE_RETRY), LOOP_NEXT_PASS);
-    EXPECT_THAT(stubs.take(), ElementsAre("sysmon_unregister", "wait 20"));
+    EXPECT_THAT(stubs.take(), ElementsAre("sysmon_unregister", "give_back", "wait 20"));
 }
 
 TEST_F(AppActions, OfTheDataPlanePhaseReady)
@@ -75,15 +75,16 @@ TEST_F(AppActions, RestartFromTheDataPlanePhaseStopsTheControlPlaneUnderTheLock)
     stubs.on("ctrlplane_deinit", [] { expect_lock_held(true); });
     stubs.on("wait", [] { expect_lock_held(false); });
     EXPECT_EQ(act_on_dataplane(PHASE_RESTART_CTRLPLANE), LOOP_NEXT_PASS);
-    EXPECT_THAT(stubs.take(), ElementsAre("sysmon_unregister", "ctrlplane_disconnect_oam",
-                                          "ctrlplane_disconnect_agent", "ctrlplane_deinit", "wait 20"));
+    EXPECT_THAT(stubs.take(),
+                ElementsAre("sysmon_unregister", "ctrlplane_disconnect_oam", "ctrlplane_disconnect_agent",
+                            "ctrlplane_deinit", "give_back", "wait 20"));
     EXPECT_EQ(flags(), "running dataplane_started ns_connected geoloc_connected ctrlplane_restarting");
 }
 
 TEST_F(AppActions, OfTheRunPhaseReady)
 {
     EXPECT_EQ(act_on_run(PHASE_DATAPLANE_READY), LOOP_NEXT_PASS);
-    EXPECT_THAT(stubs.take(), ElementsAre("wait 10", "sysmon_report"));
+    EXPECT_THAT(stubs.take(), ElementsAre("give_back", "wait 10", "sysmon_report"));
     EXPECT_THAT(log.lines(), ElementsAre("TRACE bridge main loop: ticking and reporting to sysmon"));
 }
 
@@ -107,7 +108,7 @@ TEST_F(AppActions, RestartFromTheRunPhaseStopsBothPlanes)
     EXPECT_THAT(stubs.take(),
                 ElementsAre("ctrlplane_disconnect_oam", "ctrlplane_disconnect_agent", "ctrlplane_deinit",
                             "sysmon_unregister", "dataplane_stop_server", "dataplane_ns_disconnect",
-                            "dataplane_geo_disconnect", "dataplane_deinit", "wait 20"));
+                            "dataplane_geo_disconnect", "dataplane_deinit", "give_back", "wait 20"));
     EXPECT_EQ(flags(), "running ctrlplane_restarting");
 }
 
@@ -128,7 +129,7 @@ TEST_F(AppActions, RestartOfTheDataPlaneLeavesTheControlPlane)
     EXPECT_EQ(act_on_run(PHASE_RESTART_DATAPLANE), LOOP_NEXT_PASS);
     EXPECT_THAT(stubs.take(),
                 ElementsAre("sysmon_unregister", "dataplane_stop_server", "dataplane_ns_disconnect",
-                            "dataplane_geo_disconnect", "dataplane_deinit", "wait 20"));
+                            "dataplane_geo_disconnect", "dataplane_deinit", "give_back", "wait 20"));
     EXPECT_EQ(flags(), "running ctrlplane_started");
 }
 
@@ -208,8 +209,9 @@ TEST_F(AppLoop, EveryPassRegistersAndAQuietTickRunsAllPhasesAgain)
     start_everything();
     stubs.on("sysmon_report", stop, 2);
     bridge_supervise();
-    EXPECT_THAT(stubs.take(), ElementsAre(REGISTER, "wait 10", "sysmon_report", REGISTER, "wait 10",
-                                          "sysmon_report", REGISTER, "sysmon_unregister"));
+    EXPECT_THAT(stubs.take(),
+                ElementsAre(REGISTER, "give_back", "wait 10", "sysmon_report", REGISTER, "give_back",
+                            "wait 10", "sysmon_report", REGISTER, "sysmon_unregister"));
 }
 
 TEST_F(AppLoop, StartBringsUpTheControlPlaneFirstAndConnectsInTheRunPhase)
@@ -223,8 +225,8 @@ TEST_F(AppLoop, StartBringsUpTheControlPlaneFirstAndConnectsInTheRunPhase)
                 ElementsAre(REGISTER, "res_init", "ctrlplane_init a0b1c2d3e4f5",
                             "ctrlplane_connect_agent 127.0.0.1 public /mibs udp:162 5", "snmp_connect_oam",
                             "res_init", "dataplane_init", "dataplane_start_server 1700", "res_init",
-                            "dataplane_ns_connect", "res_init", "dataplane_geo_connect", "wait 10",
-                            "sysmon_report", REGISTER, "sysmon_unregister"));
+                            "dataplane_ns_connect", "res_init", "dataplane_geo_connect", "give_back",
+                            "wait 10", "sysmon_report", REGISTER, "sysmon_unregister"));
     EXPECT_EQ(flags(), "ctrlplane_started dataplane_started ns_connected geoloc_connected");
 }
 
@@ -232,9 +234,9 @@ TEST_F(AppLoop, WithoutServersItTicksWithoutConnectingAnything)
 {
     stubs.on("wait", stop, 3);
     bridge_supervise();
-    EXPECT_THAT(stubs.take(),
-                ElementsAre(REGISTER, "wait 10", "sysmon_report", REGISTER, "wait 10", "sysmon_report",
-                            REGISTER, "wait 10", "sysmon_report", REGISTER, "sysmon_unregister"));
+    EXPECT_THAT(stubs.take(), ElementsAre(REGISTER, "give_back", "wait 10", "sysmon_report", REGISTER,
+                                          "give_back", "wait 10", "sysmon_report", REGISTER, "give_back",
+                                          "wait 10", "sysmon_report", REGISTER, "sysmon_unregister"));
 }
 
 TEST_F(AppLoop, UnreachableOamServerDefersTheDataPlane)
@@ -262,15 +264,15 @@ TEST_F(AppLoop, LostConnectionRestartsBothPlanesAfter20Seconds)
     stubs.on("sysmon_report", stop, 2);
     bridge_supervise();
     EXPECT_THAT(stubs.take(),
-                ElementsAre(REGISTER, "wait 10", "sysmon_report", REGISTER, "ctrlplane_disconnect_oam",
-                            "ctrlplane_disconnect_agent", "ctrlplane_deinit", "sysmon_unregister",
-                            "dataplane_stop_server", "dataplane_ns_disconnect", "dataplane_geo_disconnect",
-                            "dataplane_deinit", "wait 20", REGISTER, "res_init",
-                            "ctrlplane_init a0b1c2d3e4f5",
+                ElementsAre(REGISTER, "give_back", "wait 10", "sysmon_report", REGISTER,
+                            "ctrlplane_disconnect_oam", "ctrlplane_disconnect_agent", "ctrlplane_deinit",
+                            "sysmon_unregister", "dataplane_stop_server", "dataplane_ns_disconnect",
+                            "dataplane_geo_disconnect", "dataplane_deinit", "give_back", "wait 20", REGISTER,
+                            "res_init", "ctrlplane_init a0b1c2d3e4f5",
                             "ctrlplane_connect_agent 127.0.0.1 public /mibs udp:162 5", "snmp_connect_oam",
                             "res_init", "dataplane_init", "dataplane_start_server 1700", "res_init",
-                            "dataplane_ns_connect", "res_init", "dataplane_geo_connect", "wait 10",
-                            "sysmon_report", REGISTER, "sysmon_unregister"));
+                            "dataplane_ns_connect", "res_init", "dataplane_geo_connect", "give_back",
+                            "wait 10", "sysmon_report", REGISTER, "sysmon_unregister"));
     EXPECT_EQ(flags(), "ctrlplane_started dataplane_started ns_connected geoloc_connected");
 }
 
@@ -285,11 +287,11 @@ TEST_F(AppLoop, RestartRequestedWhileTheDataPlaneFailsToStart)
     EXPECT_THAT(stubs.take(),
                 ElementsAre(REGISTER, "res_init", "dataplane_init", "wait 10", "res_init", "dataplane_init",
                             "sysmon_unregister", "ctrlplane_disconnect_oam", "ctrlplane_disconnect_agent",
-                            "ctrlplane_deinit", "wait 20", REGISTER, "res_init",
+                            "ctrlplane_deinit", "give_back", "wait 20", REGISTER, "res_init",
                             "ctrlplane_init a0b1c2d3e4f5",
                             "ctrlplane_connect_agent 127.0.0.1 public /mibs udp:162 5", "snmp_connect_oam",
-                            "res_init", "dataplane_init", "dataplane_start_server 1700", "wait 10",
-                            "sysmon_report", REGISTER, "sysmon_unregister"));
+                            "res_init", "dataplane_init", "dataplane_start_server 1700", "give_back",
+                            "wait 10", "sysmon_report", REGISTER, "sysmon_unregister"));
 }
 
 TEST_F(AppLoop, StopWhileTheDataPlaneFailsToStartStopsTheControlPlane)
@@ -315,10 +317,10 @@ TEST_F(AppLoop, BothServersFailingRestartTheDataPlaneAfter20Seconds)
     bridge_supervise();
     EXPECT_THAT(stubs.take(),
                 ElementsAre(REGISTER, "sysmon_unregister", "dataplane_stop_server", "dataplane_ns_disconnect",
-                            "dataplane_geo_disconnect", "dataplane_deinit", "wait 20", REGISTER, "res_init",
-                            "dataplane_init", "dataplane_start_server 1700", "res_init",
-                            "dataplane_ns_connect", "res_init", "dataplane_geo_connect", "wait 10",
-                            "sysmon_report", REGISTER, "sysmon_unregister"));
+                            "dataplane_geo_disconnect", "dataplane_deinit", "give_back", "wait 20", REGISTER,
+                            "res_init", "dataplane_init", "dataplane_start_server 1700", "res_init",
+                            "dataplane_ns_connect", "res_init", "dataplane_geo_connect", "give_back",
+                            "wait 10", "sysmon_report", REGISTER, "sysmon_unregister"));
 }
 
 /* Nobody clears the request then: the gateway's data plane goes up and down for ever. */
@@ -330,8 +332,9 @@ TEST_F(AppLoop, WithoutOamALostConnectionRestartsTheDataPlaneAgainAndAgain)
     bridge_supervise();
     std::vector<std::string> calls;
     for (int round = 0; round < 3; round++) {
-        for (const char *call : {REGISTER, "res_init", "dataplane_init", "dataplane_start_server 1700",
-                                 "sysmon_unregister", "dataplane_stop_server", "dataplane_deinit", "wait 20"})
+        for (const char *call :
+             {REGISTER, "res_init", "dataplane_init", "dataplane_start_server 1700", "sysmon_unregister",
+              "dataplane_stop_server", "dataplane_deinit", "give_back", "wait 20"})
             calls.push_back(call);
     }
     for (const char *call :

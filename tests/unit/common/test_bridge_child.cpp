@@ -1,15 +1,73 @@
-/* What a child keeps of the daemon's descriptors. */
+/* What a child keeps of the daemon's descriptors, and what is loaded for it before. */
 #include "common/bridge_child.h"
 
 #include "common/bridge_log.h"
 #include "common/bridge_release.h"
 
 #include <array>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <string>
 #include <sys/socket.h>
 #include <sys/wait.h>
+#include <vector>
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+/* ---- name services ---- */
+
+static const char *nsswitch; /* null: there is none */
+static std::vector<std::string> opened;
+static std::vector<std::string> loaded;
+
+// NOLINTBEGIN(bugprone-reserved-identifier): the linker makes the names
+extern "C" FILE *__wrap_fopen64(const char *path, const char *)
+{
+    opened.emplace_back(path);
+    return nsswitch == nullptr ? nullptr : fmemopen(const_cast<char *>(nsswitch), strlen(nsswitch), "r");
+}
+
+extern "C" void *__real_dlopen(const char *name, int flags);
+extern "C" void *__wrap_dlopen(const char *name, int flags)
+{
+    loaded.emplace_back(name);
+    return __real_dlopen(name, flags);
+}
+// NOLINTEND(bugprone-reserved-identifier)
+
+static std::vector<std::string> loaded_by(const char *text)
+{
+    nsswitch = text;
+    loaded.clear();
+    bridge_child_prepare();
+    return loaded;
+}
+
+TEST(BridgeChild, NameServicesOfTheSystemAreLoadedBefore)
+{
+    EXPECT_THAT(
+        loaded_by("passwd: files systemd\n"
+                  "hosts:\tfiles mdns4_minimal [NOTFOUND=return] dns [ !UNAVAIL=return ] no_such # other\n"
+                  "networks: files nowhere\n"),
+        ElementsAre("libnss_mdns4_minimal.so.2", "libnss_no_such.so.2"));
+    EXPECT_THAT(opened, ElementsAre("/etc/nsswitch.conf"));
+    EXPECT_THAT(loaded_by("hosts:resolve"), ElementsAre("libnss_resolve.so.2"));
+}
+
+TEST(BridgeChild, WhatTheCLibraryHasItselfIsNotLoaded)
+{
+    EXPECT_THAT(loaded_by("hosts: files dns\n"), IsEmpty());
+    EXPECT_THAT(loaded_by("#hosts: resolve\nhosts:\n"), IsEmpty());
+    EXPECT_THAT(loaded_by(nullptr), IsEmpty());
+    EXPECT_THAT(loaded_by(("hosts: " + std::string(100, 'a')).c_str()), IsEmpty());
+}
+
+/* ---- descriptors ---- */
 
 static bool is_open(int fd)
 {

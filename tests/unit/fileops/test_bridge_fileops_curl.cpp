@@ -10,6 +10,7 @@
 
 #include <arpa/inet.h>
 #include <curl/curl.h>
+#include <dlfcn.h>
 #include <mutex>
 #include <netinet/in.h>
 #include <poll.h>
@@ -29,6 +30,36 @@ FAILING_CALL(pid_t, fork, (), (), -1)
 FAILING_CALL(FILE *, fdopen, (int fd, const char *mode), (fd, mode), nullptr)
 
 /* ---- neighbours ---- */
+
+static bool library_is_missing;
+
+// NOLINTBEGIN(bugprone-reserved-identifier): the linker makes the names
+extern "C" void *__real_dlopen(const char *name, int flags);
+extern "C" void *__wrap_dlopen(const char *name, int flags)
+{
+    return __real_dlopen(library_is_missing ? "libno-such.so.4" : name, flags);
+}
+
+/* Those that can fail are found here. */
+extern "C" void *__real_dlsym(void *library, const char *name);
+extern "C" void *__wrap_dlsym(void *library, const char *name)
+{
+    static const struct {
+        const char *name;
+        void *function;
+    } rows[] = {
+        {"curl_easy_init", reinterpret_cast<void *>(curl_easy_init)},
+        {"curl_mime_init", reinterpret_cast<void *>(curl_mime_init)},
+        {"curl_mime_addpart", reinterpret_cast<void *>(curl_mime_addpart)},
+        {"curl_url", reinterpret_cast<void *>(curl_url)},
+    };
+    for (const auto &row : rows) {
+        if (strcmp(name, row.name) == 0)
+            return row.function;
+    }
+    return __real_dlsym(library, name);
+}
+// NOLINTEND(bugprone-reserved-identifier)
 
 const bridge_config_root *bridge_config_get_root_checked()
 {
@@ -369,4 +400,17 @@ TEST_F(FileopsCurl, FailuresOfTheLibraryAreTold)
         let_fail(row.call);
         EXPECT_EQ(bridge_fileops_curl_download(server.url().c_str(), target.c_str()), row.download_result);
     }
+}
+
+TEST_F(FileopsCurl, AMissingLibraryFailsTheTransfer)
+{
+    one_answer_server server(ok_reply("body"));
+    library_is_missing = true;
+    EXPECT_EQ(upload(server.url(), file), -EIO);
+    EXPECT_EQ(bridge_fileops_curl_download(server.url().c_str(), target.c_str()), -EIO);
+    library_is_missing = false;
+    static constexpr const char *LINE = "ERROR curl: failed to load library: libno-such.so.4: cannot open "
+                                        "shared object file: No such file or directory";
+    EXPECT_THAT(log.complaints(), ElementsAre(LINE, LINE));
+    EXPECT_THAT(server.requests(), IsEmpty());
 }
