@@ -5,7 +5,6 @@
 #include "converter/control/bridge_performance_management.h"
 #include "fuzz.h"
 #include "fuzz_control.h"
-#include "fuzz_mutate.h"
 
 #include <algorithm>
 
@@ -72,16 +71,8 @@ extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv)
     return 0;
 }
 
-extern "C" size_t LLVMFuzzerCustomMutator(uint8_t *data, size_t size, size_t max_size, unsigned seed)
+static void serve(const fuzz_parts &parts)
 {
-    return fuzz_mutate_parts(data, size, max_size, seed);
-}
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
-{
-    const int descriptor = fuzz_free_descriptor();
-    const fuzz_parts parts = fuzz_split(data, size);
-    fuzz_control_reset(parts.choices, parts.choices_size);
     fuzz_end end = FUZZ_RETURNED;
     for (const std::string &line : parts.lines) {
         if (end == FUZZ_RETURNED)
@@ -91,10 +82,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             });
     }
     FUZZ_REQUIRE(end != FUZZ_EXITED);
-    for (const fuzz_report &report : fuzz_oam.reports)
-        check_report(report);
-    FUZZ_REQUIRE(fuzz_oam.late_answers.empty());
-    FUZZ_REQUIRE(fuzz_control_run(stop_services) == FUZZ_RETURNED);
-    FUZZ_REQUIRE(fuzz_free_descriptor() == descriptor);
-    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    return fuzz_control_service(data, size, serve, check_report, stop_services);
 }

@@ -125,11 +125,8 @@ extern "C" size_t LLVMFuzzerCustomMutator(uint8_t *data, size_t size, size_t max
     return fuzz_mutate_parts(data, size, max_size, seed);
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+static void serve(const fuzz_parts &parts)
 {
-    const int descriptor = fuzz_free_descriptor();
-    const fuzz_parts parts = fuzz_split(data, size);
-    fuzz_control_reset(parts.choices, parts.choices_size);
     for (const std::string &line : parts.lines) {
         const std::string request = request_of(line);
         const fuzz_end end = fuzz_control_run([&] {
@@ -141,6 +138,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             break; /* with the process, or in a child */
     }
     fuzz_control_reset(nullptr, 0);
-    FUZZ_REQUIRE(fuzz_free_descriptor() == descriptor);
-    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    return fuzz_control_input(data, size, serve);
 }

@@ -3,7 +3,6 @@
 #include "common/bridge_json_helpers.h"
 #include "fuzz.h"
 #include "fuzz_control.h"
-#include "fuzz_mutate.h"
 
 static constexpr const char *DESIRED = "gateway/mac/0016C001FF1A2B3C/configuration/desired";
 static constexpr const char *REPORTED = "gateway/mac/0016C001FF1A2B3C/configuration/reported";
@@ -40,28 +39,24 @@ extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv)
     return 0;
 }
 
-extern "C" size_t LLVMFuzzerCustomMutator(uint8_t *data, size_t size, size_t max_size, unsigned seed)
+static void process(const std::string &line)
 {
-    return fuzz_mutate_parts(data, size, max_size, seed);
+    const fuzz_end end = fuzz_control_run([&] {
+        fuzz_control_deliver(DESIRED, line);
+        fuzz_control_run_jobs();
+    });
+    FUZZ_REQUIRE(end == FUZZ_RETURNED);
+    FUZZ_REQUIRE(fuzz_oam.reports.size() <= (is_document(line) ? 1 : 0));
+    FUZZ_REQUIRE(fuzz_oam.late_answers.empty());
+    for (const fuzz_report &report : fuzz_oam.reports)
+        check_report(report);
+    fuzz_oam = {};
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    const int descriptor = fuzz_free_descriptor();
-    const fuzz_parts parts = fuzz_split(data, size);
-    fuzz_control_reset(parts.choices, parts.choices_size);
-    for (const std::string &line : parts.lines) {
-        const fuzz_end end = fuzz_control_run([&] {
-            fuzz_control_deliver(DESIRED, line);
-            fuzz_control_run_jobs();
-        });
-        FUZZ_REQUIRE(end == FUZZ_RETURNED);
-        FUZZ_REQUIRE(fuzz_oam.reports.size() <= (is_document(line) ? 1 : 0));
-        FUZZ_REQUIRE(fuzz_oam.late_answers.empty());
-        for (const fuzz_report &report : fuzz_oam.reports)
-            check_report(report);
-        fuzz_oam = {};
-    }
-    FUZZ_REQUIRE(fuzz_free_descriptor() == descriptor);
-    return 0;
+    return fuzz_control_input(data, size, [](const fuzz_parts &parts) {
+        for (const std::string &line : parts.lines)
+            process(line);
+    });
 }

@@ -313,6 +313,30 @@ fuzz_parts fuzz_split(const uint8_t *data, size_t size)
     return parts;
 }
 
+int fuzz_control_input(const uint8_t *data, size_t size, const std::function<void(const fuzz_parts &)> &work)
+{
+    const int descriptor = fuzz_free_descriptor();
+    const fuzz_parts parts = fuzz_split(data, size);
+    fuzz_control_reset(parts.choices, parts.choices_size);
+    work(parts);
+    FUZZ_REQUIRE(fuzz_free_descriptor() == descriptor);
+    return 0;
+}
+
+int fuzz_control_service(const uint8_t *data, size_t size,
+                         const std::function<void(const fuzz_parts &)> &work,
+                         const std::function<void(const fuzz_report &)> &check,
+                         const std::function<void()> &stop)
+{
+    return fuzz_control_input(data, size, [&](const fuzz_parts &parts) {
+        work(parts);
+        for (const fuzz_report &report : fuzz_oam.reports)
+            check(report);
+        FUZZ_REQUIRE(fuzz_oam.late_answers.empty());
+        FUZZ_REQUIRE(fuzz_control_run(stop) == FUZZ_RETURNED);
+    });
+}
+
 bool fuzz_is_terminated_json(const std::string &body)
 {
     return !body.empty() && body.find('\0') == body.size() - 1 &&

@@ -67,6 +67,17 @@ struct fuzz_parts {
 
 fuzz_parts fuzz_split(const uint8_t *data, size_t size);
 
+/* One whole input: the plane anew with its choices, then the work, which leaves no descriptor open. Returns
+ * 0, what a target returns. */
+int fuzz_control_input(const uint8_t *data, size_t size, const std::function<void(const fuzz_parts &)> &work);
+
+/* The same for services: what they have reported holds the check, no child has answered late, and their stop
+ * comes to its end. */
+int fuzz_control_service(const uint8_t *data, size_t size,
+                         const std::function<void(const fuzz_parts &)> &work,
+                         const std::function<void(const fuzz_report &)> &check,
+                         const std::function<void()> &stop);
+
 /* True for a text with its terminator and nothing behind it, which is one JSON object. */
 bool fuzz_is_terminated_json(const std::string &body);
 

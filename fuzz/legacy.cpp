@@ -6,7 +6,6 @@
 #include "converter/control/bridge_configs_legacy.h"
 #include "fuzz.h"
 #include "fuzz_control.h"
-#include "fuzz_mutate.h"
 
 #include <cstring>
 #include <vector>
@@ -110,18 +109,10 @@ extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv)
     return 0;
 }
 
-extern "C" size_t LLVMFuzzerCustomMutator(uint8_t *data, size_t size, size_t max_size, unsigned seed)
-{
-    return fuzz_mutate_parts(data, size, max_size, seed);
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    const int descriptor = fuzz_free_descriptor();
-    const fuzz_parts parts = fuzz_split(data, size);
-    fuzz_control_reset(parts.choices, parts.choices_size);
-    for (const std::string &line : parts.lines)
-        process(line);
-    FUZZ_REQUIRE(fuzz_free_descriptor() == descriptor);
-    return 0;
+    return fuzz_control_input(data, size, [](const fuzz_parts &parts) {
+        for (const std::string &line : parts.lines)
+            process(line);
+    });
 }
