@@ -76,6 +76,41 @@ _RESTART = (
     r"failed to query (stream|fetch|execution|watch) process( \[\d+\])? status: No child processes",
 )
 
+# Files, folders and programs that cannot be opened, written or run.
+_FILES = (
+    r"failed to (open a state file|get file descriptor: .*|serialize a status)",
+    r"failed to (write|read) config timestamp",
+    r"config timestamp couldn't be (read|written!!)",
+    r"Failed to open config timestamp file \(.*\) for (reading|writing), error: .*",
+    r"failed to (create a state file: .*|create .* directory|create dir .*)",
+    r"failed to open file (.* )?for a new configuration",
+    r"failed to write new configuration",
+    r"failed to extract .* configuration( (read|write))? response",
+    r"child process wasn't completed in time",
+    r"failed to wait for a child",
+    r"failed upgrade config (read|write) for \[.*\]",
+    r"(unable to access|not enough permission to access) the uplink packet filter (lock )?file",
+    r"failed to (open|lock|read) the (backup )?uplink packet filter file",
+    r"failed to write to the (backup )?uplink packet filter file",
+    r"failed to clear the uplink packet filter file before writing",
+    r"failed to write the (DevAddr|JoinEUI) filter list to the uplink packet filter file",
+    r"failed to update the (DevAddr|JoinReq) filter list, error = -?\d+",
+    r"Successfully added response \(failure\) to a LoRa filter rule write request",
+    r"failed to read the (current )?LoRa filter rule.*",
+    r"failed to process LoRa filter rule read response",
+    r"failed to (create a file|write to a file|truncate a file: .*)",
+    r"failed to move .* to .*",
+    r"failed to (start streaming|start fetching|start script execution)",
+    r"failed to scan a directory: -\d+",
+    r"failed to get file entry for: .*",
+    r"(no such file: .*|.* is not found in the tree)",
+    r"failed to (create timestamp file|update timestamp|query timestamp file info): .*",
+    r"failed open log file .*",
+    r"curl: failed to (load|init) library.*",
+    r"Upgrade utility met with an error: .*",  # it keeps its state in a file
+    r".*: (Too many open files|No space left on device|Read-only file system)",
+)
+
 # The work itself brings these: it begins and stops jobs at random, and opens a tunnel to nobody.
 ALWAYS = (
     # What the daemon itself has published, on a topic that it reads.
@@ -100,32 +135,23 @@ ALWAYS = (
 )
 CONNECTION = (*_RESTART, *_CONNECT_FAILS, r"failed to subscribe for (topic: .*|NS topics)")
 AGENT = (*_RESTART,)
-DISK = (
-    r"failed to (open a state file|serialize a status|write config timestamp|read config timestamp)",
-    r"config timestamp couldn't be (read|written!!)",
-    r"Failed to open config timestamp file \(.*\) for (reading|writing), error: .*",
-    r"failed to (create a state file: .*|create .* directory)",
-    r"failed to write to the (backup )?uplink packet filter file",
-    r"failed to write the (DevAddr|JoinEUI) filter list to the uplink packet filter file",
-    r"failed to update the (DevAddr|JoinReq) filter list, error = -?\d+",
-    r"Successfully added response \(failure\) to a LoRa filter rule write request",
-    r"failed to read the (current )?LoRa filter rule.*",
-    r"failed to process LoRa filter rule read response",
-    r"failed open log file .*: No space left on device",
-    r"curl: failed to open file for writing: (No space left on device|Read-only file system)",
-    r"link failed with error: No space left on device",
-    r"failed to (create timestamp file|update timestamp): .*",
-    r"Upgrade utility met with an error: .*",  # it keeps its state there
-)
+DISK = _FILES
 DESCRIPTORS = (
     *_RESTART,
     *_CONNECT_FAILS,
-    r".*: Too many open files",
+    *_FILES,
     r"popen with the upgrade utility failed, got null pointer",
     r"Unable to contact the Upgrade utility .*",
     r"Exiting bsp upgrade thread",
+    r"ERROR opening socket",
+    r"failed to create pipe",
+    r"failed to open (SNMP normal session|the SNMP transport)",
+    r"failed to add mibdir: .*",
 )
-CLOCK = (*_CONNECT_FAILS,)  # certificates have their time
+CLOCK = (
+    *_CONNECT_FAILS,  # certificates have their time
+    r"Failed to (start|stop) bsp upgrade schedule timer .*",
+)
 CHILDREN = (
     r"failed to extract .* configuration( (read|write))? response",
     r"Upgrade utility met with an error: .*",
