@@ -31,9 +31,10 @@ static void load_name_service(const char *word)
             return;
     }
     char name[64];
-    const int length = snprintf(name, sizeof(name), "libnss_%s.so.2", word);
-    /* One that is not installed is passed over by look-ups, too. */
-    if (length < static_cast<int>(sizeof(name)) && dlopen(name, RTLD_NOW) == nullptr)
+    if (snprintf(name, sizeof(name), "libnss_%s.so.2", word) >= static_cast<int>(sizeof(name)))
+        return;
+    const void *library = dlopen(name, RTLD_NOW);
+    if (library == nullptr) /* look-ups pass it over, too */
         BRIDGE_DEBUG("no library of a name service: %s", dlerror());
 }
 

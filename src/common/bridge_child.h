@@ -3,9 +3,7 @@
 #ifndef BRIDGE_CHILD_H
 #define BRIDGE_CHILD_H
 
-/* In the daemon, before the first child and the first look-up of a name: from there on a child may load
- * libraries.
- */
+/* Makes it safe for children to load libraries. In the daemon, before its first look-up of a name. */
 void bridge_child_prepare();
 
 /* Closes all descriptors but the standard ones and `kept`, if one is given, whose new number is returned. The

@@ -243,18 +243,18 @@ void bridge_config_pull_worker_legacy(converter_ctx *ctx, const char *topic, con
 
 /* ---- the gateway's documents ---- */
 
-struct push_data {
+struct legacy_push {
     converter_ctx *ctx;
     char *topic; /* owned */
 };
 
-static void free_push(push_data *data)
+static void free_push(legacy_push *data)
 {
     free(data->topic);
     delete data;
 }
 
-using push_owned = std::unique_ptr<push_data, bridge_release<free_push>>;
+using push_owned = std::unique_ptr<legacy_push, bridge_release<free_push>>;
 
 static int add_head(const converter_ctx *ctx, const cfg_type_legacy &row, json_object *root)
 {
@@ -290,7 +290,7 @@ static void push_document(converter_ctx *ctx, const char *topic, json_object *ro
 }
 
 /* Returns 0, or -1 when the push is to end. */
-static int push_type(const push_data &data, const cfg_type_legacy &row)
+static int push_type(const legacy_push &data, const cfg_type_legacy &row)
 {
     json_owned root(json_object_new_object());
     if (!root) {
@@ -322,7 +322,7 @@ static int push_type(const push_data &data, const cfg_type_legacy &row)
 static void legacy_config_push(void *arg)
 {
     BRIDGE_ASSERT_TEXT(arg != nullptr, "arg != NULL");
-    const push_owned data(static_cast<push_data *>(arg));
+    const push_owned data(static_cast<legacy_push *>(arg));
     BRIDGE_ASSERT_TEXT(data->ctx != nullptr, "ctx != NULL");
     BRIDGE_ASSERT_TEXT(data->topic != nullptr, "topic != NULL");
     const ctx_guard guard(data->ctx);
@@ -337,7 +337,7 @@ int bridge_config_push_launcher_legacy(converter_ctx *ctx, const char *topic)
 {
     BRIDGE_ASSERT(ctx);
     BRIDGE_ASSERT(topic);
-    push_owned data(new (std::nothrow) push_data{.ctx = ctx, .topic = nullptr});
+    push_owned data(new (std::nothrow) legacy_push{.ctx = ctx, .topic = nullptr});
     if (!data) {
         BRIDGE_ERROR("failed to allocate memory for config data container");
         return 0;
