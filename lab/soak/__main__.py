@@ -23,19 +23,34 @@ def _arguments() -> argparse.Namespace:
         " breaks one thing after the other. Status 0 when all held.",
     )
     parser.add_argument("minutes", type=float, metavar="MINUTES")
-    parser.add_argument("--seed", type=int, default=1, metavar="N", help="decides what is broken when, and the set-up (1)")
+    parser.add_argument(
+        "--seed", type=int, default=1, metavar="N", help="decides what is broken when, and the set-up (1)"
+    )
     parser.add_argument("--json", type=Path, metavar="FILE", help="writes the figures there")
     parser.add_argument("--keep", type=Path, metavar="FOLDER", help="keeps the logs there")
     return parser.parse_args()
 
 
 def _run_in_namespaces() -> int:
-    """Again, as the first process of namespaces whose end is the end of everything in them."""
+    """Again, in namespaces whose end is the end of everything in them. The shell is their first process: it collects
+    what the daemon's children leave behind."""
     as_user = [] if os.geteuid() == 0 else ["--user", "--map-root-user"]
-    command = ["unshare", *as_user, "--net", "--mount", "--pid", "--fork", "--kill-child", "--mount-proc", "--"]
-    command += [sys.executable, "-B", "-m", "lab.soak", *sys.argv[1:]]
+    command = [
+        "unshare",
+        *as_user,
+        "--net",
+        "--mount",
+        "--pid",
+        "--fork",
+        "--kill-child",
+        "--mount-proc",
+        "--",
+    ]
+    command += ["/bin/sh", "-c", '"$@"; exit $?', "sh", sys.executable, "-B", "-m", "lab.soak", *sys.argv[1:]]
     environment = {name: value for name, value in os.environ.items() if not name.lower().endswith("_proxy")}
-    return subprocess.run(command, env={**environment, "SNMPCONFPATH": os.devnull, "MIBS": "", _INSIDE: "yes"}, check=False).returncode
+    return subprocess.run(
+        command, env={**environment, "SNMPCONFPATH": os.devnull, "MIBS": "", _INSIDE: "yes"}, check=False
+    ).returncode
 
 
 def _soak(args: argparse.Namespace) -> int:

@@ -25,11 +25,14 @@ class World(Protocol):
     uplinks: Uplinks
     operations: Operations
 
-    def publish_to_network(self, topic: str, payload: bytes) -> None: ...
+    def publish_to_network(self, topic: str, payload: bytes) -> None:
+        ...
 
-    def publish_to_operations(self, topic: str, payload: bytes) -> None: ...
+    def publish_to_operations(self, topic: str, payload: bytes) -> None:
+        ...
 
-    def restart_forwarder(self) -> None: ...
+    def restart_forwarder(self) -> None:
+        ...
 
     downlink_topic: str
 
@@ -218,7 +221,9 @@ def _junk(rng: random.Random) -> bytes:
 
 
 def _datagram(rng: random.Random) -> bytes:
-    header = bytes((rng.choice((0, 1, 2, 3)), rng.randrange(256), rng.randrange(256), rng.choice((0, 2, 5, 9))))
+    header = bytes(
+        (rng.choice((0, 1, 2, 3)), rng.randrange(256), rng.randrange(256), rng.choice((0, 2, 5, 9)))
+    )
     return header + bytes.fromhex(MAC) + _junk(rng)[:1200]
 
 

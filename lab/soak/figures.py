@@ -41,7 +41,9 @@ def _uplinks(soaks: list[dict[str, Any]]) -> list[str]:
         "seed", "sent", "acknowledged", "published", "without PUSH_ACK",
         "acknowledged on a whole connection, not published",
     )  # fmt: skip
-    return _table(head, [(str(soak["seed"]), *(str(soak["uplinks"][name]) for name in names)) for soak in soaks])
+    return _table(
+        head, [(str(soak["seed"]), *(str(soak["uplinks"][name]) for name in names)) for soak in soaks]
+    )
 
 
 def _excused(soaks: list[dict[str, Any]]) -> list[str]:

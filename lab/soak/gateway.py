@@ -108,7 +108,12 @@ class Gateway:
     """`on_line` is called on a thread of its own for each line of the log."""
 
     def __init__(
-        self, programs: Programs, folder: Path, network: Network, plan: Plan, on_line: Callable[[LogLine], None]
+        self,
+        programs: Programs,
+        folder: Path,
+        network: Network,
+        plan: Plan,
+        on_line: Callable[[LogLine], None],
     ) -> None:
         self._programs = programs
         self._folder = folder

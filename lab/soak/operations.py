@@ -96,7 +96,9 @@ class _Asked:
 class Operations:
     """`publish` drops what comes while its server is away. Callbacks on any thread; `tick` on one."""
 
-    def __init__(self, seed: int, is_native: bool, publish: Publish, fail: Callable[[str], None], files: FileServer) -> None:
+    def __init__(
+        self, seed: int, is_native: bool, publish: Publish, fail: Callable[[str], None], files: FileServer
+    ) -> None:
         self._rng = random.Random(seed)
         self._publish = publish
         self._fail = fail

@@ -21,8 +21,12 @@ class Plan:
 
     @property
     def words(self) -> str:
-        servers = "a server each for network and operations" if self.has_two_servers else "one server for both"
-        alarms = f"alarms asked for every {self.events_seconds} s" if self.events_seconds else "alarms notified"
+        servers = (
+            "a server each for network and operations" if self.has_two_servers else "one server for both"
+        )
+        alarms = (
+            f"alarms asked for every {self.events_seconds} s" if self.events_seconds else "alarms notified"
+        )
         return f"seed {self.seed}: dialect {self.dialect.name}, {servers}, {alarms}"
 
 

@@ -65,7 +65,9 @@ class Report:
             "acknowledgements of downlinks": uplinks.tx_acks,
         }
         if self.uplinks.lost:
-            self.fail(f"{self.uplinks.lost} uplinks were acknowledged on a whole connection and never published")
+            self.fail(
+                f"{self.uplinks.lost} uplinks were acknowledged on a whole connection and never published"
+            )
         if not self.uplinks.published:
             self.fail("no uplink was published")
         self._compare()
@@ -114,7 +116,9 @@ class Report:
         print(f"\n{self.plan.words}; {self.seconds / 60:.1f} minutes")
         for name, seconds in told["kinds"].items():
             longest, middle = max(seconds), statistics.median(seconds)
-            print(f"  {name:<24} {len(seconds):3} times, up again after {middle:5.1f} s, longest {longest:5.1f} s")
+            print(
+                f"  {name:<24} {len(seconds):3} times, up again after {middle:5.1f} s, longest {longest:5.1f} s"
+            )
         for part in ("uplinks", "operations", "other", "first", "last"):
             print(f"  {part}: {told[part]}")
         print(f"  {self.error_lines} ERROR lines; most memory {self.highest_anonymous_kib} KiB")

@@ -74,7 +74,11 @@ class Soak:
         self._files = FileServer(host=SERVERS)
         self.uplinks = Uplinks(plan.dialect, MAC, plan.seed, self.report.fail)
         self.operations = Operations(
-            plan.seed, plan.dialect.name == "native", self.publish_to_operations, self.report.fail, self._files
+            plan.seed,
+            plan.dialect.name == "native",
+            self.publish_to_operations,
+            self.report.fail,
+            self._files,
         )
         self.gateway = Gateway(programs, folder, self.network, plan, self._log_line)
         topic_mac = MAC.upper() if plan.dialect.name == "native" else MAC
@@ -123,6 +127,10 @@ class Soak:
             self._start()
             self._break_things()
             self._end()
+        except OSError:
+            if not self._is_over():
+                raise
+            self._conclude()  # what is done to a daemon that has ended fails
         finally:
             self._close()
         return self.report
@@ -157,10 +165,10 @@ class Soak:
         end = self._begin + self._seconds
         first_calm = self._begin + min(_FIRST_CALM_SECONDS, self._seconds / 4)
         while time.monotonic() < end and not self._is_over():
-            if self.report.first is None and time.monotonic() >= first_calm:
-                self.report.first = self._calm()
             self._episode()
             self._stay(self._rng.uniform(2, 8))
+            if self.report.first is None and time.monotonic() >= first_calm:
+                self.report.first = self._calm()
 
     def _next_kind(self) -> Kind:
         """Each kind once, in an order that the seed gives, then anew; the floods first, so that the first look at the
@@ -293,9 +301,13 @@ class Soak:
         self._check_states()
         if not self._active and not self._is_calm and self.report.episodes:
             if now - self.uplinks.last_round() > _SILENCE_SECONDS:
-                self.report.fail(f"no uplink has come through for {_SILENCE_SECONDS:.0f} s, and nothing is broken")
+                self.report.fail(
+                    f"no uplink has come through for {_SILENCE_SECONDS:.0f} s, and nothing is broken"
+                )
             if now - self.operations.last_answer() > _SILENCE_SECONDS:
-                self.report.fail(f"no command was answered for {_SILENCE_SECONDS:.0f} s, and nothing is broken")
+                self.report.fail(
+                    f"no command was answered for {_SILENCE_SECONDS:.0f} s, and nothing is broken"
+                )
 
     def _check_states(self) -> None:
         for path, form in _STATES:
@@ -372,6 +384,9 @@ class Soak:
             fate = self.gateway.stop_daemon(_STOP_SECONDS)
             if fate != "the daemon ended with status 0":
                 self.report.fail(f"{fate}, when asked by SIGUSR2")
+        self._conclude()
+
+    def _conclude(self) -> None:
         self.report.conclude(self.uplinks, self.operations, time.monotonic() - self._begin)
 
     def _close(self) -> None:

@@ -60,7 +60,9 @@ class Uplinks:
         self._proof_from = time.monotonic()
         self._broken_at = 0.0
         self._last: Uplink | None = None
-        self._arrivals: list[tuple[float, float]] = []  # sent, arrived; of the last ones that were acknowledged too
+        self._arrivals: list[
+            tuple[float, float]
+        ] = []  # sent, arrived; of the last ones that were acknowledged too
         self.downlinks_sent = self.downlinks_received = self.tx_acks = self.statistics = 0
         self._token = 0
         self._fcnt_down = 0
@@ -183,7 +185,9 @@ class Uplinks:
             spans = [Span(span.begin, span.end, span.reason) for span in self._spans]
             told = UplinkFigures()
             place = 0
-            for sent in sorted((each for each in self._sent.values() if each.at < limit), key=lambda s: s.acked):
+            for sent in sorted(
+                (each for each in self._sent.values() if each.at < limit), key=lambda s: s.acked
+            ):
                 told.sent += 1
                 told.published += bool(sent.arrived)
                 told.acknowledged += bool(sent.acked)
