@@ -126,6 +126,7 @@ ALWAYS = (
     r"invalid (xfer|exe) ID received: -?\d+",
     r"log retrieval is (already started|not running)",
     r"non-existing file transaction",
+    r"failed to de-serialize params",  # a chunk that overtook the start of its own, larger upload
     r"reverse SSH is not running",
     r"reverse ssh process is still running",
     r"ssh: error connecting to 127\.0\.0\.1:9: .*",

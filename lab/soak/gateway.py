@@ -88,7 +88,13 @@ def _clock_library() -> str:
     return str(found[0])
 
 
-def _environment(folder: Path, clock: Path) -> dict[str, str]:
+def _preloaded(binary: Path) -> str:
+    """The library of a sanitizer comes first, or refuses to work."""
+    used = subprocess.run(["ldd", str(binary)], capture_output=True, text=True, check=False).stdout
+    return " ".join([*re.findall(r"=> (\S*/lib[at]san\S*)", used), _clock_library()])
+
+
+def _environment(binary: Path, folder: Path, clock: Path) -> dict[str, str]:
     return {
         "PATH": f"{GATEWAY_PROGRAMS}:/usr/sbin:/usr/bin:/sbin:/bin",
         "HOME": str(folder),
@@ -97,7 +103,7 @@ def _environment(folder: Path, clock: Path) -> dict[str, str]:
         "MIBS": "",
         "SANDBOX_GATEWAY": "yes",
         "SSL_CERT_FILE": str(folder / "trusted.crt"),
-        "LD_PRELOAD": _clock_library(),
+        "LD_PRELOAD": _preloaded(binary),
         "FAKETIME_TIMESTAMP_FILE": str(clock),
         "FAKETIME_CACHE_DURATION": "1",
         "FAKETIME_DONT_FAKE_MONOTONIC": "1",
@@ -151,7 +157,7 @@ class Gateway:
             )  # fmt: skip
         )
         command = sandboxed(self._folder, self._programs.daemon, ["--stderr", "--config", str(config)])
-        environment = _environment(self._folder, self._clock)
+        environment = _environment(self._programs.daemon, self._folder, self._clock)
         self._daemon = self._network.in_gateway(
             lambda: Child("the daemon", command, self._take_line, environment)
         )

@@ -312,7 +312,7 @@ def test_the_library_is_in_the_job_and_not_in_the_daemon(gateway: FileGateway) -
     with faulty(gateway.http, Fault.STALLS):
         job = gateway.start(FETCH, path="shm/data.bin", url=url)
         wait_request(gateway.http)
-        assert "libcurl" in Path(f"/proc/{job.pid}/maps").read_text()
+        wait_until(lambda: "libcurl" in Path(f"/proc/{job.pid}/maps").read_text(), "the library in the job")
         assert "libcurl" not in Path(f"/proc/{gateway.pid}/maps").read_text()
         gateway.end(job)
 

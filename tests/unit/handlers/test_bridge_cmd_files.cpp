@@ -335,7 +335,7 @@ TEST_F(CmdFiles, AStopEndsTheJobOfThatId)
         files = {};
         context.*job.slot = 4711;
         EXPECT_EQ(call(job.stop, stop_request(job, 4711)), status("ok"));
-        EXPECT_THAT(files.calls, ElementsAre(join({job.word, " stop 4711"})));
+        EXPECT_THAT(files.calls, ElementsAre(join({job.word, " stop 4711"}), "forget 4711"));
         EXPECT_EQ(context.*job.slot, -1);
     }
 }
