@@ -17,7 +17,7 @@ class Peer:
         self,
         port: int,
         topics: dict[str, Callable[[str, bytes], None]],
-        on_connected: Callable[[], None],
+        on_connected: Callable[[Peer], None],
         fail: Callable[[str], None],
     ) -> None:
         self._fail = fail
@@ -34,7 +34,7 @@ class Peer:
 
     def _connected(self, client: mqtt.Client, *_: object) -> None:
         client.subscribe([(topic, 1) for topic in self._topics])
-        self._on_connected()
+        self._on_connected(self)
 
     def _arrived(self, _client: mqtt.Client, _data: object, message: mqtt.MQTTMessage) -> None:
         try:

@@ -146,7 +146,7 @@ class Soak:
             self._peers = [Peer(self.servers[0].plain_port, {**network, **topics}, self._switch_on, fail)]
         else:
             self._peers = [
-                Peer(self.servers[0].plain_port, network, lambda: None, fail),
+                Peer(self.servers[0].plain_port, network, lambda _: None, fail),
                 Peer(self.servers[1].plain_port, topics, self._switch_on, fail),
             ]
         self.gateway.start_daemon(self.servers[0], self.servers[-1])
@@ -157,9 +157,9 @@ class Soak:
             self.gateway.write(f"/usr/share/snv-mqtt-bridge/scripts/{name}", content, 0o755)
         self.gateway.write("/var/log/soak.log", b"a line of a log\n" * 2000, 0o644)
 
-    def _switch_on(self) -> None:
+    def _switch_on(self, peer: Peer) -> None:
         """Kept by the server, which forgets it when it is killed: the gateway gets it each time that it connects."""
-        self._peers[-1].publish(CAPABILITIES_TOPIC, self.operations.capabilities(), retain=True)
+        peer.publish(CAPABILITIES_TOPIC, self.operations.capabilities(), retain=True)
 
     def _break_things(self) -> None:
         end = self._begin + self._seconds
