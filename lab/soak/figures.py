@@ -1,8 +1,11 @@
-"""Puts the figures of soaks into a page: figures PAGE FILE..., with the files that scripts/soak --json has written."""
+"""Puts the figures of soaks that ran side by side into a page: figures PAGE FILE..., with the files that scripts/soak
+--json has written, on the machine that they ran on."""
 
 from __future__ import annotations
 
 import json
+import os
+import re
 import statistics
 import sys
 from collections import Counter
@@ -72,12 +75,18 @@ def _traffic(soaks: list[dict[str, Any]]) -> list[str]:
         (name, [soak[part] for soak in soaks]) for part in ("operations", "other") for name in soaks[0][part]
     ]
     rows = [(name, *(str(each[name]) for each in counted)) for name, counted in parts]
-    rows.append(("ERROR lines, each explained", *(str(soak["error lines"]) for soak in soaks)))
+    rows.append(("ERROR lines", *(str(soak["error lines"]) for soak in soaks)))
     return _table(("", *(f"seed {soak['seed']}" for soak in soaks)), rows)
 
 
+def machine() -> str:
+    model = re.search(r"^model name\s*: (.*)$", Path("/proc/cpuinfo").read_text(), re.MULTILINE)
+    return f"{model[1] if model else os.uname().machine}, {os.cpu_count()} CPUs, Linux {os.uname().release}"
+
+
 def page_of(soaks: list[dict[str, Any]]) -> str:
-    lines = [f"- {soak['plan']}; {soak['seconds'] / 60:.0f} minutes" for soak in soaks]
+    lines = [f"{machine()}; {len(soaks)} side by side.", ""]
+    lines += [f"- {soak['plan']}; {soak['seconds'] / 60:.0f} minutes" for soak in soaks]
     for part in (_faults(soaks), _uplinks(soaks), _excused(soaks), _resources(soaks), _traffic(soaks)):
         lines += ["", *part]
     for soak in soaks:
