@@ -112,6 +112,8 @@ class LateAnswers:
         self._text = ""
 
     def take(self, payload: bytes) -> Iterator[Any]:
+        if parsed(payload) is not None:
+            self._text = ""  # the rest of a text that a loss has cut off would hide all that follows
         self._text += payload.decode(errors="replace")
         decoder = json.JSONDecoder()
         while self._text:

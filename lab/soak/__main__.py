@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import argparse
 import os
+import signal
 import subprocess
 import sys
 import tempfile
@@ -31,29 +32,30 @@ def _arguments() -> argparse.Namespace:
     return parser.parse_args()
 
 
-def _run_in_namespaces() -> int:
-    """Again, in namespaces whose end is the end of everything in them. The shell is their first process: it collects
-    what the daemon's children leave behind."""
+def _run_in_namespaces(folder: Path) -> int:
+    """Again, in namespaces whose end is the end of everything in them, and which end with this process. The shell is
+    their first process: it collects what the daemon's children leave behind."""
     as_user = [] if os.geteuid() == 0 else ["--user", "--map-root-user"]
     command = [
+        "setpriv",
+        "--pdeathsig",
+        "KILL",
+        "--",
         "unshare",
         *as_user,
         "--net",
         "--mount",
         "--pid",
         "--fork",
-        "--kill-child",
-        "--mount-proc",
-        "--",
     ]
-    command += ["/bin/sh", "-c", '"$@"; exit $?', "sh", sys.executable, "-B", "-m", "lab.soak", *sys.argv[1:]]
+    command += ["--kill-child", "--mount-proc", "--", "/bin/sh", "-c", '"$@"; exit $?', "sh"]
+    command += [sys.executable, "-B", "-m", "lab.soak", *sys.argv[1:]]
     environment = {name: value for name, value in os.environ.items() if not name.lower().endswith("_proxy")}
-    return subprocess.run(
-        command, env={**environment, "SNMPCONFPATH": os.devnull, "MIBS": "", _INSIDE: "yes"}, check=False
-    ).returncode
+    own = {"SNMPCONFPATH": os.devnull, "MIBS": "", _INSIDE: str(folder)}
+    return subprocess.run(command, env={**environment, **own}, check=False).returncode
 
 
-def _soak(args: argparse.Namespace) -> int:
+def _soak(args: argparse.Namespace, folder: Path) -> int:
     from lab.soak.plan import plan_of
     from lab.soak.soak import Soak
 
@@ -63,29 +65,36 @@ def _soak(args: argparse.Namespace) -> int:
         Path(binary).resolve() if binary else build / "snv_mqtt_bridge",
         Path(os.environ.get("SNV_LAB_AGENT") or build / "lab" / "agent" / "lab_agent").resolve(),
     )
-    with tempfile.TemporaryDirectory(prefix="snv-soak-") as made:
-        folder = args.keep or Path(made)
-        folder.mkdir(parents=True, exist_ok=True)
-        report = Soak(programs, plan_of(args.seed), folder.resolve(), args.minutes).run()
+    report = Soak(programs, plan_of(args.seed), folder, args.minutes).run()
     report.show()
     if args.json:
         report.write(args.json)
     return 0 if report.is_clean() else 1
 
 
+def _end(number: int, _frame: object) -> None:
+    sys.exit(128 + number)
+
+
 def main() -> int:
     args = _arguments()
-    if os.environ.get(_INSIDE):
-        return _soak(args)
+    if inside := os.environ.get(_INSIDE):
+        return _soak(args, Path(inside))
     try:
         if not os.environ.get("SNV_BRIDGE"):
             build_programs(_ROOT, StopRequest())
-        return _run_in_namespaces()
     except Interrupted:
         return 130
     except BuildFailed as failure:
         print(f"FAILED      {failure}", file=sys.stderr)
         return 1
+    for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+        signal.signal(number, _end)
+    if args.keep:
+        args.keep.mkdir(parents=True, exist_ok=True)
+        return _run_in_namespaces(args.keep.resolve())
+    with tempfile.TemporaryDirectory(prefix="snv-soak-") as folder:
+        return _run_in_namespaces(Path(folder).resolve())
 
 
 if __name__ == "__main__":

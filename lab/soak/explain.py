@@ -111,6 +111,17 @@ _FILES = (
     r".*: (Too many open files|No space left on device|Read-only file system)",
 )
 
+# Those of them that a full or read-only disk and a lack of descriptors bring, and little else.
+UNREADABLE = (
+    r"failed to (open a state file|serialize a status|write config timestamp|read config timestamp)",
+    r"Failed to open config timestamp file .*",
+    r"config timestamp couldn't be (read|written!!)",
+    r"failed to write to the (backup )?uplink packet filter file",
+    r"(unable to access|not enough permission to access) the uplink packet filter (lock )?file",
+    r"popen with the upgrade utility failed, got null pointer",
+    r".*: (Too many open files|No space left on device|Read-only file system)",
+)
+
 # The work itself brings these: it begins and stops jobs at random, and opens a tunnel to nobody.
 ALWAYS = (
     # What the daemon itself has published, on a topic that it reads.
@@ -134,11 +145,13 @@ ALWAYS = (
     r"curl: failed to open file for reading: No such file or directory",
     r"curl: failed to map a file: .*",  # of a file that is being fetched
 )
-CONNECTION = (*_RESTART, *_CONNECT_FAILS, r"failed to subscribe for (topic: .*|NS topics)")
-AGENT = (*_RESTART,)
+CONNECTION = (*_CONNECT_FAILS, r"failed to subscribe for (topic: .*|NS topics)")
+# From the loss of a connection, or from what has another restart begin, until both planes are up.
+RESTART = _RESTART
+AGENT = _UNASKED
 DISK = _FILES
 DESCRIPTORS = (
-    *_RESTART,
+    *_UNASKED,
     *_CONNECT_FAILS,
     *_FILES,
     r"popen with the upgrade utility failed, got null pointer",
@@ -148,6 +161,7 @@ DESCRIPTORS = (
     r"failed to create pipe",
     r"failed to open (SNMP normal session|the SNMP transport)",
     r"failed to add mibdir: .*",
+    r"failed to start the (bulk configuration|bulk upgrade|performance management) service",
 )
 CLOCK = (
     *_CONNECT_FAILS,  # certificates have their time
@@ -156,6 +170,22 @@ CLOCK = (
 CHILDREN = (
     r"failed to extract .* configuration( (read|write))? response",
     r"Upgrade utility met with an error: .*",
+)
+# What a fault has begun and takes longer than it: transfers, programs that are waited for, requests in a silent agent.
+LATE = (
+    *_UNASKED,
+    r"curl: .*",
+    r"child process wasn't completed in time",
+    r"failed to extract .* configuration( (read|write))? response",
+    r"Upgrade utility met with an error: .*",
+    r"failed open log file .*",
+    r"failed to (open pipe for sending|prepare and send) async response.*",
+    r"config timestamp couldn't be (read|written!!)",
+    r"failed to (write|read) config timestamp",
+)
+# Words of the C library and of sanitizers, without a level.
+BROKEN = (
+    r".*(Sanitizer|runtime error:|Assertion|terminate called|free\(\)|malloc|corrupt|stack smashing|\*\*\*).*"
 )
 LOAD = ()
 JUNK = (

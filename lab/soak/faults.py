@@ -6,14 +6,15 @@ import os
 import random
 import signal
 import socket
+import time
 from collections.abc import Iterator
 from dataclasses import dataclass
 from typing import Callable, Protocol
 
-from lab.soak.explain import AGENT, CHILDREN, CLOCK, CONNECTION, DESCRIPTORS, DISK, JUNK, LOAD
-from lab.soak.gateway import MAC, STATE, STATUS_PORT, TRAP_PORT, UDP_PORT, Gateway
+from lab.soak.explain import AGENT, CHILDREN, CLOCK, CONNECTION, DESCRIPTORS, DISK, JUNK, LOAD, UNREADABLE
+from lab.soak.gateway import DISKS, MAC, STATE, STATUS_PORT, TRAP_PORT, UDP_PORT, Gateway
 from lab.soak.network import Network
-from lab.soak.operations import Operations
+from lab.soak.operations import CAPABILITIES_TOPIC, Operations
 from lab.soak.servers import MqttServer
 from lab.soak.uplinks import Uplinks
 
@@ -32,6 +33,12 @@ class World(Protocol):
         ...
 
     def restart_forwarder(self) -> None:
+        ...
+
+    def bit(self, kind: str) -> None:
+        """A fault that leaves no line tells that it has broken something."""
+
+    def fail(self, words: str) -> None:
         ...
 
     downlink_topic: str
@@ -60,7 +67,15 @@ def _server_with_another_certificate(world: World, rng: random.Random) -> Iterat
     server = rng.choice(world.servers)
     server.kill()
     server.start("foreign")
+    began = time.monotonic()
     yield
+    ends = []
+    if server is world.servers[0]:
+        ends.append(world.uplinks.last_round())
+    if server is world.servers[-1]:
+        ends.append(world.operations.last_answer())
+    if max(ends) > began + 1:
+        world.fail("the daemon talks to a server with another certificate")
     server.kill()
     server.start()
 
@@ -139,14 +154,19 @@ def _forwarder_restarted(world: World, _rng: random.Random) -> Iterator[None]:
 
 
 def _disk_full(world: World, _rng: random.Random) -> Iterator[None]:
-    world.gateway.inside("sh", "-c", "cat /dev/zero >/var/filled")
+    for folder in DISKS:
+        world.gateway.inside("sh", "-c", f"! cat /dev/zero >{folder}/filled")
+    world.operations.start_all_kinds()
     yield
-    world.gateway.inside("rm", "-f", "/var/filled")
+    for folder in DISKS:
+        world.gateway.inside("rm", "-f", f"{folder}/filled")
 
 
 def _state_read_only(world: World, _rng: random.Random) -> Iterator[None]:
     world.gateway.inside("mount", "--bind", STATE, STATE)
     world.gateway.inside("mount", "-o", "remount,bind,ro", STATE)
+    world.gateway.inside("sh", "-c", f"! touch {STATE}/tried")
+    world.operations.start_all_kinds()
     yield
     world.gateway.inside("umount", "-l", STATE)
 
@@ -154,6 +174,17 @@ def _state_read_only(world: World, _rng: random.Random) -> Iterator[None]:
 def _descriptors_exhausted(world: World, rng: random.Random) -> Iterator[None]:
     before = world.gateway.descriptor_limit()
     world.gateway.set_descriptor_limit(world.gateway.descriptors() + rng.randrange(0, 3))
+    world.operations.start_all_kinds()
+    yield
+    world.gateway.set_descriptor_limit(before)
+
+
+def _restart_without_descriptors(world: World, rng: random.Random) -> Iterator[None]:
+    before = world.gateway.descriptor_limit()
+    world.gateway.set_descriptor_limit(rng.randrange(8, 20))
+    for server in world.servers:
+        server.kill()
+        server.start()
     yield
     world.gateway.set_descriptor_limit(before)
 
@@ -177,6 +208,7 @@ def _children_killed(world: World, rng: random.Random) -> Iterator[None]:
         if rng.random() < 0.7:
             try:
                 os.kill(child, signal.SIGKILL)
+                world.bit("children killed")
             except ProcessLookupError:
                 continue
 
@@ -222,7 +254,7 @@ def _junk(rng: random.Random) -> bytes:
 
 def _datagram(rng: random.Random) -> bytes:
     header = bytes(
-        (rng.choice((0, 1, 2, 3)), rng.randrange(256), rng.randrange(256), rng.choice((0, 2, 5, 9)))
+        (rng.choice((0, 1, 2, 3)), rng.randrange(256), rng.randrange(256), rng.choice((0, 1, 3, 5, 9)))
     )
     return header + bytes.fromhex(MAC) + _junk(rng)[:1200]
 
@@ -232,10 +264,11 @@ def _junk_on_topics(world: World, rng: random.Random) -> Iterator[None]:
         world.publish_to_operations(rng.choice(world.operations.junk_topics), _junk(rng))
         world.publish_to_network(world.downlink_topic, _junk(rng))
     yield
+    world.publish_to_operations(CAPABILITIES_TOPIC, world.operations.capabilities())
 
 
 def _junk_on_ports(world: World, rng: random.Random) -> Iterator[None]:
-    """A PULL_DATA from here would take the forwarder's downlinks, which only its next one brings back."""
+    """No PULL_DATA, which would take the forwarder's downlinks."""
     for port in (UDP_PORT, TRAP_PORT):
         with world.gateway.connect(socket.SOCK_DGRAM, port) as sender:
             for _ in range(_FLOOD_JUNK):
@@ -243,8 +276,11 @@ def _junk_on_ports(world: World, rng: random.Random) -> Iterator[None]:
                     sender.send(_datagram(rng))
                 except OSError:
                     break  # nobody listens there
-    with world.gateway.connect(socket.SOCK_STREAM, STATUS_PORT) as client:
-        client.sendall(rng.randbytes(5000))
+    try:
+        with world.gateway.connect(socket.SOCK_STREAM, STATUS_PORT) as client:
+            client.sendall(rng.randbytes(5000))
+    except ConnectionError:
+        pass  # it need not hear all of it
     yield
 
 
@@ -253,9 +289,19 @@ class Kind:
     name: str
     run: Fault
     seconds: tuple[float, float]  # how long it stays
-    touches_connection: bool
+    touches: str  # what need not go on while it stays: "connection", "agent" or nothing
     recovery: float  # within so many seconds of its end both planes are up
     explains: tuple[str, ...]
+    bites: tuple[str, ...]  # lines that show that it has broken something; none where nothing shows
+
+    @property
+    def touches_connection(self) -> bool:
+        return self.touches == "connection"
+
+    @property
+    def may_restart(self) -> bool:
+        """A service that cannot start asks for a restart as well as a lost connection does."""
+        return self.touches_connection or self.explains in (DESCRIPTORS, DISK, AGENT, JUNK)
 
 
 # A plane that lost its server: up to 10 s to the next tick; up to 120 s for the longest wait of a command that
@@ -265,39 +311,47 @@ _RESTART = 200.0
 _AGENT = 120.0
 _BUSY = 60.0
 
+_LOST = (r"mqtt connection lost.*",)
+_REFUSED = (r".*certificate verify failed.*",)
+_SILENT = (r"no response from SNMP agent",)
+
 # fmt: off
 KINDS = (
-    Kind("flood of commands",        _flood_of_commands,               (2, 5),   False, _AGENT,   LOAD),
-    Kind("junk on topics",           _junk_on_topics,                  (2, 5),   False, _RESTART, JUNK),
-    Kind("flood of downlinks",       _flood_of_downlinks,              (2, 5),   False, _BUSY,    LOAD),
-    Kind("junk on ports",            _junk_on_ports,                   (2, 5),   False, _BUSY,    JUNK),
-    Kind("server killed",            _server_killed,                   (2, 30),  True,  _RESTART, CONNECTION),
-    Kind("server stopped",           _server_frozen,                   (2, 50),  True,  _RESTART, CONNECTION),
-    Kind("another certificate",      _server_with_another_certificate, (5, 30),  True,  _RESTART, CONNECTION),
-    Kind("restart amid work",        _server_restarted_amid_work,      (1, 4),   True,  _RESTART, CONNECTION),
-    Kind("network cut",              _network_cut,                     (2, 50),  True,  _RESTART, CONNECTION),
-    Kind("cable pulled",             _cable_pulled,                    (2, 50),  True,  _RESTART, CONNECTION),
-    Kind("network slow",             _network_slow,                    (5, 30),  True,  _RESTART, CONNECTION),
-    Kind("network lossy",            _network_lossy,                   (5, 30),  True,  _RESTART, CONNECTION),
-    Kind("agent killed",             _agent_killed,                    (2, 30),  False, _AGENT,   AGENT),
-    Kind("agent silent",             _agent_silent,                    (2, 40),  False, _AGENT,   AGENT),
-    Kind("agent slow",               _agent_slow,                      (5, 20),  False, _AGENT,   AGENT),
-    Kind("forwarder restarted",      _forwarder_restarted,             (1, 2),   False, _BUSY,    ()),
-    Kind("disk full",                _disk_full,                       (5, 20),  False, _BUSY,    DISK),
-    Kind("state read-only",          _state_read_only,                 (5, 20),  False, _BUSY,    DISK),
-    Kind("descriptors exhausted",    _descriptors_exhausted,           (5, 20),  False, _RESTART, DESCRIPTORS),
-    Kind("clock ahead",              _clock_ahead,                     (5, 20),  False, _BUSY,    CLOCK),
-    Kind("clock back",               _clock_back,                      (5, 20),  False, _BUSY,    CLOCK),
-    Kind("children killed",          _children_killed,                 (1, 4),   False, _BUSY,    CHILDREN),
+    Kind("flood of commands",       _flood_of_commands,               (2, 5),   "agent",      _AGENT,   LOAD,        ()),
+    Kind("junk on topics",          _junk_on_topics,                  (2, 5),   "agent",      _RESTART, JUNK,        JUNK),
+    Kind("flood of downlinks",      _flood_of_downlinks,              (2, 5),   "agent",      _BUSY,    LOAD,        ()),
+    Kind("junk on ports",           _junk_on_ports,                   (2, 5),   "agent",      _BUSY,    JUNK,        JUNK),
+    Kind("server killed",           _server_killed,                   (2, 90),  "connection", _RESTART, CONNECTION,  _LOST),
+    Kind("server stopped",          _server_frozen,                   (2, 90),  "connection", _RESTART, CONNECTION,  _LOST),
+    Kind("another certificate",     _server_with_another_certificate, (45, 80), "connection", _RESTART, CONNECTION,  _REFUSED),
+    Kind("restart amid work",       _server_restarted_amid_work,      (1, 4),   "connection", _RESTART, CONNECTION,  _LOST),
+    Kind("network cut",             _network_cut,                     (2, 90),  "connection", _RESTART, CONNECTION,  _LOST),
+    Kind("cable pulled",            _cable_pulled,                    (2, 90),  "connection", _RESTART, CONNECTION,  _LOST),
+    Kind("network slow",            _network_slow,                    (5, 30),  "connection", _RESTART, CONNECTION,  ()),
+    Kind("network lossy",           _network_lossy,                   (5, 30),  "connection", _RESTART, CONNECTION,  ()),
+    Kind("agent killed",            _agent_killed,                    (2, 60),  "agent",      _AGENT,   AGENT,       _SILENT),
+    Kind("agent silent",            _agent_silent,                    (2, 60),  "agent",      _AGENT,   AGENT,       _SILENT),
+    Kind("agent slow",              _agent_slow,                      (5, 20),  "agent",      _AGENT,   AGENT,       ()),
+    Kind("forwarder restarted",     _forwarder_restarted,             (1, 2),   "",           _BUSY,    (),          ()),
+    Kind("disk full",               _disk_full,                       (5, 30),  "",           _BUSY,    DISK,        UNREADABLE),
+    Kind("state read-only",         _state_read_only,                 (5, 30),  "",           _BUSY,    DISK,        UNREADABLE),
+    Kind("descriptors exhausted",   _descriptors_exhausted,           (5, 20),  "agent",      _RESTART, DESCRIPTORS, UNREADABLE),
+    Kind("restart, no descriptors", _restart_without_descriptors,     (5, 60),  "connection", _RESTART, DESCRIPTORS, _LOST),
+    Kind("clock ahead",             _clock_ahead,                     (5, 30),  "",           _BUSY,    CLOCK,       ()),
+    Kind("clock back",              _clock_back,                      (5, 30),  "",           _BUSY,    CLOCK,       ()),
+    Kind("children killed",         _children_killed,                 (1, 4),   "",           _BUSY,    CHILDREN,    ()),
 )
 # fmt: on
+# It tells by itself whether it has broken something.
+TELLS = ("children killed",)
 
 # A fault may come while another one stays, but for those that would undo each other.
 _SERVERS = ("server killed", "server stopped", "another certificate", "restart amid work")
 _WAY = ("network cut", "cable pulled", "network slow", "network lossy")
 _AGENTS = ("agent killed", "agent silent", "agent slow")
 _CLOCKS = ("clock ahead", "clock back")
-_EXCLUSIVE = (_SERVERS, _WAY, _AGENTS, _CLOCKS)
+_LIMITS = ("descriptors exhausted", "restart, no descriptors")
+_EXCLUSIVE = (_SERVERS, _WAY, _AGENTS, _CLOCKS, _LIMITS, (*_SERVERS, "restart, no descriptors"))
 
 
 def go_together(one: Kind, other: Kind) -> bool:

@@ -12,6 +12,8 @@ from collections import Counter
 from pathlib import Path
 from typing import Any
 
+from lab.soak.faults import KINDS, TELLS
+
 _BEGIN, _END = "<!-- soak figures: begin -->", "<!-- soak figures: end -->"
 
 Row = tuple[str, ...]
@@ -31,18 +33,23 @@ def _faults(soaks: list[dict[str, Any]]) -> list[str]:
     for soak in soaks:
         for name, seconds in soak["kinds"].items():
             kinds.setdefault(name, []).extend(seconds)
+
+    def seen(name: str) -> str:
+        is_seen = any(kind.name == name and (kind.bites or name in TELLS) for kind in KINDS)
+        return str(sum(soak["bit"].get(name, 0) for soak in soaks)) if is_seen else ""
+
     rows = [
-        (name, str(len(seconds)), f"{statistics.median(seconds):.1f}", f"{max(seconds):.1f}")
+        (name, str(len(seconds)), seen(name), f"{statistics.median(seconds):.1f}", f"{max(seconds):.1f}")
         for name, seconds in sorted(kinds.items())
     ]
-    return _table(("fault", "times", "up again after, s: median", "longest"), rows)
+    return _table(("fault", "times", "seen in the log", "up again after, s: median", "longest"), rows)
 
 
 def _uplinks(soaks: list[dict[str, Any]]) -> list[str]:
-    names = ("sent", "acknowledged", "published", "unanswered", "lost")
+    names = ("sent", "acknowledged", "published", "unanswered", "ignored", "lost")
     head = (
         "seed", "sent", "acknowledged", "published", "without PUSH_ACK",
-        "acknowledged on a whole connection, not published",
+        "of these on a whole connection", "acknowledged on a whole connection, not published",
     )  # fmt: skip
     return _table(
         head, [(str(soak["seed"]), *(str(soak["uplinks"][name]) for name in names)) for soak in soaks]

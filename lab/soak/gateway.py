@@ -27,8 +27,9 @@ STATE = "/var/lib/sarnivel-mqtt-bridge"
 KEEPALIVE_SECONDS = 10
 _FAKETIME = "/usr/lib/*/faketime/libfaketimeMT.so.1"
 _NAMESPACES = ("--mount", "--ipc")
-_DISK_KIB = 32 * 1024  # of /var
-_LINE = re.compile(r"\S+ [\d:.]{12}\S+ \[\d+\]\[(\w+) *\] (\S+?):\d+ (.*)")
+DISKS = ("/var", "/tmp", "/dev/shm")
+_DISK_KIB = 32 * 1024  # of each
+_LINE = re.compile(r"\d{4}-\d\d-\d\d [\d:.]{12}\S+ \[\d+\]\[(\w+) *\] (\S+?):\d+ (.*)")
 
 _CONFIG = """\
 [ns]
@@ -165,16 +166,18 @@ class Gateway:
         self._daemon = self._network.in_gateway(
             lambda: Child("the daemon", command, self._take_line, environment)
         )
-        self._inside_retried("mount", "-o", f"remount,size={_DISK_KIB}k", "/var")
-        self._inside_retried("sh", "-c", "mkdir -p /run/queues && mount -t mqueue queues /run/queues")
+        self._wait_for_folders()
+        for folder in DISKS:
+            self.inside("mount", "-o", f"remount,size={_DISK_KIB}k", folder)
+        self.inside("sh", "-c", "mkdir /run/queues && mount -t mqueue queues /run/queues")
 
     def _take_line(self, line: str) -> None:
         at = time.monotonic()
         self._log.write(f"{at:.3f} {line}\n")
-        if found := _LINE.fullmatch(line):
+        if found := _LINE.search(line):
             self._on_line(LogLine(at, found[1], found[2], found[3]))
-        elif line.startswith(("Assertion", "ERROR: ")):
-            self._on_line(LogLine(at, "ASSERT", "", line))
+        else:
+            self._on_line(LogLine(at, "", "", line))
 
     @property
     def pid(self) -> int:
@@ -201,17 +204,20 @@ class Gateway:
     # What is around it.
 
     def inside(self, *command: str) -> subprocess.CompletedProcess[str]:
-        """A command in the daemon's folders and queues."""
+        """A command in the daemon's folders and queues. Raises OSError when it fails."""
         enter = ["nsenter", "-t", str(self.pid), *_NAMESPACES, "--", *command]
-        return subprocess.run(enter, capture_output=True, text=True, check=False)
+        result = subprocess.run(enter, capture_output=True, text=True, check=False)
+        if result.returncode != 0:
+            raise OSError(f"{' '.join(command)}: {result.stderr}")
+        return result
 
-    def _inside_retried(self, *command: str) -> None:
-        """The folders are made by the process that becomes the daemon."""
+    def _wait_for_folders(self) -> None:
+        """The process that becomes the daemon makes them first; the list of leaks lies in the last one."""
         end = time.monotonic() + 10.0
-        while (result := self.inside(*command)).returncode != 0:
+        while self.read("/run/leaks") is None:
             if time.monotonic() > end:
-                raise RuntimeError(f"{command}: {result.stderr}")
-            time.sleep(0.1)
+                raise OSError("the daemon's folders are not made")
+            time.sleep(0.05)
 
     def set_clock(self, seconds: float) -> None:
         """Its time of day beside the right one, for all that look from now on; within a second."""

@@ -5,11 +5,10 @@ from __future__ import annotations
 import json
 import random
 import re
-import threading
 import time
 from collections import deque
 from collections.abc import Iterator
-from dataclasses import replace
+from dataclasses import dataclass, replace
 from pathlib import Path
 
 from lab.demo.build import Programs
@@ -32,12 +31,16 @@ _RATE = 20.0  # uplinks a second
 _STAT_SECONDS = 10.0
 _FIRST_CALM_SECONDS = 300.0
 _LOOK_SECONDS = 5.0
-# Without a fault the planes never rest longer: a command may wait for others that wait for the agent.
-_SILENCE_SECONDS = 90.0
+# What nothing touches never rests longer: a command may wait for others that wait for the agent.
+_UPLINK_SILENCE_SECONDS = 20.0
+_ANSWER_SILENCE_SECONDS = 90.0
 # What a keep-alive takes to find a connection's end, and a little more.
 _STEADY_SECONDS = KEEPALIVE_SECONDS * 1.5
-# A line may tell of a fault that has gone: a transfer's own limit of time, a program that is waited for.
+# A line may tell of a fault that has just gone; some lines, of what one has begun, take longer.
+_SHORT_ECHO_SECONDS = 5.0
 _ECHO_SECONDS = 60.0
+# A connection may be found broken so long after what has broken it.
+_LATE_BREAK_SECONDS = 45.0
 _STOP_SECONDS = 60.0
 _CALM_SECONDS = 200.0
 _SETTLED_LOOKS = 15  # a second each
@@ -55,6 +58,22 @@ _STATES = (
     (f"{STATE}/config_update_timestamp", re.compile(rb"(.{8})?", re.DOTALL)),
 )
 _FILTERS = "/var/lib/sarnivel-lora-hal/uplink-filter-list"
+
+
+def _broken_by(line: LogLine) -> str | None:
+    return next((reason for text, reason in _BROKEN_BY.items() if line.text.startswith(text)), None)
+
+
+@dataclass
+class Stay:
+    """A fault in its time, which ends when both planes are up again."""
+
+    kind: Kind
+    begin: float
+    end: float = float("inf")
+
+    def covers(self, moment: float, echo: float) -> bool:
+        return self.begin <= moment <= self.end + echo
 
 
 class Soak:
@@ -87,14 +106,14 @@ class Soak:
         self._forwarder: Forwarder | None = None
         self._peers: list[Peer] = []
         self._lines: deque[LogLine] = deque()
-        self._active: list[Kind] = []
-        self._explained_until: dict[str, float] = {}
-        self._kinds = {kind.name: kind for kind in KINDS}
+        self._stays: list[Stay] = []
+        self._restart_since: float | None = None  # a restart may bring lines of its own from then on
+        self._restart_until = 0.0
+        self._free: dict[str, float] = {}  # since when nothing touches "connection", "agent"
         self._turn: list[Kind] = []
         self._is_calm = False
         self._next_look = 0.0
         self._filters_whole = True
-        self._lock = threading.Lock()
 
     def _say(self, text: str) -> None:
         print(f"{time.monotonic() - self._begin:7.1f} {text}", flush=True)
@@ -189,37 +208,46 @@ class Soak:
         first = self._next_kind()
         kinds = [first]
         if self._rng.random() < 0.25:
-            other = self._rng.choice([kind for kind in KINDS if go_together(first, kind)])
-            kinds.append(other)
+            kinds.append(self._rng.choice([kind for kind in KINDS if go_together(first, kind)]))
         mends: list[tuple[float, Kind, Iterator[None]]] = []
-        now = time.monotonic()
+        stays: list[Stay] = []
         for kind in kinds:
-            stays = self._rng.uniform(*kind.seconds)
-            seed = self._rng.randrange(2**32)
-            self._say(f"{kind.name}, for {stays:.0f} s")
-            with self._lock:
-                self._active.append(kind)
-            if kind.touches_connection:
-                self.uplinks.touched(kind.name)
-            fault = kind.run(self, random.Random(seed))
+            seconds = self._rng.uniform(*kind.seconds)
+            rng = random.Random(self._rng.randrange(2**32))
+            self._say(f"{kind.name}, for {seconds:.0f} s")
+            stays.append(self._begin_stay(kind))
+            fault = kind.run(self, rng)
             next(fault)
-            mends.append((now + stays, kind, fault))
-        for until, kind, fault in sorted(mends, key=lambda mend: mend[0]):
+            mends.append((time.monotonic() + seconds, kind, fault))
+        for until, _, fault in sorted(mends, key=lambda mend: mend[0]):
             self._stay(until - time.monotonic())
             next(fault, None)
-        self.uplinks.released()
-        self._recover(kinds)
+        self._recover(stays)
 
-    def _recover(self, kinds: list[Kind]) -> None:
+    def _begin_stay(self, kind: Kind) -> Stay:
+        stay = Stay(kind, time.monotonic())
+        self._stays.append(stay)
+        if kind.touches_connection:
+            self.uplinks.touched(kind.name)
+        return stay
+
+    def bit(self, kind: str) -> None:
+        self.report.bit(kind, max(stay.begin for stay in self._stays if stay.kind.name == kind))
+
+    def fail(self, words: str) -> None:
+        self.report.fail(words)
+
+    def _recover(self, stays: list[Stay]) -> None:
+        self.uplinks.released()
         mended = time.monotonic()
+        kinds = [stay.kind for stay in stays]
         allowed = sum(kind.recovery for kind in kinds)
         up_at = self._wait_steady(mended, allowed, any(kind.touches_connection for kind in kinds))
         took = (up_at or time.monotonic()) - mended
         self.report.episodes.append(Episode(tuple(kind.name for kind in kinds), took, up_at is not None))
-        with self._lock:
-            self._active = []
-            for kind in kinds:
-                self._explained_until[kind.name] = time.monotonic() + _ECHO_SECONDS
+        for stay in stays:
+            stay.end = time.monotonic()
+        self._restart_until = time.monotonic() + _SHORT_ECHO_SECONDS
         if up_at is not None:
             self._say(f"    up after {took:.1f} s")
         elif not self._is_over():
@@ -242,13 +270,22 @@ class Soak:
             since = time.monotonic()
 
     def _wait_up(self, since: float, seconds: float) -> float | None:
-        """When an uplink and a command that were sent after the moment had come through."""
+        """When an uplink, a command and a downlink that were sent after the moment had come through."""
         end = time.monotonic() + seconds
+        next_downlink = 0.0
         while time.monotonic() < end and not self._is_over():
+            if time.monotonic() >= next_downlink:
+                next_downlink = time.monotonic() + 1.0
+                for topic, payload in self.uplinks.downlinks(1):
+                    self.publish_to_network(topic, payload)
             self._work(0.1)
-            uplink, answer = self.uplinks.first_round_since(since), self.operations.first_answer_since(since)
-            if uplink and answer:
-                return max(uplink, answer)
+            came = (
+                self.uplinks.first_round_since(since),
+                self.operations.first_answer_since(since),
+                self.uplinks.first_downlink_since(since),
+            )
+            if all(came):
+                return max(moment for moment in came if moment)
         return None
 
     def _stay(self, seconds: float) -> None:
@@ -273,41 +310,77 @@ class Soak:
         return fate is not None
 
     def _log_line(self, line: LogLine) -> None:
-        for text, reason in _BROKEN_BY.items():
-            if line.text.startswith(text):
-                self.uplinks.broke(reason)
-        if line.level in ("ERROR", "ASSERT"):
+        if reason := _broken_by(line):
+            self.uplinks.broke(reason)
+        if line.level not in ("DEBUG", "TRACE"):
             self._lines.append(line)
 
     def _judge_lines(self) -> None:
-        now = time.monotonic()
-        with self._lock:
-            recent = [self._kinds[name] for name, until in self._explained_until.items() if until > now]
-            kinds = [*self._active, *recent]
-        patterns = {pattern for kind in kinds for pattern in kind.explains} | set(explain.ALWAYS)
         while self._lines:
             line = self._lines.popleft()
-            self.report.error_lines += 1
-            if line.level == "ASSERT" or not explain.explains(patterns, line.text):
-                self.report.unexplained(line.text, [kind.name for kind in kinds])
+            self._follow_restart(line)
+            for stay in self._stays:
+                if stay.covers(line.at, _SHORT_ECHO_SECONDS) and explain.explains(stay.kind.bites, line.text):
+                    self.report.bit(stay.kind.name, stay.begin)
+            if line.level == "ERROR" or (not line.level and explain.explains((explain.BROKEN,), line.text)):
+                self.report.error_lines += 1
+                if not self._is_explained(line):
+                    beside = [stay.kind.name for stay in self._stays if stay.covers(line.at, _ECHO_SECONDS)]
+                    self.report.unexplained(line.text, beside)
+
+    def _is_explained(self, line: LogLine) -> bool:
+        patterns = set(explain.ALWAYS)
+        for stay in self._stays:
+            if stay.covers(line.at, _SHORT_ECHO_SECONDS):
+                patterns.update(stay.kind.explains)
+            if stay.kind.explains and stay.covers(line.at, _ECHO_SECONDS):
+                patterns.update(explain.LATE)
+        if self._restart_since is not None and line.at >= self._restart_since:
+            patterns.update(explain.RESTART)
+        return explain.explains(patterns, line.text)
+
+    def _follow_restart(self, line: LogLine) -> None:
+        """A restart is one that a fault explains, and explains lines itself until the planes are up."""
+        if self._restart_since is not None and line.at > self._restart_until > self._restart_since:
+            self._restart_since = None
+        if _broken_by(line) is None:
+            return
+        if self._restart_since is None:
+            self._restart_since = line.at
+            causes = [stay for stay in self._stays if stay.covers(line.at, _LATE_BREAK_SECONDS)]
+            if not any(stay.kind.may_restart for stay in causes):
+                self.report.fail(f"a restart that nothing explains: {line.text}")
 
     def _look(self) -> None:
         now = time.monotonic()
         try:
             seen = self.gateway.resources()
-        except OSError:
+        except (OSError, KeyError):
             return  # it has just ended
         self.report.highest_anonymous_kib = max(self.report.highest_anonymous_kib, seen.anonymous_kib)
         self._check_states()
-        if not self._active and not self._is_calm and self.report.episodes:
-            if now - self.uplinks.last_round() > _SILENCE_SECONDS:
-                self.report.fail(
-                    f"no uplink has come through for {_SILENCE_SECONDS:.0f} s, and nothing is broken"
-                )
-            if now - self.operations.last_answer() > _SILENCE_SECONDS:
-                self.report.fail(
-                    f"no command was answered for {_SILENCE_SECONDS:.0f} s, and nothing is broken"
-                )
+        self._check_silence(now)
+
+    def _check_silence(self, now: float) -> None:
+        """What no fault touches goes on, also while one stays."""
+        touched = {stay.kind.touches for stay in self._stays if stay.end == float("inf")}
+        if self._restart_since is not None:
+            touched.add("connection")
+        if "connection" in touched:
+            touched.add("agent")
+        for name in ("connection", "agent"):
+            if name in touched:
+                self._free[name] = now
+        uplink = max(self.uplinks.last_round(), self._free.get("connection", self._begin))
+        answer = max(self.operations.last_answer(), self._free.get("agent", self._begin))
+        if self.report.episodes and now - uplink > _UPLINK_SILENCE_SECONDS:
+            self.report.fail(
+                f"no uplink came through for {_UPLINK_SILENCE_SECONDS:.0f} s, and nothing is in its way"
+            )
+        if self.report.episodes and now - answer > _ANSWER_SILENCE_SECONDS:
+            self.report.fail(
+                f"no command was answered for {_ANSWER_SILENCE_SECONDS:.0f} s, and nothing is in its way"
+            )
 
     def _check_states(self) -> None:
         for path, form in _STATES:
@@ -333,16 +406,13 @@ class Soak:
         self._is_calm, self.operations.works = True, False
         self._say("calm: the planes are restarted, and what the daemon holds is counted")
         self._wait_for_children()
-        calm = Kind("calm", KINDS[0].run, (0, 0), True, _CALM_SECONDS, explain.CONNECTION)
-        with self._lock:
-            self._active = [calm]
-            self._kinds[calm.name] = calm
-        self.uplinks.touched(calm.name)
+        stay = self._begin_stay(
+            Kind("calm", KINDS[0].run, (0, 0), "connection", _CALM_SECONDS, explain.CONNECTION, ())
+        )
         for server in self.servers:
             server.kill()
             server.start()
-        self.uplinks.released()
-        self._recover([calm])
+        self._recover([stay])
         del self.report.episodes[-1]
         seen = self._settled_resources()
         self._say(f"    {seen}")
@@ -381,12 +451,14 @@ class Soak:
         if not self._is_over():
             self._stay(LATE_SECONDS + 1)
             self._judge_lines()
+            self._restart_since, self._restart_until = time.monotonic(), float("inf")
             fate = self.gateway.stop_daemon(_STOP_SECONDS)
             if fate != "the daemon ended with status 0":
                 self.report.fail(f"{fate}, when asked by SIGUSR2")
         self._conclude()
 
     def _conclude(self) -> None:
+        self._judge_lines()
         self.report.conclude(self.uplinks, self.operations, time.monotonic() - self._begin)
 
     def _close(self) -> None:

@@ -2,6 +2,8 @@
 
 from __future__ import annotations
 
+import base64
+import bisect
 import random
 import threading
 import time
@@ -14,6 +16,8 @@ from lab.gateway.lorawan import UNCONFIRMED_DOWN, build_frame, parse_frame
 
 # What is acknowledged so shortly before a connection breaks may be under way in it, and lost with it.
 MARGIN_SECONDS = 1.0
+# The forwarder waits no longer for one.
+_ACK_SECONDS = 1.0
 # From the acknowledgement to the server, over a slow cable too.
 LATE_SECONDS = 20.0
 
@@ -41,6 +45,7 @@ class UplinkFigures:
     published: int = 0
     unanswered: int = 0
     lost: int = 0  # acknowledged on a whole connection
+    ignored: int = 0  # sent on a whole connection, and never acknowledged
     excused: dict[str, int] = field(default_factory=dict)  # acknowledged, not published, by the reason
 
 
@@ -64,6 +69,8 @@ class Uplinks:
             tuple[float, float]
         ] = []  # sent, arrived; of the last ones that were acknowledged too
         self.downlinks_sent = self.downlinks_received = self.tx_acks = self.statistics = 0
+        self._downlinks: dict[bytes, float] = {}  # when they were sent, of the last ones
+        self._delivered: list[tuple[float, float]] = []  # sent, received; of the last ones that came
         self._token = 0
         self._fcnt_down = 0
 
@@ -111,8 +118,11 @@ class Uplinks:
                     for frame in frames:
                         self._sent[frame].acked = now
                         self._note_round(self._sent[frame])
-                case semtech.DownlinkReceived():
+                case semtech.DownlinkReceived(txpk):
                     self.downlinks_received += 1
+                    at = self._downlinks.pop(base64.b64decode(str(txpk.get("data", ""))), None)
+                    if at is not None:
+                        self._delivered = [*self._delivered[-50:], (at, now)]
 
     def _note_round(self, sent: _Sent) -> None:
         if sent.acked and sent.arrived:
@@ -122,6 +132,11 @@ class Uplinks:
         """When the first uplink that was sent after it was both acknowledged and published."""
         with self._lock:
             return min((done for at, done in self._arrivals if at >= moment), default=None)
+
+    def first_downlink_since(self, moment: float) -> float | None:
+        """When the first downlink that was sent after it reached the forwarder."""
+        with self._lock:
+            return min((done for at, done in self._delivered if at >= moment), default=None)
 
     def last_round(self) -> float:
         with self._lock:
@@ -174,15 +189,21 @@ class Uplinks:
                 UNCONFIRMED_DOWN, parse_frame(uplink.frame).dev_addr, 0, self._fcnt_down, 1, size
             )
             self.downlinks_sent += 1
+            with self._lock:
+                self._downlinks[frame] = time.monotonic()
             yield self._dialect.write_downlink(uplink, frame, 1, self._token, self._mac)
 
     # The verdict.
+
+    def _was_whole(self, moment: float) -> bool:
+        place = bisect.bisect_right(self._spans, moment, key=lambda span: span.begin) - 1
+        return place >= 0 and not self._spans[place].reason and moment + _ACK_SECONDS < self._spans[place].end
 
     def figures(self) -> UplinkFigures:
         """Of all that was sent long enough ago."""
         with self._lock:
             limit = time.monotonic() - LATE_SECONDS
-            spans = [Span(span.begin, span.end, span.reason) for span in self._spans]
+            spans = self._spans
             told = UplinkFigures()
             place = 0
             for sent in sorted(
@@ -192,6 +213,8 @@ class Uplinks:
                 told.published += bool(sent.arrived)
                 told.acknowledged += bool(sent.acked)
                 told.unanswered += not sent.acked
+                if not sent.acked:
+                    told.ignored += self._was_whole(sent.at)
                 if not sent.acked or sent.arrived:
                     continue
                 while spans[place].end <= sent.acked:

@@ -20,12 +20,13 @@ sys.path.append(str(REPOSITORY))
 from lab.demo.dialects import DIALECTS  # noqa: E402
 from lab.gateway import forwarder  # noqa: E402
 from lab.gateway.devices import Radio, lab_devices  # noqa: E402
+from lab.operations.client import LateAnswers  # noqa: E402
 from lab.soak import explain, figures, uplinks  # noqa: E402
 from lab.soak.faults import KINDS, go_together  # noqa: E402
 from lab.soak.gateway import Resources  # noqa: E402
 from lab.soak.operations import Operations  # noqa: E402
 from lab.soak.plan import plan_of  # noqa: E402
-from lab.soak.report import GROWTH_KIB, SETTLED_SECONDS, Report  # noqa: E402
+from lab.soak.report import GROWTH_KIB, SETTLED_SECONDS, Episode, Report  # noqa: E402
 
 MAC = "0016c001ff1a2b3c"
 TOPIC = "gateway/rx"
@@ -223,6 +224,47 @@ def test_what_is_held_at_the_end_is_what_was_held_at_first(
     if complaint:
         (told,) = report.failures
         assert told.startswith(complaint)
+
+
+def concluded(books: Books, report: Report) -> Report:
+    report.first = report.last = HELD
+    operations = Operations(1, True, lambda *_: None, lambda _: None, _NoFiles())  # type: ignore[arg-type]
+    books.clock.now += uplinks.LATE_SECONDS + 1
+    report.conclude(books.uplinks, operations, SETTLED_SECONDS)
+    return report
+
+
+def test_uplinks_that_a_whole_connection_does_not_acknowledge_are_told(books: Books) -> None:
+    for _ in range(10):
+        books.send()
+    for _ in range(6):
+        books.send(acked=False, published=0)
+    books.send()
+    assert list(concluded(books, Report(plan_of(1), lambda _: None)).failures) == [
+        "6 uplinks were sent on a whole connection and never acknowledged"
+    ]
+
+
+@pytest.mark.parametrize(("times", "bitten", "is_clean"), [(2, 0, True), (3, 0, False), (3, 1, True)])
+def test_a_fault_that_breaks_nothing_is_told(books: Books, times: int, bitten: int, is_clean: bool) -> None:
+    books.send()
+    report = Report(plan_of(1), lambda _: None)
+    report.episodes = [Episode(("server killed", "clock back"), 1.0, True)] * times
+    for begin in range(bitten):
+        report.bit("server killed", float(begin))
+    concluded(books, report)
+    assert list(report.failures) == ([] if is_clean else ["server killed came 3 times and broke nothing"])
+
+
+def test_a_late_answer_that_was_cut_off_hides_none_behind_it() -> None:
+    late = LateAnswers()
+    assert not list(late.take(b'{"requestId":1,"respo'))
+    assert list(late.take(b'{"requestId":2}')) == [{"requestId": 2}]
+    assert not list(late.take(b'{"requestId":3,'))
+    assert list(late.take(b'"response":[]}{"requestId":4}')) == [
+        {"requestId": 3, "response": []},
+        {"requestId": 4},
+    ]
 
 
 # --- the cable ---
