@@ -145,7 +145,8 @@ ALWAYS = (
     r"curl: failed to open file for reading: No such file or directory",
     r"curl: failed to map a file: .*",  # of a file that is being fetched
 )
-CONNECTION = (*_CONNECT_FAILS, r"failed to subscribe for (topic: .*|NS topics)")
+# A publish may find the connection broken before the log says so.
+CONNECTION = (*_CONNECT_FAILS, *_REPORTS_FAIL, r"failed to subscribe for (topic: .*|NS topics)")
 # From the loss of a connection, or from what has another restart begin, until both planes are up.
 RESTART = _RESTART
 AGENT = _UNASKED
@@ -153,7 +154,10 @@ DISK = _FILES
 DESCRIPTORS = (
     *_UNASKED,
     *_CONNECT_FAILS,
+    *_REPORTS_FAIL,
     *_FILES,
+    r"Can't open message queue for reading .*",
+    r"failed to (create|open) message queue for .*",
     r"popen with the upgrade utility failed, got null pointer",
     r"Unable to contact the Upgrade utility .*",
     r"Exiting bsp upgrade thread",

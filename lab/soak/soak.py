@@ -405,6 +405,7 @@ class Soak:
         """What the daemon holds behind a restart of both planes with nothing else to do."""
         self._is_calm, self.operations.works = True, False
         self._say("calm: the planes are restarted, and what the daemon holds is counted")
+        self.operations.ask("logRetrieveStop", {})  # else its watcher stays
         self._wait_for_children()
         stay = self._begin_stay(
             Kind("calm", KINDS[0].run, (0, 0), "connection", _CALM_SECONDS, explain.CONNECTION, ())
