@@ -60,6 +60,12 @@ class Rig:
         self.bridge.wait_for_log("Publish to: gateway/rx", count=IN_FLIGHT + 1)
         return tokens
 
+    def fill_the_pipe(self) -> None:
+        """And the handler waits with one more, the queue behind it with another."""
+        for number in range(PIPE_SLOTS + 2):
+            self.server.publish(NATIVE.downlink, full_downlink(number))
+        self.bridge.wait_for_log("bytes written to pipe: [4096]", count=PIPE_SLOTS)
+
     def wait_acknowledged(self, tokens: list[int]) -> None:
         for token in tokens:
             self.forwarder.wait_push_ack(token)
@@ -81,10 +87,8 @@ def test_a_handler_that_waits_holds_up_no_acknowledgement(
 ) -> None:
     rig = Rig(run_config, cleanup)
     tokens = rig.hold_the_worker()
-    for number in range(PIPE_SLOTS + 2):
-        rig.server.publish(NATIVE.downlink, full_downlink(number))
+    rig.fill_the_pipe()
     rig.bridge.wait_for_log("received a publish on topic: gateway/tx", count=PIPE_SLOTS + 2)
-    rig.bridge.wait_for_log("bytes written to pipe: [4096]", count=PIPE_SLOTS)
     assert len(rig.bridge.log.find("bytes written to pipe")) == PIPE_SLOTS, "the handler waits for room"
     rig.server.release()
     rig.wait_acknowledged(tokens)
@@ -113,9 +117,7 @@ def test_acknowledgements_come_through_behind_a_flood(
     """The worker waits for them, and the handlers for the worker."""
     rig = Rig(run_config, cleanup)
     tokens = rig.hold_the_worker()
-    for number in range(PIPE_SLOTS + 2):
-        rig.server.publish(NATIVE.downlink, full_downlink(number))
-    rig.bridge.wait_for_log("bytes written to pipe: [4096]", count=PIPE_SLOTS)
+    rig.fill_the_pipe()
     for _ in range(FLOOD):
         rig.server.publish(NATIVE.downlink, b"{}")
     rig.server.release()
