@@ -11,6 +11,7 @@ from collections.abc import Iterator
 from dataclasses import dataclass, replace
 from pathlib import Path
 
+from lab.agent.process import Refused
 from lab.demo.build import Programs
 from lab.gateway.devices import Radio, lab_devices
 from lab.gateway.forwarder import Forwarder
@@ -146,10 +147,11 @@ class Soak:
             self._start()
             self._break_things()
             self._end()
-        except OSError:
+        except (OSError, ValueError, Refused) as problem:
+            # What is done to a daemon that has ended fails; anything else is the soak's own fault, and told.
             if not self._is_over():
-                raise
-            self._conclude()  # what is done to a daemon that has ended fails
+                self.report.fail(f"the soak cannot go on: {problem!r}")
+            self._conclude()
         finally:
             self._close()
         return self.report
