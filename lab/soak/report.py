@@ -112,7 +112,7 @@ class Report:
     def figures(self) -> dict[str, Any]:
         kinds: dict[str, list[float]] = {}
         for episode in self.episodes:
-            for kind in episode.kinds:
+            for kind in episode.kinds if episode.is_up else ():
                 kinds.setdefault(kind, []).append(episode.seconds)
         return {
             "plan": self.plan.words,

@@ -112,7 +112,7 @@ class Soak:
         self._restart_until = 0.0
         self._free: dict[str, float] = {}  # since when nothing touches "connection", "agent"
         self._turn: list[Kind] = []
-        self._is_calm = False
+        self._is_loaded = True  # uplinks and probes go on
         self._next_look = 0.0
         self._filters_whole = True
 
@@ -361,7 +361,8 @@ class Soak:
             return  # it has just ended
         self.report.highest_anonymous_kib = max(self.report.highest_anonymous_kib, seen.anonymous_kib)
         self._check_states()
-        self._check_silence(now)
+        if self._is_loaded and self.report.episodes:
+            self._check_silence(now)
 
     def _check_silence(self, now: float) -> None:
         """What no fault touches goes on, also while one stays."""
@@ -375,11 +376,11 @@ class Soak:
                 self._free[name] = now
         uplink = max(self.uplinks.last_round(), self._free.get("connection", self._begin))
         answer = max(self.operations.last_answer(), self._free.get("agent", self._begin))
-        if self.report.episodes and now - uplink > _UPLINK_SILENCE_SECONDS:
+        if now - uplink > _UPLINK_SILENCE_SECONDS:
             self.report.fail(
                 f"no uplink came through for {_UPLINK_SILENCE_SECONDS:.0f} s, and nothing is in its way"
             )
-        if self.report.episodes and now - answer > _ANSWER_SILENCE_SECONDS:
+        if now - answer > _ANSWER_SILENCE_SECONDS:
             self.report.fail(
                 f"no command was answered for {_ANSWER_SILENCE_SECONDS:.0f} s, and nothing is in its way"
             )
@@ -405,7 +406,7 @@ class Soak:
 
     def _calm(self) -> Resources | None:
         """What the daemon holds behind a restart of both planes with nothing else to do."""
-        self._is_calm, self.operations.works = True, False
+        self.operations.works = False
         self._say("calm: the planes are restarted, and what the daemon holds is counted")
         self.operations.ask("logRetrieveStop", {})  # else its watcher stays
         self._wait_for_children()
@@ -419,7 +420,7 @@ class Soak:
         del self.report.episodes[-1]
         seen = self._settled_resources()
         self._say(f"    {seen}")
-        self._is_calm, self.operations.works = False, True
+        self.operations.works = True
         return seen
 
     def _wait_for_children(self) -> None:
@@ -449,6 +450,7 @@ class Soak:
     def _end(self) -> None:
         if not self._is_over():
             self.report.last = self._calm()
+        self._is_loaded = False
         if self._forwarder:
             self._forwarder.stop_pushing()
         if not self._is_over():
