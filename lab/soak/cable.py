@@ -1,7 +1,7 @@
 """The cable between two networks, as a process of its own: it carries packets from one TUN device to the other,
 late, lossy or not at all.
 
-    cable LEFT RIGHT        descriptors of the two devices
+    cable LEFT RIGHT SEED   descriptors of the two devices, and what its losses and delays are drawn from
 
 A line on standard input is how it carries from now on: DELAY_MS JITTER_MS LOSS, where LOSS is a share of 1; the cable
 is cut at 1. The kernel's own means for this, a netem queue, is not in every kernel.
@@ -21,12 +21,12 @@ _QUEUE_LIMIT = 20000  # packets; what does not fit is lost, as in any queue
 
 
 class _Cable:
-    def __init__(self, left: int, right: int) -> None:
+    def __init__(self, left: int, right: int, seed: int) -> None:
         self._other = {left: right, right: left}
         self._under_way: list[tuple[float, int, int, bytes]] = []
         self._number = 0
         self._delay = self._jitter = self._loss = 0.0
-        self._rng = random.Random()
+        self._rng = random.Random(seed)
 
     def obey(self, line: str) -> None:
         delay, jitter, self._loss = (float(word) for word in line.split())
@@ -84,4 +84,4 @@ class _Cable:
 
 
 if __name__ == "__main__":
-    _Cable(int(sys.argv[1]), int(sys.argv[2])).run()
+    _Cable(*(int(word) for word in sys.argv[1:])).run()

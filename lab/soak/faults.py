@@ -16,7 +16,7 @@ from lab.soak.gateway import DISKS, MAC, STATE, STATUS_PORT, TRAP_PORT, UDP_PORT
 from lab.soak.network import Network
 from lab.soak.operations import CAPABILITIES_TOPIC, Operations
 from lab.soak.servers import MqttServer
-from lab.soak.uplinks import Uplinks
+from lab.soak.uplinks import FIRST_TOKEN_OF_JUNK, Uplinks
 
 
 class World(Protocol):
@@ -260,9 +260,8 @@ def _junk(rng: random.Random) -> bytes:
 
 
 def _datagram(rng: random.Random) -> bytes:
-    header = bytes(
-        (rng.choice((0, 1, 2, 3)), rng.randrange(256), rng.randrange(256), rng.choice((0, 1, 3, 5, 9)))
-    )
+    token = rng.choices(range(FIRST_TOKEN_OF_JUNK >> 8, 0x100), k=2)
+    header = bytes((rng.choice((0, 1, 2, 3)), *token, rng.choice((0, 1, 3, 5, 9))))
     return header + bytes.fromhex(MAC) + _junk(rng)[:1200]
 
 

@@ -65,13 +65,22 @@ def _excused(soaks: list[dict[str, Any]]) -> list[str]:
 
 
 def _resources(soaks: list[dict[str, Any]]) -> list[str]:
-    names = ("threads", "descriptors", "children", "uncollected", "queues", "anonymous_kib", "resident_kib")
+    names = (
+        "threads",
+        "descriptors",
+        "children",
+        "uncollected",
+        "others",
+        "queues",
+        "anonymous_kib",
+        "resident_kib",
+    )
     rows = []
     for soak in soaks:
         pairs = (f"{soak['first'][name]} / {soak['last'][name]}" for name in names)
         rows.append((str(soak["seed"]), *pairs, str(soak["highest anonymous KiB"])))
     head = (
-        "seed", "threads", "descriptors", "children", "uncollected", "queues", "RssAnon, KiB", "VmRSS, KiB",
+        "seed", "threads", "descriptors", "children", "uncollected", "of children", "queues", "RssAnon, KiB", "VmRSS, KiB",
         "largest RssAnon, KiB",
     )  # fmt: skip
     return _table(head, rows)

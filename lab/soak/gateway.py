@@ -77,6 +77,7 @@ class Resources:
     descriptors: int
     children: int
     uncollected: int
+    others: int  # that its children began
     queues: int
     anonymous_kib: int
     resident_kib: int
@@ -254,6 +255,18 @@ class Gateway:
                 found.append((int(pid), state))
         return found
 
+    def _in_its_folders(self) -> set[int]:
+        """The daemon and what it has begun, directly or not: nobody else is in its mount namespace."""
+        own = os.readlink(f"/proc/{self.pid}/ns/mnt")
+        found = set()
+        for entry in os.listdir("/proc"):
+            try:
+                if entry.isdigit() and os.readlink(f"/proc/{entry}/ns/mnt") == own:
+                    found.add(int(entry))
+            except OSError:
+                continue  # it has just ended
+        return found
+
     def resources(self) -> Resources:
         status = Path(f"/proc/{self.pid}/status").read_text()
         sizes = dict(re.findall(r"^(\w+):\s+(\d+)", status, re.MULTILINE))
@@ -263,6 +276,7 @@ class Gateway:
             descriptors=self.descriptors(),
             children=sum(state != "Z" for _, state in children),
             uncollected=sum(state == "Z" for _, state in children),
+            others=len(self._in_its_folders() - {self.pid, *(child for child, _ in children)}),
             queues=len(self.inside("ls", "/run/queues").stdout.split()),
             anonymous_kib=int(sizes["RssAnon"]),
             resident_kib=int(sizes["VmRSS"]),

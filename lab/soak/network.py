@@ -44,14 +44,14 @@ class Network:
     """The gateway's network is that of one thread: what runs there makes its sockets and processes there. The
     thread lives as long as they do, since processes that end with their parent end with its thread."""
 
-    def __init__(self) -> None:
+    def __init__(self, seed: int) -> None:
         self._servers_end = _make_device("servers", SERVERS, GATEWAY)
         self._gateway = ThreadPoolExecutor(1, "gateway", _enter_network_of_its_own)
         self._gateway_end = self.in_gateway(lambda: _make_device("uplink", GATEWAY, SERVERS))
         ends = self._servers_end, self._gateway_end
         self._cable = subprocess.Popen(
             ["setpriv", "--pdeathsig", "KILL", "--", sys.executable, "-B", "-m", "lab.soak.cable"]
-            + [str(end) for end in ends],
+            + [str(number) for number in (*ends, seed)],
             stdin=subprocess.PIPE,
             pass_fds=ends,
             text=True,

@@ -121,6 +121,8 @@ class Operations:
             COMMAND_TOPIC, CAPABILITIES_TOPIC, OLDER_TOPIC,
             f"{self._configuration}/desired", f"{self._firmware}/desired",
         ]  # fmt: skip
+        self._dated_topics = f"{self._firmware}/reported", f"{topic}/performance"
+        self._dated: set[bytes] = set()  # what came on them, of which each has its time
         self.reports: Counter[str] = Counter()
         self._upload: list[str] = []
         self._upload_number = 0
@@ -262,11 +264,19 @@ class Operations:
             for body in bodies:
                 self._late_answer(body)
         elif topic != COMMAND_TOPIC:
-            self.reports[topic.rpartition("/mac/")[2]] += 1
+            self._report(topic, payload)
         else:
             body = parsed(payload)
             if isinstance(body, dict) and is_answer(body, body.get("requestId")):
                 self._answer(body)
+
+    def _report(self, topic: str, payload: bytes) -> None:
+        self.reports[topic.rpartition("/mac/")[2]] += 1
+        # Alarms that stand are told again and again, and one configuration may be like another.
+        if topic in self._dated_topics:
+            if payload in self._dated:
+                self._fail(f"{topic} got this twice: {payload.decode(errors='replace')[:200]}")
+            self._dated.add(payload)
 
     def _answer(self, body: dict[str, Any]) -> None:
         now = time.monotonic()

@@ -65,6 +65,7 @@ class Report:
 
     def conclude(self, uplinks: Uplinks, operations: Operations, seconds: float) -> None:
         self.seconds = seconds
+        uplinks.check_doubles()
         self.uplinks = uplinks.figures()
         self.operations = operations.figures()
         self.other = {
@@ -99,7 +100,7 @@ class Report:
             self.fail("the resources were not counted twice")
             return
         first, last = asdict(self.first), asdict(self.last)
-        for name in ("threads", "descriptors", "children", "uncollected", "queues"):
+        for name in ("threads", "descriptors", "children", "uncollected", "others", "queues"):
             if last[name] != first[name]:
                 self.fail(f"{name}: {first[name]} at first, {last[name]} at the end")
         growth = self.last.anonymous_kib - self.first.anonymous_kib

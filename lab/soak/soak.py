@@ -8,7 +8,7 @@ import re
 import time
 from collections import deque
 from collections.abc import Iterator
-from dataclasses import dataclass, replace
+from dataclasses import replace
 from pathlib import Path
 
 from lab.agent.process import Refused
@@ -19,6 +19,7 @@ from lab.http.server import FileServer
 from lab.soak import explain
 from lab.soak.faults import KINDS, Kind, go_together
 from lab.soak.gateway import KEEPALIVE_SECONDS, MAC, STATE, UDP_PORT, Gateway, LogLine, Resources
+from lab.soak.judge import Judge, Stay, broken_by
 from lab.soak.network import SERVERS, Network
 from lab.soak.operations import CAPABILITIES_TOPIC, SCRIPTS, Operations
 from lab.soak.peers import Peer
@@ -32,49 +33,17 @@ _RATE = 20.0  # uplinks a second
 _STAT_SECONDS = 10.0
 _FIRST_CALM_SECONDS = 300.0
 _LOOK_SECONDS = 5.0
-# What nothing touches never rests longer: a command may wait for others that wait for the agent.
-_UPLINK_SILENCE_SECONDS = 20.0
-_ANSWER_SILENCE_SECONDS = 90.0
 # What a keep-alive takes to find a connection's end, and a little more.
 _STEADY_SECONDS = KEEPALIVE_SECONDS * 1.5
-# A line may tell of a fault that has just gone; some lines, of what one has begun, take longer.
-_SHORT_ECHO_SECONDS = 5.0
-_ECHO_SECONDS = 60.0
-# A connection may be found broken so long after what has broken it.
-_LATE_BREAK_SECONDS = 45.0
 _STOP_SECONDS = 60.0
 _CALM_SECONDS = 200.0
 _SETTLED_LOOKS = 15  # a second each
-_BROKEN_BY = {
-    "mqtt connection lost": "connection lost",
-    "ctrlplane restart requested": "restart",
-    "dataplane restart requested": "restart",
-    "dataplane partial restart requested": "restart",
-    "control plane restart is requested before data plane connection could be established": "restart",
-}
-
 _STATES = (
     (f"{STATE}/last_sw_status", re.compile(rb"(\d:\w+\n(-?\d+:req\n)?)?")),
     (f"{STATE}/last_wm_fw_status", re.compile(rb"(\d:[\w-]+\n(-?\d+:req\n)?)?")),
     (f"{STATE}/config_update_timestamp", re.compile(rb"(.{8})?", re.DOTALL)),
 )
 _FILTERS = "/var/lib/sarnivel-lora-hal/uplink-filter-list"
-
-
-def _broken_by(line: LogLine) -> str | None:
-    return next((reason for text, reason in _BROKEN_BY.items() if line.text.startswith(text)), None)
-
-
-@dataclass
-class Stay:
-    """A fault in its time, which ends when both planes are up again."""
-
-    kind: Kind
-    begin: float
-    end: float = float("inf")
-
-    def covers(self, moment: float, echo: float) -> bool:
-        return self.begin <= moment <= self.end + echo
 
 
 class Soak:
@@ -86,7 +55,7 @@ class Soak:
         self.report = Report(plan, self._say)
         # What is broken and what is asked are drawn apart, so that the one does not depend on how fast the other is.
         self._rng = random.Random(plan.seed)
-        self.network = Network()
+        self.network = Network(plan.seed)
         for name in ("trusted", "foreign"):
             make_certificate(folder, name)
         names = ("network", "operations") if plan.has_two_servers else ("both",)
@@ -107,10 +76,7 @@ class Soak:
         self._forwarder: Forwarder | None = None
         self._peers: list[Peer] = []
         self._lines: deque[LogLine] = deque()
-        self._stays: list[Stay] = []
-        self._restart_since: float | None = None  # a restart may bring lines of its own from then on
-        self._restart_until = 0.0
-        self._free: dict[str, float] = {}  # since when nothing touches "connection", "agent"
+        self._judge = Judge(self.report, self._begin)
         self._turn: list[Kind] = []
         self._is_loaded = True  # uplinks and probes go on
         self._next_look = 0.0
@@ -227,14 +193,12 @@ class Soak:
         self._recover(stays)
 
     def _begin_stay(self, kind: Kind) -> Stay:
-        stay = Stay(kind, time.monotonic())
-        self._stays.append(stay)
         if kind.touches_connection:
             self.uplinks.touched(kind.name)
-        return stay
+        return self._judge.begin(kind, time.monotonic())
 
     def bit(self, kind: str) -> None:
-        self.report.bit(kind, max(stay.begin for stay in self._stays if stay.kind.name == kind))
+        self._judge.bit(kind)
 
     def fail(self, words: str) -> None:
         self.report.fail(words)
@@ -247,9 +211,7 @@ class Soak:
         up_at = self._wait_steady(mended, allowed, any(kind.touches_connection for kind in kinds))
         took = (up_at or time.monotonic()) - mended
         self.report.episodes.append(Episode(tuple(kind.name for kind in kinds), took, up_at is not None))
-        for stay in stays:
-            stay.end = time.monotonic()
-        self._restart_until = time.monotonic() + _SHORT_ECHO_SECONDS
+        self._judge.end(stays, time.monotonic())
         if up_at is not None:
             self._say(f"    up after {took:.1f} s")
         elif not self._is_over():
@@ -312,46 +274,14 @@ class Soak:
         return fate is not None
 
     def _log_line(self, line: LogLine) -> None:
-        if reason := _broken_by(line):
+        if reason := broken_by(line):
             self.uplinks.broke(reason)
         if line.level not in ("DEBUG", "TRACE"):
             self._lines.append(line)
 
     def _judge_lines(self) -> None:
         while self._lines:
-            line = self._lines.popleft()
-            self._follow_restart(line)
-            for stay in self._stays:
-                if stay.covers(line.at, _SHORT_ECHO_SECONDS) and explain.explains(stay.kind.bites, line.text):
-                    self.report.bit(stay.kind.name, stay.begin)
-            if line.level == "ERROR" or (not line.level and explain.explains((explain.BROKEN,), line.text)):
-                self.report.error_lines += 1
-                if not self._is_explained(line):
-                    beside = [stay.kind.name for stay in self._stays if stay.covers(line.at, _ECHO_SECONDS)]
-                    self.report.unexplained(line.text, beside)
-
-    def _is_explained(self, line: LogLine) -> bool:
-        patterns = set(explain.ALWAYS)
-        for stay in self._stays:
-            if stay.covers(line.at, _SHORT_ECHO_SECONDS):
-                patterns.update(stay.kind.explains)
-            if stay.kind.explains and stay.covers(line.at, _ECHO_SECONDS):
-                patterns.update(explain.LATE)
-        if self._restart_since is not None and line.at >= self._restart_since:
-            patterns.update(explain.RESTART)
-        return explain.explains(patterns, line.text)
-
-    def _follow_restart(self, line: LogLine) -> None:
-        """A restart is one that a fault explains, and explains lines itself until the planes are up."""
-        if self._restart_since is not None and line.at > self._restart_until > self._restart_since:
-            self._restart_since = None
-        if _broken_by(line) is None:
-            return
-        if self._restart_since is None:
-            self._restart_since = line.at
-            causes = [stay for stay in self._stays if stay.covers(line.at, _LATE_BREAK_SECONDS)]
-            if not any(stay.kind.may_restart for stay in causes):
-                self.report.fail(f"a restart that nothing explains: {line.text}")
+            self._judge.take(self._lines.popleft())
 
     def _look(self) -> None:
         now = time.monotonic()
@@ -362,28 +292,7 @@ class Soak:
         self.report.highest_anonymous_kib = max(self.report.highest_anonymous_kib, seen.anonymous_kib)
         self._check_states()
         if self._is_loaded and self.report.episodes:
-            self._check_silence(now)
-
-    def _check_silence(self, now: float) -> None:
-        """What no fault touches goes on, also while one stays."""
-        touched = {stay.kind.touches for stay in self._stays if stay.end == float("inf")}
-        if self._restart_since is not None:
-            touched.add("connection")
-        if "connection" in touched:
-            touched.add("agent")
-        for name in ("connection", "agent"):
-            if name in touched:
-                self._free[name] = now
-        uplink = max(self.uplinks.last_round(), self._free.get("connection", self._begin))
-        answer = max(self.operations.last_answer(), self._free.get("agent", self._begin))
-        if now - uplink > _UPLINK_SILENCE_SECONDS:
-            self.report.fail(
-                f"no uplink came through for {_UPLINK_SILENCE_SECONDS:.0f} s, and nothing is in its way"
-            )
-        if now - answer > _ANSWER_SILENCE_SECONDS:
-            self.report.fail(
-                f"no command was answered for {_ANSWER_SILENCE_SECONDS:.0f} s, and nothing is in its way"
-            )
+            self._judge.check_silence(now, self.uplinks.last_round(), self.operations.last_answer())
 
     def _check_states(self) -> None:
         for path, form in _STATES:
@@ -456,7 +365,7 @@ class Soak:
         if not self._is_over():
             self._stay(LATE_SECONDS + 1)
             self._judge_lines()
-            self._restart_since, self._restart_until = time.monotonic(), float("inf")
+            self._judge.stopping(time.monotonic())
             fate = self.gateway.stop_daemon(_STOP_SECONDS)
             if fate != "the daemon ended with status 0":
                 self.report.fail(f"{fate}, when asked by SIGUSR2")

@@ -7,6 +7,7 @@ import bisect
 import random
 import threading
 import time
+from collections import Counter
 from dataclasses import dataclass, field
 from typing import Callable, Iterator
 
@@ -18,6 +19,8 @@ from lab.gateway.lorawan import UNCONFIRMED_DOWN, build_frame, parse_frame
 MARGIN_SECONDS = 1.0
 # The forwarder waits no longer for one.
 _ACK_SECONDS = 1.0
+# Tokens of TX_ACK from here on are those of junk, in either order of their bytes.
+FIRST_TOKEN_OF_JUNK = 0xF000
 # From the acknowledgement to the server, over a slow cable too.
 LATE_SECONDS = 20.0
 
@@ -27,6 +30,12 @@ class _Sent:
     at: float
     acked: float = 0.0
     arrived: float = 0.0
+
+
+@dataclass
+class _Downlink:
+    at: float
+    times: int = 0  # that it reached the forwarder
 
 
 @dataclass
@@ -69,7 +78,9 @@ class Uplinks:
             tuple[float, float]
         ] = []  # sent, arrived; of the last ones that were acknowledged too
         self.downlinks_sent = self.downlinks_received = self.tx_acks = self.statistics = 0
-        self._downlinks: dict[bytes, float] = {}  # when they were sent, of the last ones
+        self._downlinks: dict[bytes, _Downlink] = {}
+        self._tx_acks_due: Counter[int] = Counter()  # by token, where the dialect has them
+        self._statistics_due: Counter[Statistics] = Counter()
         self._delivered: list[tuple[float, float]] = []  # sent, received; of the last ones that came
         self._token = 0
         self._fcnt_down = 0
@@ -118,11 +129,20 @@ class Uplinks:
                     for frame in frames:
                         self._sent[frame].acked = now
                         self._note_round(self._sent[frame])
-                case semtech.DownlinkReceived(txpk):
-                    self.downlinks_received += 1
-                    at = self._downlinks.pop(base64.b64decode(str(txpk.get("data", ""))), None)
-                    if at is not None:
-                        self._delivered = [*self._delivered[-50:], (at, now)]
+                case semtech.DownlinkReceived(txpk, token):
+                    self._tx_acks_due[token] += 1
+                    self._downlink_received(base64.b64decode(str(txpk.get("data", ""))), now)
+                case semtech.StatisticsSent(sent):
+                    told = Statistics(sent["rxnb"], sent["rxok"], sent["dwnb"], sent["txnb"])
+                    self._statistics_due[told] += 1
+
+    def _downlink_received(self, frame: bytes, now: float) -> None:
+        self.downlinks_received += 1
+        if downlink := self._downlinks.get(frame):
+            downlink.times += 1
+            self._delivered = [*self._delivered[-50:], (downlink.at, now)]
+            if downlink.times > 1:
+                self._fail(f"downlink {frame.hex()} reached the forwarder {downlink.times} times")
 
     def _note_round(self, sent: _Sent) -> None:
         if sent.acked and sent.arrived:
@@ -156,8 +176,10 @@ class Uplinks:
                     self._arrived(message)
                 case Statistics():
                     self.statistics += 1
+                    self._statistics_due[message] -= 1
                 case TxAck():
                     self.tx_acks += 1
+                    self._tx_acks_due[message.token] -= 1
 
     def _arrived(self, uplink: Uplink) -> None:
         sent = self._sent.get(uplink.frame)
@@ -182,7 +204,7 @@ class Uplinks:
         if uplink is None:
             return
         for _ in range(count):
-            self._token = (self._token + 1) & 0xFFFF
+            self._token = (self._token + 1) % FIRST_TOKEN_OF_JUNK
             self._fcnt_down += 1
             size = self._rng.choice((4, 12, 51))
             frame = build_frame(
@@ -190,10 +212,20 @@ class Uplinks:
             )
             self.downlinks_sent += 1
             with self._lock:
-                self._downlinks[frame] = time.monotonic()
+                self._downlinks[frame] = _Downlink(time.monotonic())
             yield self._dialect.write_downlink(uplink, frame, 1, self._token, self._mac)
 
     # The verdict.
+
+    def check_doubles(self) -> None:
+        """Once nothing is under way: the forwarder tells what it has sent a moment later."""
+        with self._lock:
+            for statistics, due in self._statistics_due.items():
+                if due < 0:
+                    self._fail(f"{statistics} were published {-due} times more than they were sent")
+            for token, due in self._tx_acks_due.items():
+                if due < 0 and token < FIRST_TOKEN_OF_JUNK:
+                    self._fail(f"TX_ACK of token {token} was published {-due} times more than it was sent")
 
     def _was_whole(self, moment: float) -> bool:
         place = bisect.bisect_right(self._spans, moment, key=lambda span: span.begin) - 1

@@ -138,6 +138,63 @@ def test_an_uplink_that_nobody_sent_is_told(books: Books) -> None:
     assert books.failures == ["an uplink was published that nobody sent"]
 
 
+def test_a_downlink_that_comes_twice_is_told(books: Books) -> None:
+    books.send()
+    (_, payload), *_ = books.uplinks.downlinks(1)
+    frame = json.loads(payload)["phyPayload"]
+    for _ in range(2):
+        assert not books.failures
+        books.uplinks.forwarder_event(forwarder.DownlinkReceived({"data": frame}, 7, "NONE", 0.0))
+    assert len(books.failures) == 1 and books.failures[0].endswith("reached the forwarder 2 times")
+
+
+STATISTICS = {"rxnb": 200, "rxok": 199, "dwnb": 3, "txnb": 2}
+
+
+def publish_statistics(books: Books, received: int = 200) -> None:
+    body = {
+        "rxPacketsReceived": received, "rxPacketsReceivedOK": 199, "txPacketsReceived": 3, "txPacketsEmitted": 2,
+    }  # fmt: skip
+    books.uplinks.message("gateway/stats", json.dumps(body).encode())
+
+
+def test_statistics_that_come_twice_are_told(books: Books) -> None:
+    for _ in range(2):
+        publish_statistics(books)
+        books.uplinks.forwarder_event(forwarder.StatisticsSent(STATISTICS))
+    books.uplinks.check_doubles()
+    assert not books.failures
+    publish_statistics(books)
+    books.uplinks.check_doubles()
+    assert len(books.failures) == 1 and "were published 1 times more than they were sent" in books.failures[0]
+
+
+def test_statistics_that_nobody_sent_are_told(books: Books) -> None:
+    books.uplinks.forwarder_event(forwarder.StatisticsSent(STATISTICS))
+    publish_statistics(books, received=201)
+    books.uplinks.check_doubles()
+    assert len(books.failures) == 1 and "received=201" in books.failures[0]
+
+
+def test_an_acknowledgement_of_a_downlink_that_comes_twice_is_told() -> None:
+    failures: list[str] = []
+    dialect = DIALECTS["chirpstack_v3"]
+    told = uplinks.Uplinks(dialect, MAC, 1, failures.append)
+
+    def acknowledge(token: int) -> None:
+        body = {"token": token, "items": [{"status": "OK"}]}
+        told.message(dialect.ack_topic.format(mac=MAC), json.dumps(body).encode())
+
+    told.forwarder_event(forwarder.DownlinkReceived({}, 7, "NONE", 0.0))
+    acknowledge(7)
+    acknowledge(uplinks.FIRST_TOKEN_OF_JUNK)
+    told.check_doubles()
+    assert not failures
+    acknowledge(7)
+    told.check_doubles()
+    assert failures == ["TX_ACK of token 7 was published 1 times more than it was sent"]
+
+
 class _NoFiles:
     def offer(self, path: str, _content: bytes) -> str:
         return path
@@ -155,6 +212,19 @@ def test_an_answer_that_comes_twice_is_told() -> None:
     assert operations.figures()["answered"] == 1 and not failures
     operations.message("api/v1/gateway/commands", answer)
     assert len(failures) == 1 and "was answered 2 times" in failures[0]
+
+
+def test_a_dated_report_that_comes_twice_is_told() -> None:
+    failures: list[str] = []
+    operations = Operations(1, True, lambda *_: None, failures.append, _NoFiles())  # type: ignore[arg-type]
+    topic = f"gateway/mac/{MAC.upper()}/firmware/reported"
+    operations.message(topic, b'{"lastStateUpdateTs":1}')
+    operations.message(topic, b'{"lastStateUpdateTs":2}')
+    for _ in range(2):
+        operations.message("api/v1/gateway/events", b'{"ts":0}')
+    assert not failures
+    operations.message(topic, b'{"lastStateUpdateTs":1}')
+    assert len(failures) == 1 and failures[0].endswith('got this twice: {"lastStateUpdateTs":1}')
 
 
 @pytest.mark.parametrize(
@@ -195,7 +265,7 @@ def test_faults_that_undo_each_other_do_not_come_together() -> None:
     assert go_together(kinds["server killed"], kinds["agent silent"])
 
 
-HELD = Resources(23, 22, 0, 0, 2, 5000, 18000)
+HELD = Resources(23, 22, 0, 0, 0, 2, 5000, 18000)
 
 
 @pytest.mark.parametrize(
@@ -208,6 +278,7 @@ HELD = Resources(23, 22, 0, 0, 2, 5000, 18000)
         (replace(HELD, descriptors=23), "descriptors: 22 at first, 23 at the end"),
         (replace(HELD, children=1), "children: 0 at first, 1 at the end"),
         (replace(HELD, uncollected=1), "uncollected: 0 at first, 1 at the end"),
+        (replace(HELD, others=2), "others: 0 at first, 2 at the end"),
         (replace(HELD, queues=1), "queues: 2 at first, 1 at the end"),
         (None, "the resources were not counted twice"),
     ],
@@ -276,7 +347,7 @@ def cable() -> Iterator[tuple[socket.socket, socket.socket, subprocess.Popen[str
     right, far_right = socket.socketpair(socket.AF_UNIX, socket.SOCK_SEQPACKET)
     ends = far_left.fileno(), far_right.fileno()
     process = subprocess.Popen(
-        [sys.executable, "-B", "-m", "lab.soak.cable", *map(str, ends)],
+        [sys.executable, "-B", "-m", "lab.soak.cable", *map(str, ends), "1"],
         stdin=subprocess.PIPE,
         pass_fds=ends,
         text=True,

@@ -1,0 +1,129 @@
+"""What a soak judges while it runs: the lines of the log, restarts, and what goes on beside a fault."""
+
+from __future__ import annotations
+
+from dataclasses import dataclass
+
+from lab.soak import explain
+from lab.soak.faults import Kind
+from lab.soak.gateway import LogLine
+from lab.soak.report import Report
+
+# What nothing touches never rests longer: a command may wait for others that wait for the agent.
+UPLINK_SILENCE_SECONDS = 20.0
+ANSWER_SILENCE_SECONDS = 90.0
+# A line may tell of a fault that has just gone; some lines, of what one has begun, take longer.
+SHORT_ECHO_SECONDS = 5.0
+ECHO_SECONDS = 60.0
+# A connection may be found broken so long after what has broken it.
+LATE_BREAK_SECONDS = 45.0
+_FOREVER = float("inf")
+_BROKEN_BY = {
+    "mqtt connection lost": "connection lost",
+    "ctrlplane restart requested": "restart",
+    "dataplane restart requested": "restart",
+    "dataplane partial restart requested": "restart",
+    "control plane restart is requested before data plane connection could be established": "restart",
+}
+
+
+def broken_by(line: LogLine) -> str | None:
+    """Why a connection ends, if the line tells the end of one."""
+    return next((reason for text, reason in _BROKEN_BY.items() if line.text.startswith(text)), None)
+
+
+@dataclass
+class Stay:
+    """A fault in its time, which ends when both planes are up again."""
+
+    kind: Kind
+    begin: float
+    end: float = _FOREVER
+
+    def covers(self, moment: float, echo: float) -> bool:
+        return self.begin <= moment <= self.end + echo
+
+
+class Judge:
+    """On one thread. Moments are monotonic seconds, and lines come in their order."""
+
+    def __init__(self, report: Report, begin: float) -> None:
+        self._report = report
+        self._stays: list[Stay] = []
+        self._restart_since: float | None = None  # a restart may bring lines of its own from then on
+        self._restart_until = 0.0
+        # Since when nothing touches them.
+        self._free = {"connection": begin, "agent": begin}
+
+    def begin(self, kind: Kind, moment: float) -> Stay:
+        stay = Stay(kind, moment)
+        self._stays.append(stay)
+        return stay
+
+    def end(self, stays: list[Stay], moment: float) -> None:
+        """Both planes are up again, or waited for no longer."""
+        for stay in stays:
+            stay.end = moment
+        self._restart_until = moment + SHORT_ECHO_SECONDS
+
+    def stopping(self, moment: float) -> None:
+        self._restart_begins(moment)
+
+    def _restart_begins(self, moment: float) -> None:
+        self._restart_since, self._restart_until = moment, _FOREVER
+
+    def bit(self, kind: str) -> None:
+        """The last fault of this kind has broken something."""
+        self._report.bit(kind, max(stay.begin for stay in self._stays if stay.kind.name == kind))
+
+    def take(self, line: LogLine) -> None:
+        self._follow_restart(line)
+        for stay in self._stays:
+            if stay.covers(line.at, SHORT_ECHO_SECONDS) and explain.explains(stay.kind.bites, line.text):
+                self._report.bit(stay.kind.name, stay.begin)
+        if line.level == "ERROR" or (not line.level and explain.explains((explain.BROKEN,), line.text)):
+            self._report.error_lines += 1
+            if not self._is_explained(line):
+                beside = [stay.kind.name for stay in self._stays if stay.covers(line.at, ECHO_SECONDS)]
+                self._report.unexplained(line.text, beside)
+
+    def _is_explained(self, line: LogLine) -> bool:
+        patterns = set(explain.ALWAYS)
+        for stay in self._stays:
+            if stay.covers(line.at, SHORT_ECHO_SECONDS):
+                patterns.update(stay.kind.explains)
+            if stay.kind.explains and stay.covers(line.at, ECHO_SECONDS):
+                patterns.update(explain.LATE)
+        if self._restart_since is not None and line.at >= self._restart_since:
+            patterns.update(explain.RESTART)
+        return explain.explains(patterns, line.text)
+
+    def _follow_restart(self, line: LogLine) -> None:
+        """A restart is one that a fault explains, and explains lines itself until the planes are up."""
+        if self._restart_since is not None and line.at > self._restart_until:
+            self._restart_since = None
+        if broken_by(line) is None or self._restart_since is not None:
+            return
+        self._restart_begins(line.at)
+        causes = [stay for stay in self._stays if stay.covers(line.at, LATE_BREAK_SECONDS)]
+        if not any(stay.kind.may_restart for stay in causes):
+            self._report.fail(f"a restart that nothing explains: {line.text}")
+
+    def check_silence(self, now: float, last_uplink: float, last_answer: float) -> None:
+        """What no fault touches goes on, also while one stays."""
+        touched = {stay.kind.touches for stay in self._stays if stay.end == _FOREVER}
+        if self._restart_since is not None:
+            touched.add("connection")
+        if "connection" in touched:
+            touched.add("agent")
+        for name in self._free:
+            if name in touched:
+                self._free[name] = now
+        if now - max(last_uplink, self._free["connection"]) > UPLINK_SILENCE_SECONDS:
+            self._report.fail(
+                f"no uplink came through for {UPLINK_SILENCE_SECONDS:.0f} s, and nothing is in its way"
+            )
+        if now - max(last_answer, self._free["agent"]) > ANSWER_SILENCE_SECONDS:
+            self._report.fail(
+                f"no command was answered for {ANSWER_SILENCE_SECONDS:.0f} s, and nothing is in its way"
+            )
