@@ -15,7 +15,8 @@ static constexpr int PUBLISH_QOS = 1;
 
 /* The library lets this many publishes be unacknowledged and then sleeps in steps of 100 ms. */
 static constexpr uint32_t MAX_INFLIGHT = 10;
-static constexpr uint32_t INFLIGHT_LOOK_US = 50;
+static constexpr uint32_t FIRST_LOOK_US = 50;
+static constexpr uint32_t RAREST_LOOK_US = 5000;
 
 /* A publish that stays in the library for longer than this waits for the library's own thread. */
 static constexpr uint32_t STUCK_CALL_MS = 50;
@@ -569,15 +570,18 @@ static bool has_publish_room(bridge_mqtt_ep_group *group)
 }
 
 /* Left to itself the library waits for an acknowledgement in sleeps of 100 ms: looking often keeps the same
- * messages in flight and loses no time. It ends where the library's own wait would, with the connection. */
+ * messages in flight and loses no time. Each look comes a quarter later than the one before, so that a server
+ * that is far away or silent costs no work. It ends where the library's own wait would, with the connection. */
 static void wait_for_publish_room(bridge_mqtt_ep_group *group)
 {
     if (!has_publish_room(group)) {
         const acknowledgement_wait wait;
+        uint32_t look_us = FIRST_LOOK_US;
         do {
             if (!MQTTClient_isConnected(group->handle))
                 return;
-            bridge_wait_us(INFLIGHT_LOOK_US);
+            bridge_wait_us(look_us);
+            look_us = std::min(look_us + look_us / 4, RAREST_LOOK_US);
         } while (!mqtt_ctx.torn_down && !has_publish_room(group));
     }
     if (group->publish_room > 0)

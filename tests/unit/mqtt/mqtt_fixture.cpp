@@ -166,8 +166,27 @@ void bridge_wait_ms(uint32_t milliseconds)
     wait_until([] { return fake_mqtt_running_callbacks() <= callbacks_in_manager(); });
 }
 
+static std::mutex waits_us_lock;
+static std::vector<uint32_t> waits_us;
+
+std::vector<uint32_t> test_waits_us()
+{
+    const std::lock_guard<std::mutex> guard(waits_us_lock);
+    return waits_us;
+}
+
+void test_forget_waits_us()
+{
+    const std::lock_guard<std::mutex> guard(waits_us_lock);
+    waits_us.clear();
+}
+
 void bridge_wait_us(uint32_t microseconds)
 {
+    {
+        const std::lock_guard<std::mutex> guard(waits_us_lock);
+        waits_us.push_back(microseconds);
+    }
     wait_a_tenth(std::chrono::microseconds(microseconds));
 }
 

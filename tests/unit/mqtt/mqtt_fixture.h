@@ -42,6 +42,10 @@ inline constexpr uint32_t MANY_ROUNDS = 300;
 /* Whether the thread lasts that many rounds. */
 bool waits_on(const background &thread);
 
+/* The spans of all waits in microseconds since the last time that they were forgotten. */
+std::vector<uint32_t> test_waits_us();
+void test_forget_waits_us();
+
 /* Runs inside each wait in milliseconds, on its thread. Empty to remove. */
 void test_on_wait(std::function<void()> action);
 

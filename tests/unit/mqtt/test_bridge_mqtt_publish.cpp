@@ -140,6 +140,33 @@ TEST_F(BridgeMqttPublish, TheEleventhWaitsForAnAcknowledgement)
     EXPECT_THAT(fake_mqtt_take_calls(), ElementsAre("publish #1 up qos 1 eleventh"));
 }
 
+TEST_F(BridgeMqttPublish, LooksGrowRarerWhileItWaits)
+{
+    fake_mqtt_hold_acknowledgements();
+    for (int i = 0; i < LIMIT; i++)
+        ASSERT_EQ(publish(NS), 0);
+    test_forget_waits_us();
+    background eleventh([] { EXPECT_EQ(publish(NS), 0); });
+    EXPECT_TRUE(wait_until([] { return fake_mqtt_token_looks() > 30; }));
+    EXPECT_FALSE(eleventh.has_ended());
+    fake_mqtt_acknowledge(1);
+    EXPECT_TRUE(eleventh.ends());
+
+    const std::vector<uint32_t> waits = test_waits_us();
+    ASSERT_GE(waits.size(), 25U);
+    EXPECT_EQ(waits[0], 50U);
+    for (size_t i = 1; i < waits.size(); i++)
+        EXPECT_EQ(waits[i], std::min(waits[i - 1] * 5 / 4, 5000U)) << i;
+    EXPECT_EQ(waits.back(), 5000U);
+
+    test_forget_waits_us();
+    background next([] { EXPECT_EQ(publish(NS), 0); });
+    EXPECT_TRUE(wait_until([] { return !test_waits_us().empty(); }));
+    fake_mqtt_acknowledge(1);
+    EXPECT_TRUE(next.ends());
+    EXPECT_EQ(test_waits_us()[0], 50U);
+}
+
 TEST_F(BridgeMqttPublish, WaitEndsWithTheConnection)
 {
     fake_mqtt_hold_acknowledgements();
