@@ -1,11 +1,12 @@
 """Endpoints: which share a connection, with which settings they connect, and how messages go through them."""
 import re
+import socket
 from typing import Any, Callable
 
 import pytest
 
 from conftest import Cleanup
-from harness.bridge import Bridge
+from harness.bridge import PATIENCE, Bridge
 from harness.broker import Mosquitto
 from harness.config import ControlPlane
 from harness.control import EVENTS
@@ -79,6 +80,22 @@ def test_every_setting_must_agree_for_a_shared_connection(
     bridge = run_config(free_port(), {"ns": {"url": broker.url}, "geoloc": settings})
     bridge.wait_for_log("creating new endpoint group [1] with bit [0x4]")
     bridge.wait_for_log(GEO_CONNECTED)
+
+
+def test_a_proxy_of_no_name_is_none(run_config: RunConfig, broker: Mosquitto) -> None:
+    empty = {"http_proxy": "", "https_proxy": ""}
+    run_config(free_port(), {"ns": {"url": broker.url}}, env=empty).wait_connected()
+
+
+def test_connections_go_through_a_proxy_that_is_named(run_config: RunConfig, broker: Mosquitto) -> None:
+    with socket.create_server(("127.0.0.1", 0)) as proxy:
+        address = f"http://127.0.0.1:{proxy.getsockname()[1]}"
+        run_config(free_port(), {"ns": {"url": broker.url}}, env={"http_proxy": address})
+        proxy.settimeout(PATIENCE)
+        connection, _ = proxy.accept()
+        with connection:
+            connection.settimeout(PATIENCE)
+            assert connection.recv(200).startswith(f"CONNECT 127.0.0.1:{broker.port} HTTP/1.1".encode())
 
 
 def test_secrets_and_empty_settings_are_masked_in_the_list_of_groups(
