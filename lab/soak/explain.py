@@ -122,6 +122,9 @@ UNREADABLE = (
     r".*: (Too many open files|No space left on device|Read-only file system)",
 )
 
+# A small file that is written anew has its place on a full disk: what grows has none.
+FULL = (*UNREADABLE, r"failed to write to a file", r"Upgrade utility met with an error: .*")
+
 # The work itself brings these: it begins and stops jobs at random, and opens a tunnel to nobody.
 ALWAYS = (
     # What the daemon itself has published, on a topic that it reads.

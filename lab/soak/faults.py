@@ -11,7 +11,18 @@ from collections.abc import Iterator
 from dataclasses import dataclass
 from typing import Callable, Protocol
 
-from lab.soak.explain import AGENT, CHILDREN, CLOCK, CONNECTION, DESCRIPTORS, DISK, JUNK, LOAD, UNREADABLE
+from lab.soak.explain import (
+    AGENT,
+    CHILDREN,
+    CLOCK,
+    CONNECTION,
+    DESCRIPTORS,
+    DISK,
+    FULL,
+    JUNK,
+    LOAD,
+    UNREADABLE,
+)
 from lab.soak.gateway import DISKS, MAC, STATE, STATUS_PORT, TRAP_PORT, UDP_PORT, Gateway
 from lab.soak.network import Network
 from lab.soak.operations import CAPABILITIES_TOPIC, Operations
@@ -339,7 +350,7 @@ KINDS = (
     Kind("agent silent",            _agent_silent,                    (2, 60),  "agent",      _AGENT,   AGENT,       _SILENT),
     Kind("agent slow",              _agent_slow,                      (5, 20),  "agent",      _AGENT,   AGENT,       ()),
     Kind("forwarder restarted",     _forwarder_restarted,             (1, 2),   "",           _BUSY,    (),          ()),
-    Kind("disk full",               _disk_full,                       (5, 30),  "",           _BUSY,    DISK,        UNREADABLE),
+    Kind("disk full",               _disk_full,                       (5, 30),  "",           _BUSY,    DISK,        FULL),
     Kind("state read-only",         _state_read_only,                 (5, 30),  "",           _BUSY,    DISK,        UNREADABLE),
     Kind("descriptors exhausted",   _descriptors_exhausted,           (5, 20),  "agent",      _RESTART, DESCRIPTORS, UNREADABLE),
     Kind("restart, no descriptors", _restart_without_descriptors,     (5, 60),  "connection", _RESTART, DESCRIPTORS, _LOST),

@@ -8,6 +8,7 @@ from lab.soak import explain
 from lab.soak.faults import Kind
 from lab.soak.gateway import LogLine
 from lab.soak.report import Report
+from lab.soak.uplinks import Uplinks
 
 # What nothing touches never rests longer: a command may wait for others that wait for the agent.
 UPLINK_SILENCE_SECONDS = 20.0
@@ -18,18 +19,30 @@ ECHO_SECONDS = 60.0
 # A connection may be found broken so long after what has broken it.
 LATE_BREAK_SECONDS = 45.0
 _FOREVER = float("inf")
-_BROKEN_BY = {
-    "mqtt connection lost": "connection lost",
-    "ctrlplane restart requested": "restart",
-    "dataplane restart requested": "restart",
-    "dataplane partial restart requested": "restart",
-    "control plane restart is requested before data plane connection could be established": "restart",
-}
+_LOST = "mqtt connection lost"
+_RECONNECTED = "dataplane partial restart requested"
+_STOPPED = (
+    "ctrlplane restart requested",
+    "dataplane restart requested",
+    "control plane restart is requested before data plane connection could be established",
+)
+_STARTED = "dataplane is started"
 
 
-def broken_by(line: LogLine) -> str | None:
-    """Why a connection ends, if the line tells the end of one."""
-    return next((reason for text, reason in _BROKEN_BY.items() if line.text.startswith(text)), None)
+def _tells_a_restart(line: LogLine) -> bool:
+    return line.text.startswith((_LOST, _RECONNECTED, *_STOPPED))
+
+
+def follow_connection(line: LogLine, uplinks: Uplinks) -> None:
+    """Tells the books what a line says of the connection to the network server."""
+    if line.text.startswith(_LOST):
+        uplinks.broke("connection lost")
+    elif line.text.startswith(_RECONNECTED):
+        uplinks.broke("restart")
+    elif line.text.startswith(_STOPPED):
+        uplinks.stopping()
+    elif line.text == _STARTED:
+        uplinks.started()
 
 
 @dataclass
@@ -102,7 +115,7 @@ class Judge:
         """A restart is one that a fault explains, and explains lines itself until the planes are up."""
         if self._restart_since is not None and line.at > self._restart_until:
             self._restart_since = None
-        if broken_by(line) is None or self._restart_since is not None:
+        if not _tells_a_restart(line) or self._restart_since is not None:
             return
         self._restart_begins(line.at)
         causes = [stay for stay in self._stays if stay.covers(line.at, LATE_BREAK_SECONDS)]

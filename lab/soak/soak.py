@@ -19,7 +19,7 @@ from lab.http.server import FileServer
 from lab.soak import explain
 from lab.soak.faults import KINDS, Kind, go_together
 from lab.soak.gateway import KEEPALIVE_SECONDS, MAC, STATE, UDP_PORT, Gateway, LogLine, Resources
-from lab.soak.judge import Judge, Stay, broken_by
+from lab.soak.judge import Judge, Stay, follow_connection
 from lab.soak.network import SERVERS, Network
 from lab.soak.operations import CAPABILITIES_TOPIC, SCRIPTS, Operations
 from lab.soak.peers import Peer
@@ -274,8 +274,7 @@ class Soak:
         return fate is not None
 
     def _log_line(self, line: LogLine) -> None:
-        if reason := broken_by(line):
-            self.uplinks.broke(reason)
+        follow_connection(line, self.uplinks)
         if line.level not in ("DEBUG", "TRACE"):
             self._lines.append(line)
 

@@ -70,7 +70,7 @@ class Uplinks:
         self._sent: dict[bytes, _Sent] = {}
         # The connection is whole from the arrival of an uplink that was sent after the last break.
         self._spans = [Span(time.monotonic(), reason="start")]
-        self._is_touched = False
+        self._is_touched = self._is_stopping = False
         self._proof_from = time.monotonic()
         self._broken_at = 0.0
         self._last: Uplink | None = None
@@ -103,6 +103,19 @@ class Uplinks:
         with self._lock:
             self._break(reason)
             self._proof_from = self._broken_at = time.monotonic()
+
+    def stopping(self) -> None:
+        """The data plane goes on while the control plane is stopped, then stops itself without a word; what comes
+        through in between proves nothing."""
+        self.broke("restart")
+        with self._lock:
+            self._is_stopping = True
+
+    def started(self) -> None:
+        """The data plane is up again."""
+        with self._lock:
+            self._is_stopping = False
+            self._proof_from = time.monotonic()
 
     def _break(self, reason: str) -> None:
         now, last = time.monotonic(), self._spans[-1]
@@ -193,7 +206,8 @@ class Uplinks:
         sent.arrived = now
         self._last = uplink
         self._note_round(sent)
-        if self._spans[-1].reason and not self._is_touched and sent.at > self._proof_from:
+        is_open = self._is_touched or self._is_stopping
+        if self._spans[-1].reason and not is_open and sent.at > self._proof_from:
             self._spans[-1].end = now
             self._spans.append(Span(now))
 

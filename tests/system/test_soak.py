@@ -22,9 +22,9 @@ from lab.demo.dialects import DIALECTS  # noqa: E402
 from lab.gateway import forwarder  # noqa: E402
 from lab.gateway.devices import Radio, lab_devices  # noqa: E402
 from lab.operations.client import LateAnswers  # noqa: E402
-from lab.soak import explain, figures, uplinks  # noqa: E402
+from lab.soak import explain, figures, judge, uplinks  # noqa: E402
 from lab.soak.faults import KINDS, go_together  # noqa: E402
-from lab.soak.gateway import Resources  # noqa: E402
+from lab.soak.gateway import LogLine, Resources  # noqa: E402
 from lab.soak.operations import Operations  # noqa: E402
 from lab.soak.plan import plan_of  # noqa: E402
 from lab.soak.report import GROWTH_KIB, SETTLED_SECONDS, Episode, Report  # noqa: E402
@@ -117,6 +117,38 @@ def test_a_connection_counts_as_whole_from_an_arrival_on(books: Books) -> None:
     books.send()
     told = books.figures()
     assert told.excused == {"connection lost": 1} and told.lost == 1
+
+
+def test_what_comes_through_while_a_plane_stops_proves_no_connection(books: Books) -> None:
+    def line(text: str) -> None:
+        judge.follow_connection(LogLine(books.clock.now, "WARN", "a_file.cpp", text), books.uplinks)
+
+    books.send()
+    books.send()
+    line("ctrlplane restart requested")
+    books.send()
+    books.send(acked=False, published=0)
+    line("dataplane is started")
+    books.send(acked=False, published=0)
+    books.send()
+    books.clock.now += 2
+    books.send(acked=False, published=0)
+    books.send()
+    told = books.figures()
+    assert (told.unanswered, told.ignored, told.lost) == (3, 1, 0)
+
+
+@pytest.mark.parametrize("text", ["mqtt connection lost due to: x", "dataplane partial restart requested"])
+def test_a_connection_that_is_opened_anew_is_proved_by_what_comes_through(books: Books, text: str) -> None:
+    books.send()
+    books.send()
+    judge.follow_connection(LogLine(books.clock.now, "WARN", "a_file.cpp", text), books.uplinks)
+    books.send(acked=False, published=0)
+    books.send()
+    books.send(acked=False, published=0)
+    books.send()
+    told = books.figures()
+    assert (told.unanswered, told.ignored) == (2, 1)
 
 
 def test_what_is_acknowledged_just_before_a_break_may_be_lost_with_it(books: Books) -> None:
