@@ -3,7 +3,20 @@
 #include "app/main_bridge.h"
 
 #include <cstdlib>
+#include <fcntl.h>
 #include <openssl/crypto.h>
+#include <unistd.h>
+
+/* Closed ones would be the numbers of sockets, which every child would keep and logging would write into. */
+static void open_standard_descriptors()
+{
+    int fd = 0;
+    do
+        fd = open("/dev/null", O_RDWR);
+    while (fd >= 0 && fd <= STDERR_FILENO);
+    if (fd >= 0)
+        close(fd);
+}
 
 /* Set to nothing they mean that there is no proxy, as for other programs; the MQTT library would connect to
  * a proxy without a name. Before any thread. */
@@ -18,6 +31,7 @@ static void forget_empty_proxies()
 
 int main(int argc, char **argv)
 {
+    open_standard_descriptors();
     bridge_memory_keep_small();
     forget_empty_proxies();
     /* Children leave by exit, where the library's clean-up could wait for a lock that another thread of the

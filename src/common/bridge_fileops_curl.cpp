@@ -228,6 +228,13 @@ static int fill_form(curl_mime *mime, const bridge_fileops_upload *upload, uploa
     return 0;
 }
 
+/* A server that vanishes without a word ends the transfer after some minutes, which has no other limit. */
+static void aim_at(CURL *curl, const char *url)
+{
+    library->easy_setopt(curl, CURLOPT_URL, url);
+    library->easy_setopt(curl, CURLOPT_TCP_KEEPALIVE, 1L);
+}
+
 /* A server that does not take the file is told in the log alone: servers rely on an "ok" here. */
 static int post_form(const bridge_fileops_upload *upload, const char *start, const char *name)
 {
@@ -250,7 +257,7 @@ static int post_form(const bridge_fileops_upload *upload, const char *start, con
         return result;
     BRIDGE_DEBUG("curl: add custom headerlist");
     const slist_owned headers(library->slist_append(nullptr, "Expect:"));
-    library->easy_setopt(curl.get(), CURLOPT_URL, url.get());
+    aim_at(curl.get(), url.get());
     library->easy_setopt(curl.get(), CURLOPT_HTTPHEADER, headers.get());
     library->easy_setopt(curl.get(), CURLOPT_MIMEPOST, mime.get());
     library->easy_setopt(curl.get(), CURLOPT_WRITEFUNCTION, drop_answer);
@@ -321,7 +328,7 @@ static int fetch_into(FILE *file, const char *fetch_url)
     if (result < 0)
         return result;
     BRIDGE_DEBUG("curl: new url: %s", url.get());
-    library->easy_setopt(curl.get(), CURLOPT_URL, url.get());
+    aim_at(curl.get(), url.get());
     library->easy_setopt(curl.get(), CURLOPT_HEADER, 0L);
     library->easy_setopt(curl.get(), CURLOPT_WRITEDATA, file);
     BRIDGE_DEBUG("curl: perform request");

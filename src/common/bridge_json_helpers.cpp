@@ -4,7 +4,55 @@
 #include "common/bridge_log.h"
 
 #include <cerrno>
+#include <clocale>
 #include <cstring>
+
+/* ---- parsing ---- */
+
+/* The calling thread is in the locale "C" while one lives. That is a constant of the C library: the copies
+ * that are made of it are itself, and take no lock. */
+class plain_locale
+{
+  public:
+    plain_locale() : before(uselocale(newlocale(LC_ALL_MASK, "C", nullptr)))
+    {
+    }
+    ~plain_locale()
+    {
+        uselocale(before);
+    }
+    plain_locale(const plain_locale &) = delete;
+    plain_locale &operator=(const plain_locale &) = delete;
+
+  private:
+    locale_t before;
+};
+
+json_object *bridge_json_parse(const char *text)
+{
+    const plain_locale plain;
+    return json_tokener_parse(text);
+}
+
+json_object *bridge_json_parse_ex(json_tokener *tokener, const char *text, int length)
+{
+    const plain_locale plain;
+    return json_tokener_parse_ex(tokener, text, length);
+}
+
+json_object *bridge_json_from_file(const char *path)
+{
+    const plain_locale plain;
+    return json_object_from_file(path);
+}
+
+json_object *bridge_json_from_fd(int fd)
+{
+    const plain_locale plain;
+    return json_object_from_fd(fd);
+}
+
+/* ---- reading ---- */
 
 static int read_failed(const bridge_json_field *field, const char *text)
 {
@@ -178,7 +226,7 @@ int errnum_to_existing_json(const char *key, int errnum, json_object *existing)
     BRIDGE_ASSERT(existing);
 
     char buffer[64];
-    const char *text = errnum == 0 ? "ok" : strerror_r(-errnum, buffer, sizeof(buffer));
+    const char *text = errnum == 0 ? "ok" : bridge_errno_text(-errnum, buffer, sizeof(buffer));
     json_object *status = json_object_new_string(text);
     if (status == nullptr) {
         BRIDGE_ERROR("failed to allocate JSON string for status string");

@@ -32,6 +32,14 @@ struct bridge_json_field {
 
 using json_owned = std::unique_ptr<json_object, bridge_release<json_object_put>>;
 
+/* The library's functions of these names, to be called in their place: by itself it makes a locale for each
+ * parse, under a lock of the C library that a fork does not take. A child that was forked meanwhile would
+ * find that lock taken for ever, and need it to load a library or to put an error number into words. */
+json_object *bridge_json_parse(const char *text);
+json_object *bridge_json_parse_ex(json_tokener *tokener, const char *text, int length);
+json_object *bridge_json_from_file(const char *path);
+json_object *bridge_json_from_fd(int fd);
+
 /* Fills the targets from `obj` in frame order and stops at the first failure; what was filled stays filled.
  * Returns 0, or a negative number. A stale EINVAL in errno counts as a failed number, so errno is cleared
  * where the handling of a message begins. */

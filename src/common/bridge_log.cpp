@@ -66,6 +66,12 @@ bridge_fork_hold::~bridge_fork_hold()
     unlock_output();
 }
 
+const char *bridge_errno_text(int code, char *buffer, size_t size)
+{
+    const bridge_fork_hold hold;
+    return strerror_r(code, buffer, size);
+}
+
 /* Under the output lock: a zone that changes while the daemon runs is followed. One look at the clock gives
  * all parts: between two of them a second may begin, and the line would be a second early. */
 static void fill_timestamp(log_timestamp *stamp)

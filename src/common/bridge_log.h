@@ -3,6 +3,7 @@
 #ifndef BRIDGE_LOG_H
 #define BRIDGE_LOG_H
 
+#include <cstddef>
 #include <cstdint>
 
 enum : uint32_t {
@@ -36,6 +37,10 @@ class bridge_fork_hold
     bridge_fork_hold(const bridge_fork_hold &) = delete;
     bridge_fork_hold &operator=(const bridge_fork_hold &) = delete;
 };
+
+/* The system's text for an errno value, in `buffer` or static. It is looked up under a lock of the C library.
+ */
+const char *bridge_errno_text(int code, char *buffer, size_t size);
 
 [[noreturn]] void bridge_assert_failed(const char *file, int line, const char *text);
 

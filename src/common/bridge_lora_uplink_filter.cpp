@@ -210,7 +210,7 @@ static int import_filter_list(int fd, json_object *target)
         return -1;
     }
     lseek(fd, 0, SEEK_SET);
-    json_owned content(json_object_from_fd(fd));
+    json_owned content(bridge_json_from_fd(fd));
     if (!content) {
         BRIDGE_WARN("the filter file appears to be empty (no valid JSON structure)");
         content.reset(json_object_new_object());

@@ -445,6 +445,7 @@ static int join_connection(bridge_mqtt_ep_group *group, bridge_mqtt_endpoint_t e
     }
     BRIDGE_WARN("endpoint group: [%zu] seems not participating in MQTT connection",
                 static_cast<size_t>(group - mqtt_ctx.ep_handles.data()));
+    bridge_mqtt_delivery_forget(group, group->connected_bits);
     group->connected_bits = 0;
     return 0;
 }
@@ -571,7 +572,8 @@ static bool has_publish_room(bridge_mqtt_ep_group *group)
 
 /* Left to itself the library waits for an acknowledgement in sleeps of 100 ms: looking often keeps the same
  * messages in flight and loses no time. Each look comes a quarter later than the one before, so that a server
- * that is far away or silent costs no work. It ends where the library's own wait would, with the connection. */
+ * that is far away or silent costs no work. It ends where the library's own wait would, with the connection.
+ */
 static void wait_for_publish_room(bridge_mqtt_ep_group *group)
 {
     if (!has_publish_room(group)) {

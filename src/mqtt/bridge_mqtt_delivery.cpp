@@ -171,16 +171,16 @@ void bridge_mqtt_delivery_push(bridge_mqtt_delivery_item *item)
     pthread_cond_signal(&queue.wake);
 }
 
-void bridge_mqtt_delivery_forget(const bridge_mqtt_ep_group *group, uint32_t endpoint_bit)
+void bridge_mqtt_delivery_forget(const bridge_mqtt_ep_group *group, uint32_t endpoint_bits)
 {
     const queue_guard guard;
     bridge_mqtt_delivery_item *before = nullptr;
     bridge_mqtt_delivery_item *item = queue.front;
     while (item != nullptr) {
         bridge_mqtt_delivery_item *next = item->next;
-        const bool affected = item->group == group && (item->endpoints & endpoint_bit) != 0;
+        const bool affected = item->group == group && (item->endpoints & endpoint_bits) != 0;
         if (affected)
-            item->endpoints &= ~endpoint_bit;
+            item->endpoints &= ~endpoint_bits;
         if (affected && item->endpoints == 0) {
             unlink_item(before, item);
             free_item(item);

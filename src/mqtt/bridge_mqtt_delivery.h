@@ -52,6 +52,6 @@ void bridge_mqtt_delivery_push(bridge_mqtt_delivery_item *item);
 
 /* Takes an endpoint's bit from the queued messages of a group: they are not for whoever connects as it next.
  * A handler that runs already is not waited for. */
-void bridge_mqtt_delivery_forget(const bridge_mqtt_ep_group *group, uint32_t endpoint_bit);
+void bridge_mqtt_delivery_forget(const bridge_mqtt_ep_group *group, uint32_t endpoint_bits);
 
 #endif

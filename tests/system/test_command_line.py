@@ -1,10 +1,16 @@
 """The command line: what each option says on standard error, and what ends the process."""
+import os
 import re
+from pathlib import Path
 from typing import Callable
 
 import pytest
 
-from harness.bridge import Bridge
+from conftest import Cleanup
+from harness.bridge import BINARY, Bridge
+from harness.broker import Mosquitto
+from harness.config import CONTROL_OFF, gateway_config, merged, write_config
+from harness.ports import free_port
 
 RunBridge = Callable[..., Bridge]
 
@@ -115,3 +121,18 @@ def test_options_without_a_configuration_file_are_refused(run_bridge: RunBridge,
     assert bridge.wait_exit() == 1
     assert bridge.log.find("failed to process configuration file") or "-d" not in options
     assert bridge.out.lines == []
+
+
+def test_standard_descriptors_that_are_closed_lead_nowhere(tmp_path: Path, cleanup: Cleanup) -> None:
+    closing = tmp_path / "closing"
+    closing.write_text(f'#!/bin/sh\nexec {BINARY} "$@" <&- >&-\n')
+    closing.chmod(0o755)
+    broker, port = Mosquitto(tmp_path / "broker"), free_port()
+    cleanup.add(broker)
+    sections = gateway_config(port, merged(CONTROL_OFF.changes, {"ns": {"url": broker.url}}))
+    config = write_config(tmp_path / "bridge.toml", sections)
+    bridge = Bridge(tmp_path, ["-c", str(config), "-d", "-v", "4", *CONTROL_OFF.arguments], binary=closing)
+    cleanup.add(bridge)
+    bridge.wait_connected()
+    opened = Path(f"/proc/{bridge.process.pid}/fd")
+    assert [os.readlink(opened / str(fd)) for fd in (0, 1)] == [os.devnull] * 2

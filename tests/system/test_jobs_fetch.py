@@ -41,6 +41,7 @@ from harness.http_server import Fault, FileServer, faulty, https_server, wait_re
 from harness.lab import LabAgent
 from harness.ports import free_port
 from harness.road import Road
+from harness.tcp import is_kept_alive
 from harness.waiting import wait_until
 
 STOP_WAIT_S = 3
@@ -302,6 +303,18 @@ def test_a_server_of_https_must_be_trusted(gateway: FileGateway, tmp_path: Path,
     assert fetch(gateway, "shm/data.bin", other.offer("/a", b"content")) == IO_ERROR
     gateway.road.bridge.wait_for_log("curl: easy_perform() failed: SSL peer certificate", after=mark)
     assert not other.requests and gateway.inside(f"{SHM}/data.bin").read_bytes() == b""
+
+
+@pytest.mark.parametrize("kind", [STREAM, FETCH], ids=lambda kind: kind.start)
+def test_a_server_that_is_silent_is_asked_whether_it_lives(gateway: FileGateway, kind: JobKind) -> None:
+    gateway.put(f"{SHM}/data.bin", b"content")
+    url = gateway.http.offer("/a", content_of(MIB))
+    with faulty(gateway.http, Fault.STALLS):
+        requests = len(gateway.http.requests)
+        job = gateway.start(kind, path="shm/data.bin", url=url, offset=0, size=7)
+        wait_request(gateway.http, after=requests)
+        wait_until(lambda: is_kept_alive(gateway.http.port), "a keep-alive")
+        gateway.end(job)
 
 
 # --- the library ---

@@ -26,6 +26,7 @@ from harness.control import Answer, ControlRoad, request
 from harness.lab import LabAgent, start_agent
 from harness.ports import free_port
 from harness.sshd import PASSWORD, USER, SshServer, run_at
+from harness.tcp import is_kept_alive
 from harness.waiting import PATIENCE, wait_until
 
 IN_PROGRESS = "Operation now in progress"
@@ -259,6 +260,11 @@ def tunnel(shared: tuple[ControlRoad, int], server: SshServer) -> Iterator[Tunne
 
 
 # --- what goes through ---
+
+
+def test_a_server_that_is_silent_is_asked_whether_it_lives(tunnel: Tunnel) -> None:
+    tunnel.open()
+    wait_until(lambda: is_kept_alive(tunnel.server.port), "a keep-alive")
 
 
 def test_a_command_runs_on_the_gateway_through_the_tunnel(

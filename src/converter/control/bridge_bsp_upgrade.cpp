@@ -530,7 +530,7 @@ static int read_request(json_object *root, bsp_upgrade_msg *message)
 static void queue_request(const char *text)
 {
     BRIDGE_DEBUG("Received BSP upgrade request: %s", text);
-    const json_owned root(json_tokener_parse(text));
+    const json_owned root(bridge_json_parse(text));
     if (!root) {
         BRIDGE_ERROR("Failed to parse incoming payload for bsp upgrade");
         return;

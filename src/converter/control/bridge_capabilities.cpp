@@ -99,7 +99,7 @@ static void start_services()
 
 static void process_payload(const char *payload)
 {
-    const json_owned parsed(json_tokener_parse(payload));
+    const json_owned parsed(bridge_json_parse(payload));
     if (!parsed) {
         BRIDGE_ERROR("failed to parse incoming configuration");
         return;

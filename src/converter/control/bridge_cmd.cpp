@@ -253,7 +253,7 @@ void bridge_cmd_worker(converter_ctx *ctx, const char *topic, const char *payloa
 {
     cmd_async_collect();
     errno = 0; /* a bad number of the message before must not count against this one */
-    const json_owned root(json_tokener_parse(payload));
+    const json_owned root(bridge_json_parse(payload));
     if (!root) {
         BRIDGE_ERROR("Failed to parse incoming payload");
         return;

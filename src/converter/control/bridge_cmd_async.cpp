@@ -8,6 +8,7 @@
 #include "converter/control/bridge_ctrl_conv.h"
 #include "converter/control/bridge_ctrl_ctx.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdlib>
@@ -30,9 +31,17 @@ static constexpr cmd_async_texts SLAVE_TEXTS = {
 
 /* ---- children that nobody waits for ---- */
 
-/* A place is free when it holds 0. With all of them taken a child stays uncollected until the daemon ends. */
+/* A place is free when it holds 0. With all of them taken a child stays uncollected until the daemon ends, so
+ * nothing new is begun while few are left: all threads of the pool may be about to begin something. */
 static std::array<pid_t, 64> unwaited;
+static constexpr auto KEPT_FREE = 16;
 static std::mutex unwaited_lock;
+
+static bool has_room_for_child()
+{
+    const std::lock_guard guard(unwaited_lock);
+    return std::count(unwaited.begin(), unwaited.end(), 0) > KEPT_FREE;
+}
 
 void cmd_async_forget(pid_t pid)
 {
@@ -111,23 +120,29 @@ void cmd_async_begin()
     exit(0);
 }
 
+/* Returns the negated errno value. */
+static int report_no_child(const cmd_async_texts &texts)
+{
+    const int code = errno;
+    BRIDGE_INFO(texts.failed, code);
+    return -code;
+}
+
 static int start_child(converter_ctx *ctx, json_object *request, cmd_async_job job,
                        const cmd_async_texts &texts)
 {
-    int ends[2];
-    if (pipe2(ends, O_CLOEXEC) < 0) {
-        const int code = errno;
-        BRIDGE_INFO(texts.failed, code);
-        return -code;
+    if (!has_room_for_child()) {
+        errno = EAGAIN;
+        return report_no_child(texts);
     }
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) < 0)
+        return report_no_child(texts);
     bridge_fd read_end(ends[0]);
     const bridge_fd write_end(ends[1]);
     const pid_t pid = cmd_fork(ctx);
-    if (pid < 0) {
-        const int code = errno;
-        BRIDGE_INFO(texts.failed, code);
-        return -code;
-    }
+    if (pid < 0)
+        return report_no_child(texts);
     if (pid == 0)
         run_job(ctx, request, job, write_end.get(), texts.started);
     BRIDGE_DEBUG(texts.launched, pid);

@@ -181,7 +181,7 @@ json_object *bridge_cmd_status_text(const char *key, const char *text)
 json_object *bridge_cmd_status_errno(const char *key, int err)
 {
     char buffer[64];
-    return bridge_cmd_status_text(key, err == 0 ? "ok" : strerror_r(err, buffer, sizeof(buffer)));
+    return bridge_cmd_status_text(key, err == 0 ? "ok" : bridge_errno_text(err, buffer, sizeof(buffer)));
 }
 
 void cmd_answer_error(const char *text, json_object **response)

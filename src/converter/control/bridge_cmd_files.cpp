@@ -182,9 +182,11 @@ static int stop_job(converter_ctx *ctx, const file_job &job, json_object *params
         return -EINVAL;
     }
     const int result = job.stop(&fileops_root, current);
-    cmd_async_forget(current); /* one that takes longer to end than the stop waits */
-    (ctx->*job.slot)
-        .compare_exchange_strong(current, -1); /* another job may have been started in the meantime */
+    const pid_t child = current;
+    /* Another job may have been started in the meantime. One that takes longer to end than the stop waits is
+     * forgotten behind that, as it may then be collected at any time. */
+    if ((ctx->*job.slot).compare_exchange_strong(current, -1))
+        cmd_async_forget(child);
     return result;
 }
 
@@ -395,9 +397,8 @@ static int end_retrieval(converter_ctx *ctx)
     }
     if (ctx->watch_pid > 0) {
         stop_watch(ctx);
-        cmd_async_forget(ctx->watch_pid); /* as other jobs */
         empty_backups();
-        ctx->watch_pid = -1;
+        cmd_async_forget(ctx->watch_pid.exchange(-1)); /* as other jobs */
     }
     ctx->log_retrieval_running = false;
     return 0;

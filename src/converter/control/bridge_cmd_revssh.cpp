@@ -33,6 +33,7 @@ static constexpr int SSH_VERBOSITY = 2;
 static constexpr int MAX_PORT = 65535;
 static constexpr int POLL_MS = 1000;
 static constexpr int BACKLOG_POLL_MS = 5;
+static constexpr int KEEPALIVE_S = 60; /* so long a silence, then so long between the questions */
 static constexpr short LOCAL_EVENTS = POLLIN | POLLPRI | POLLERR | POLLHUP | POLLNVAL;
 static_assert(LOCAL_EVENTS == 0x3B);
 
@@ -310,6 +311,16 @@ static int serve_connections(ssh_session session, int local_port)
     }
 }
 
+/* A server that vanishes without a word would be waited for for ever. Errors leave the system's defaults. */
+static void keep_alive(int socket)
+{
+    const int on = 1;
+    const int seconds = KEEPALIVE_S;
+    setsockopt(socket, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof(on));
+    setsockopt(socket, IPPROTO_TCP, TCP_KEEPIDLE, &seconds, sizeof(seconds));
+    setsockopt(socket, IPPROTO_TCP, TCP_KEEPINTVL, &seconds, sizeof(seconds));
+}
+
 static int log_in(ssh_session session, const char *host, const char *user, const char *password, int ssh_port)
 {
     const int verbosity = SSH_VERBOSITY;
@@ -324,6 +335,7 @@ static int log_in(ssh_session session, const char *host, const char *user, const
         BRIDGE_ERROR("ssh: error connecting to %s:%d: %s", host, ssh_port, ssh_get_error(session));
         return -EIO;
     }
+    keep_alive(ssh_get_fd(session));
     /* Whose server it is nobody checks: a gateway knows no keys of servers. */
     if (ssh_userauth_password(session, user, password) != SSH_AUTH_SUCCESS) {
         BRIDGE_ERROR("ssh: error authenticating with password: %s", ssh_get_error(session));
@@ -394,8 +406,9 @@ static int as_port(int64_t number)
     return number >= 0 && number <= MAX_PORT ? static_cast<int>(number) : -1;
 }
 
-/* Under the context mutex. Returns 0 when no tunnel runs, or the negated errno value. */
-static int check_no_tunnel(const converter_ctx *ctx)
+/* Under the context mutex. Returns 0 when no tunnel runs, or the negated errno value. A child that has ended
+ * is forgotten here: its number may soon be another's. */
+static int check_no_tunnel(converter_ctx *ctx)
 {
     const pid_t child = ctx->ssh_pid;
     if (child <= 0)
@@ -411,6 +424,7 @@ static int check_no_tunnel(const converter_ctx *ctx)
         return -EINPROGRESS;
     }
     BRIDGE_DEBUG("reverse ssh process [%d] is no longer running", child);
+    ctx->ssh_pid = -1;
     return 0;
 }
 

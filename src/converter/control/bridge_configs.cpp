@@ -281,7 +281,7 @@ static void apply(json_object *request, json_object *response, json_object *resp
 
 static void work_on(const char *payload)
 {
-    const json_owned request(json_tokener_parse(payload));
+    const json_owned request(bridge_json_parse(payload));
     BRIDGE_TRACE("received a configuration: %s", payload);
     if (!request) {
         BRIDGE_ERROR("failed to parse incoming configuration");

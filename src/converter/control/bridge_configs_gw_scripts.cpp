@@ -108,7 +108,7 @@ static int hand_over(const cfg_script &script, json_object *cfg)
  * is taken for it. */
 static int collect(const cfg_direction_words &words, int result, json_object *out)
 {
-    const json_owned answer(json_object_from_file(OUT_FILE));
+    const json_owned answer(bridge_json_from_file(OUT_FILE));
     if (!answer) {
         BRIDGE_ERROR("%s", words.not_extracted);
         return -EIO;

@@ -64,7 +64,7 @@ static json_object *encode(cfg_encoding encoding, const char *document, size_t s
 {
     BRIDGE_ASSERT(encoding == CFG_JSON || encoding == CFG_BASE64);
     if (encoding == CFG_JSON) {
-        json_object *value = json_tokener_parse(document);
+        json_object *value = bridge_json_parse(document);
         if (value == nullptr)
             BRIDGE_ERROR("%s", not_parsed);
         return value;
@@ -228,7 +228,7 @@ void bridge_config_pull_worker_legacy(converter_ctx *ctx, const char *topic, con
     BRIDGE_ASSERT(payload);
     BRIDGE_ASSERT(topic);
     BRIDGE_TRACE("received a config payload: %s", payload);
-    const json_owned request(json_tokener_parse(payload));
+    const json_owned request(bridge_json_parse(payload));
     if (!request) {
         BRIDGE_ERROR("failed to parse incoming configuration");
         return;

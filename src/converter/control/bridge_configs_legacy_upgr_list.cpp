@@ -95,7 +95,7 @@ static int write_table(converter_ctx *ctx, json_object *list)
 int bridge_configs_legacy_upgr_list_write(converter_ctx *ctx, const char *cfg, char **out)
 {
     BRIDGE_DEBUG("writing legacy [%s] upgrade list configuration", cfg);
-    const json_owned list(json_tokener_parse(cfg));
+    const json_owned list(bridge_json_parse(cfg));
     if (!list) {
         BRIDGE_ERROR("failed to parse upgrade server JSON");
         return -EIO;

@@ -38,8 +38,8 @@ static json_object *parse_downlink(const uint8_t *payload, uint32_t payload_size
         BRIDGE_ERROR("failed to allocate tokener");
         return nullptr;
     }
-    json_object *parsed = json_tokener_parse_ex(tokener.get(), reinterpret_cast<const char *>(payload),
-                                                static_cast<int>(payload_size));
+    json_object *parsed = bridge_json_parse_ex(tokener.get(), reinterpret_cast<const char *>(payload),
+                                               static_cast<int>(payload_size));
     if (parsed == nullptr)
         BRIDGE_WARN("unable to parse downlink payload");
     return parsed;

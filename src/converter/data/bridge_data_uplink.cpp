@@ -69,7 +69,7 @@ static json_object *parse_datagram(const char *text)
     if (converter_ctx.tokener == nullptr)
         return nullptr;
     json_tokener_reset(converter_ctx.tokener);
-    json_owned parsed(json_tokener_parse_ex(converter_ctx.tokener, text, -1));
+    json_owned parsed(bridge_json_parse_ex(converter_ctx.tokener, text, -1));
     return json_tokener_get_error(converter_ctx.tokener) == json_tokener_success ? parsed.release() : nullptr;
 }
 

@@ -63,11 +63,17 @@ def log_time(line: str) -> float:
 class Bridge:
     """One run of the daemon. Its lines on standard error are in `log`, those on standard output in `out`."""
 
-    def __init__(self, work: Path, arguments: list[str], extra_env: Optional[dict[str, str]] = None) -> None:
+    def __init__(
+        self,
+        work: Path,
+        arguments: list[str],
+        extra_env: Optional[dict[str, str]] = None,
+        binary: Path = BINARY,
+    ) -> None:
         assert BINARY.exists(), f"no daemon at {BINARY}: build it, or set SNV_BRIDGE"
         self.work = work
         self.process = subprocess.Popen(
-            sandboxed(work, BINARY, arguments),
+            sandboxed(work, binary, arguments),
             cwd=work,
             env=environment(work, extra_env),
             stdin=subprocess.DEVNULL,

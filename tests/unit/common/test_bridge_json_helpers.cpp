@@ -5,11 +5,17 @@
 #include "common/captured_stderr.h"
 
 #include <cerrno>
+#include <clocale>
 #include <cstring>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <functional>
 #include <gtest/gtest.h>
 #include <iterator>
 #include <limits>
+#include <memory>
 #include <string>
+#include <unistd.h>
 
 using testing::ContainsRegex;
 using testing::HasSubstr;
@@ -32,6 +38,16 @@ WRAPPED_CONSTRUCTOR(json_object_new_int64, (int64_t value), (value))
 WRAPPED_CONSTRUCTOR(json_object_new_uint64, (uint64_t value), (value))
 WRAPPED_CONSTRUCTOR(json_object_new_string, (const char *text), (text))
 WRAPPED_CONSTRUCTOR(json_object_new_object, (), ())
+
+/* What the library has last made a copy of. */
+static locale_t copied_locale;
+
+extern "C" locale_t duplocale(locale_t from) noexcept
+{
+    static const auto real = reinterpret_cast<locale_t (*)(locale_t)>(dlsym(RTLD_NEXT, "duplocale"));
+    copied_locale = from;
+    return real(from);
+}
 
 static json_owned parse(const char *text)
 {
@@ -524,4 +540,46 @@ TEST_F(BridgeJsonDeath, NullPointersAndEmptyFramesAreAsserted)
     EXPECT_ASSERTION(bridge_json_serialize(out.get(), nameless, 1), "fld->name");
     EXPECT_ASSERTION(errnum_to_existing_json(nullptr, 0, out.get()), "key");
     EXPECT_ASSERTION(errnum_to_existing_json("status", 0, nullptr), "existing");
+}
+
+/* ---- parsing ---- */
+
+static std::string parsed_text(const json_owned &parsed)
+{
+    return parsed ? print(parsed.get()) : "nothing";
+}
+
+TEST_F(BridgeJson, AParseCopiesTheLocaleThatNeedsNoLock)
+{
+    const locale_t constant = newlocale(LC_ALL_MASK, "C", nullptr);
+    json_tokener_parse("1");
+    EXPECT_NE(copied_locale, constant) << "the library by itself";
+
+    const std::string path = testing::TempDir() + "parsed.json";
+    const bridge_fd file(open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    ASSERT_EQ(write(file.get(), "[1.5]", 5), 5);
+    ASSERT_EQ(lseek(file.get(), 0, SEEK_SET), 0);
+    const std::unique_ptr<json_tokener, bridge_release<json_tokener_free>> tokener(json_tokener_new());
+
+    const std::function<json_object *()> ways[] = {
+        [] { return bridge_json_parse("[1.5]"); },
+        [&tokener] { return bridge_json_parse_ex(tokener.get(), "[1.5]", -1); },
+        [&path] { return bridge_json_from_file(path.c_str()); },
+        [&file] { return bridge_json_from_fd(file.get()); },
+    };
+    for (const auto &way : ways) {
+        copied_locale = nullptr;
+        EXPECT_EQ(parsed_text(json_owned(way())), "[1.5]");
+        EXPECT_EQ(copied_locale, constant);
+        EXPECT_EQ(duplocale(copied_locale), constant) << "a copy is the constant itself";
+        EXPECT_EQ(uselocale(nullptr), LC_GLOBAL_LOCALE);
+    }
+    unlink(path.c_str());
+}
+
+TEST_F(BridgeJson, WhatIsNoJsonIsParsedToNothing)
+{
+    EXPECT_EQ(parsed_text(json_owned(bridge_json_parse("{"))), "nothing");
+    EXPECT_EQ(parsed_text(json_owned(bridge_json_from_file("/nowhere"))), "nothing");
+    EXPECT_EQ(uselocale(nullptr), LC_GLOBAL_LOCALE);
 }

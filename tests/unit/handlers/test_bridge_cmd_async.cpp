@@ -171,3 +171,20 @@ TEST_F(CmdAsync, NoChildOfManyStaysUncollected)
     EXPECT_TRUE(all_collected());
     EXPECT_THAT(log.complaints(), IsEmpty());
 }
+
+/* All threads of the pool may be about to begin one. */
+TEST_F(CmdAsync, NothingIsBegunWhileFewPlacesForChildrenAreLeft)
+{
+    for (int i = 0; i < 47; i++)
+        cmd_async_forget(getpid()); /* whom nobody can collect: the place is free at the next look */
+    EXPECT_EQ(run(begin_and_return), 0);
+    EXPECT_FALSE(cmd_async_returned_early());
+    const log_view view = log.from_here();
+    EXPECT_EQ(run(begin_and_return), -EAGAIN);
+    EXPECT_THAT(view.lines_of({"INFO", "WARN", "ERROR"}),
+                ElementsAre("INFO failed to start slave process: Resource temporarily unavailable"));
+    EXPECT_FALSE(cmd_async_returned_early());
+    EXPECT_TRUE(all_collected());
+    EXPECT_EQ(run(begin_and_return), 0);
+    EXPECT_TRUE(all_collected());
+}

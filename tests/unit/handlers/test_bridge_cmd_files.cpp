@@ -103,9 +103,15 @@ int bridge_fileops_execute_stop(const bridge_fileops_entry *, pid_t pid)
     return work(join({"execute stop ", std::to_string(pid)}), files.stop_result);
 }
 
+/* Whose jobs are looked at. */
+static const converter_ctx *jobs_of;
+
+/* From here on a child may be collected at any time: who still finds its number would ask for nobody. */
 void cmd_async_forget(pid_t pid)
 {
-    note(join({"forget ", std::to_string(pid)}), 0);
+    const bool is_held = jobs_of->stream_id == pid || jobs_of->fetch_id == pid ||
+                         jobs_of->execute_id == pid || jobs_of->watch_pid == pid;
+    note(join({"forget ", std::to_string(pid), is_held ? " too early" : ""}), 0);
 }
 
 const bridge_fileops_entry fileops_root = {};
@@ -171,6 +177,7 @@ class CmdFiles : public ControlTest
     {
         files = {};
         fileops_watch = {};
+        jobs_of = ctx;
     }
 
     /* The response as text; "none" without one. */
@@ -408,6 +415,7 @@ TEST_F(CmdFiles, AStopOfTheRetrievalEndsTheWatcherAndEmptiesTheCopies)
     fileops_watch.running = true;
     EXPECT_EQ(call(bridge_cmd_log_retrieve_stop), status("ok"));
     EXPECT_THAT(fileops_watch.calls, ElementsAre("running 7", "stop 7", "force clean"));
+    EXPECT_THAT(files.calls, ElementsAre("forget 7"));
     EXPECT_EQ(context.watch_pid, -1);
     EXPECT_FALSE(context.log_retrieval_running);
     EXPECT_THAT(log.complaints(), ElementsAre("ERROR log retrieval is not running"));

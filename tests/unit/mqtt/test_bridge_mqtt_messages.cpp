@@ -149,6 +149,23 @@ TEST_F(BridgeMqttMessages, HandlersRunOneAtATimeInOrderOfArrival)
 
 /* ---- handlers that wait ---- */
 
+TEST_F(BridgeMqttMessages, MessagesOfALostConnectionReachNobodyThoughAnotherEndpointOpensTheNext)
+{
+    ASSERT_EQ(subscribe(OAM, "command"), 0);
+    hold_handler(NS);
+    EXPECT_EQ(fake_mqtt_arrive(1, "command", "old"), 1);
+    ASSERT_EQ(bridge_mqtt_disconnect(NS), 0);
+    fake_mqtt_lose(1, nullptr);
+    ASSERT_EQ(bridge_mqtt_connect(NS), 0);
+    EXPECT_EQ(bridge_mqtt_disconnect(OAM), 0);
+    ASSERT_EQ(bridge_mqtt_connect(OAM), 0);
+    ASSERT_EQ(subscribe(OAM, "command"), 0);
+    EXPECT_EQ(fake_mqtt_arrive(1, "command", "new"), 1);
+    handler.open();
+    ASSERT_TRUE(wait_for_deliveries(2));
+    EXPECT_THAT(delivered(), ElementsAre("hold=0", "command=new"));
+}
+
 TEST_F(BridgeMqttMessages, HandlerThatWaitsHoldsUpNeitherTheLibraryNorPublishes)
 {
     handler_gate = &handler;
