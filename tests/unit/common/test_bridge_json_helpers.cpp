@@ -552,7 +552,7 @@ static std::string parsed_text(const json_owned &parsed)
 TEST_F(BridgeJson, AParseCopiesTheLocaleThatNeedsNoLock)
 {
     const locale_t constant = newlocale(LC_ALL_MASK, "C", nullptr);
-    json_tokener_parse("1");
+    const json_owned one(json_tokener_parse("1"));
     EXPECT_NE(copied_locale, constant) << "the library by itself";
 
     const std::string path = testing::TempDir() + "parsed.json";
