@@ -192,6 +192,9 @@ static void *thread_do(void *argument)
         if (pool->threads_keepalive != 0)
             thread_run_job(pool);
     }
+    /* A post lets only one through, and on a busy machine that one may take long: who leaves wakes the next.
+     */
+    bsem_post(pool->queue.has_jobs.get());
     count_alive(pool, -1);
     return nullptr;
 }

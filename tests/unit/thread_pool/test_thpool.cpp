@@ -99,6 +99,7 @@ static struct {
     std::atomic<int> rounds;
     std::atomic<int> clock_looks_before; /* the first round */
     std::atomic<gate *> opened_by_third_round;
+    std::atomic<bool> first_lasts; /* until no thread of a pool is left */
     std::array<std::atomic<pid_t>, THREADS_WATCHED> held;
     std::array<std::atomic<int>, THREADS_WATCHED> held_rounds;
 } waits;
@@ -109,6 +110,7 @@ static void reset_waits()
     waits.rounds = 0;
     waits.clock_looks_before = 0;
     waits.opened_by_third_round = nullptr;
+    waits.first_lasts = false;
     for (size_t i = 0; i < THREADS_WATCHED; ++i) {
         waits.held[i] = 0;
         waits.held_rounds[i] = 0;
@@ -127,6 +129,23 @@ static void count_held_thread()
     }
 }
 
+/* By name: a sanitizer has threads of its own. */
+static int pool_threads_of_process()
+{
+    int count = 0;
+    for (const auto &task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::string name;
+        std::getline(std::ifstream(task.path() / "comm"), name);
+        count += name.starts_with("thread-pool-") ? 1 : 0;
+    }
+    return count;
+}
+
+static bool all_pool_threads_end()
+{
+    return wait_until([] { return pool_threads_of_process() == 0; });
+}
+
 void bridge_wait_s(uint32_t seconds)
 {
     waits.seconds_asked += static_cast<int>(seconds);
@@ -136,6 +155,8 @@ void bridge_wait_s(uint32_t seconds)
     gate *held_job = waits.opened_by_third_round;
     if (held_job != nullptr && waits.rounds == 3)
         held_job->open();
+    if (waits.first_lasts && waits.rounds == 1)
+        all_pool_threads_end();
     const timespec moment = {.tv_sec = 0, .tv_nsec = 100'000};
     nanosleep(&moment, nullptr);
     errno = EINTR; /* as a wait that a signal ends leaves it */
@@ -200,23 +221,6 @@ int __wrap_sigaction(int number, const struct sigaction *action, struct sigactio
 }
 }
 // NOLINTEND(bugprone-reserved-identifier)
-
-/* By name: a sanitizer has threads of its own. */
-static int pool_threads_of_process()
-{
-    int count = 0;
-    for (const auto &task : std::filesystem::directory_iterator("/proc/self/task")) {
-        std::string name;
-        std::getline(std::ifstream(task.path() / "comm"), name);
-        count += name.starts_with("thread-pool-") ? 1 : 0;
-    }
-    return count;
-}
-
-static bool all_pool_threads_end()
-{
-    return wait_until([] { return pool_threads_of_process() == 0; });
-}
 
 class Thpool : public testing::Test
 {
@@ -399,6 +403,16 @@ TEST_F(Thpool, IdleThreadsAreEndedWithoutAWait)
     }
     EXPECT_TRUE(all_pool_threads_end());
     EXPECT_EQ(waits.rounds, 0);
+}
+
+TEST_F(Thpool, IdleThreadsEndOneByOneWithoutAnotherRound)
+{
+    thpool *pool = thpool_init(16);
+    looks_per_second = 1; /* the first second is over at once */
+    waits.first_lasts = true;
+    thpool_destroy(pool);
+    EXPECT_LE(waits.rounds, 1);
+    EXPECT_EQ(pool_threads_of_process(), 0);
 }
 
 TEST_F(Thpool, DestroyTakesNull)
