@@ -8,6 +8,10 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
+#ifdef __SANITIZE_ADDRESS__
+#include <sanitizer/lsan_interface.h>
+#endif
 
 static constexpr uint32_t LARGE_PAYLOAD = 2048;
 static constexpr int DISCONNECT_TIMEOUT_MS = 1000;
@@ -22,6 +26,12 @@ static constexpr uint32_t RAREST_LOOK_US = 5000;
 static constexpr uint32_t STUCK_CALL_MS = 50;
 static constexpr uint32_t STUCK_CALL_STEP_MS = 1;
 
+/* The library waits 10 s for the answer to a subscribe or an unsubscribe. It frees messages when that cannot
+ * be sent, at once, or when none has come. */
+static constexpr auto QUESTION_SENT = std::chrono::milliseconds(20);
+static constexpr auto QUESTION_NEARLY_OVER = std::chrono::milliseconds(9000);
+
+/* In which the library's thread is surely back from a callback and has gone on. */
 static constexpr uint32_t CALLBACK_RETURN_MS = 50;
 static constexpr uint32_t DEINIT_LIMIT_MS = 5000;
 static constexpr uint32_t DEINIT_STEP_MS = 10;
@@ -134,15 +144,65 @@ static void wait_for_delivery_room(const bridge_mqtt_ep_group *group, uint32_t s
     }
 }
 
-/* The message is the library's until it is copied and freed, which is the last thing here: the library frees
- * what lies in its queue when a connection ends, and a message stays in there until its callback returns. */
+/* Under message_lock. While its session lasts, what was taken is ours once the library's thread is back: it
+ * calls again, or no callback is under way. Of a session that has ended, that is so when it had the time for
+ * it; otherwise nobody knows, and some bytes are left alone. */
+static void free_taken(bridge_mqtt_ep_group *group)
+{
+    bridge_mqtt_taken taken = std::exchange(group->taken, {});
+    if (taken.message == nullptr)
+        return;
+    const bool is_whole = group->session == taken.session && MQTTClient_isConnected(group->handle);
+    if (!is_whole && group->lost_at.load() - taken.at < std::chrono::milliseconds(CALLBACK_RETURN_MS)) {
+#ifdef __SANITIZE_ADDRESS__
+        __lsan_ignore_object(taken.topic);
+        __lsan_ignore_object(taken.message);
+#endif
+        return;
+    }
+    MQTTClient_freeMessage(&taken.message);
+    MQTTClient_free(taken.topic);
+}
+
+enum question_risk {
+    QUESTION_HARMLESS,
+    QUESTION_BEGINS,
+    QUESTION_ENDS,
+};
+
+static question_risk risk_of_question()
+{
+    const bridge_mqtt_moment since = mqtt_ctx.question_since;
+    const auto age = std::chrono::steady_clock::now() - since;
+    if (since == bridge_mqtt_moment() || (age >= QUESTION_SENT && age < QUESTION_NEARLY_OVER))
+        return QUESTION_HARMLESS;
+    return age < QUESTION_SENT ? QUESTION_BEGINS : QUESTION_ENDS;
+}
+
+/* Locks the messages when no subscribe or unsubscribe can free one. False when one is about to give up: the
+ * message then stays with the library. */
+static bool lock_messages_beside_questions(std::unique_lock<std::mutex> *guard)
+{
+    for (;;) {
+        *guard = lock_messages();
+        const question_risk risk = risk_of_question();
+        if (risk != QUESTION_BEGINS)
+            return risk == QUESTION_HARMLESS;
+        *guard = std::unique_lock<std::mutex>();
+        bridge_wait_ms(STUCK_CALL_STEP_MS);
+    }
+}
+
+/* The message is the library's until its session ends or this has returned. Its payload, which may be large,
+ * is freed here: the library finds none then. The rest waits for the next one. */
 static int take_message(bridge_mqtt_ep_group *group, char *topic, MQTTClient_message *message)
 {
     const uint32_t session = group->session;
     wait_for_delivery_room(group, session);
-    const std::unique_lock<std::mutex> guard = lock_messages();
-    if (!is_message_valid(group, session))
+    std::unique_lock<std::mutex> guard;
+    if (!lock_messages_beside_questions(&guard) || !is_message_valid(group, session))
         return 0;
+    free_taken(group);
     BRIDGE_TRACE("received a publish on topic: %s", topic);
     bridge_mqtt_delivery_item *item =
         bridge_mqtt_delivery_item_new(topic, message->payload, static_cast<uint32_t>(message->payloadlen));
@@ -151,8 +211,9 @@ static int take_message(bridge_mqtt_ep_group *group, char *topic, MQTTClient_mes
         item->endpoints = group->connected_bits;
         bridge_mqtt_delivery_push(item);
     }
-    MQTTClient_freeMessage(&message);
-    MQTTClient_free(topic);
+    MQTTClient_free(std::exchange(message->payload, nullptr));
+    message->payloadlen = 0;
+    group->taken = {topic, message, session, std::chrono::steady_clock::now()};
     return 1;
 }
 
@@ -178,6 +239,7 @@ static void on_connection_lost(void *context, char *cause)
         BRIDGE_WARN("mqtt connection lost due to: %s", cause);
     else
         BRIDGE_WARN("mqtt connection lost");
+    static_cast<bridge_mqtt_ep_group *>(context)->lost_at = std::chrono::steady_clock::now();
     const bridge_mqtt_connection_cb_t callback = mqtt_ctx.connection_cb;
     if (callback != nullptr)
         callback(0, context);
@@ -283,6 +345,13 @@ int bridge_mqtt_init(bridge_mqtt_connection_cb_t connection_cb)
     return 0;
 }
 
+/* With no callback under way, and before the session is ended. */
+static void forget_taken(bridge_mqtt_ep_group *group)
+{
+    const std::lock_guard<std::mutex> guard(mqtt_ctx.message_lock);
+    free_taken(group);
+}
+
 /* The library's thread touches the client once more after a callback has returned, so none may be under way
  * and the last one gets a moment to be back. */
 static void wait_for_callbacks(const bridge_mqtt_ep_group *group)
@@ -295,6 +364,7 @@ static void wait_for_callbacks(const bridge_mqtt_ep_group *group)
 static void destroy_client(bridge_mqtt_ep_group *group)
 {
     wait_for_callbacks(group);
+    forget_taken(group);
     MQTTClient_destroy(&group->handle);
     group->handle = nullptr;
 }
@@ -513,6 +583,7 @@ static int close_connection(bridge_mqtt_ep_group *group)
     BRIDGE_ASSERT_TEXT(group->handle, "ep_handle->handle");
     close_messages(group);
     wait_for_callbacks(group);
+    forget_taken(group);
     const acknowledgement_wait wait;
     const int result = MQTTClient_disconnect(group->handle, DISCONNECT_TIMEOUT_MS);
     if (result != 0)

@@ -8,10 +8,22 @@
 #include <MQTTClient.h>
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <mutex>
 
 static constexpr size_t BRIDGE_MQTT_ENDPOINTS = BRIDGE_MQTT_EP_GEOLOC + 1;
 static constexpr size_t BRIDGE_MQTT_MAX_SUBS = 128;
+
+using bridge_mqtt_moment = std::chrono::steady_clock::time_point;
+
+/* What message-arrived has taken last, without its payload. The library takes it off its queue after that has
+ * returned, and frees it instead when the session ends just before. */
+struct bridge_mqtt_taken {
+    char *topic;
+    MQTTClient_message *message;
+    uint32_t session;
+    bridge_mqtt_moment at;
+};
 
 /* Endpoints that share one client. */
 struct bridge_mqtt_ep_group {
@@ -28,6 +40,8 @@ struct bridge_mqtt_ep_group {
     std::atomic<bool> closing;     /* the client is being ended: its messages reach nobody */
     std::atomic<int> callbacks;    /* message-arrived calls under way */
     std::atomic<uint32_t> session; /* counts the connects: a message of an earlier one is gone */
+    bridge_mqtt_taken taken;       /* under message_lock */
+    std::atomic<bridge_mqtt_moment> lost_at;
 };
 
 struct bridge_mqtt_sub {
@@ -56,6 +70,9 @@ struct bridge_mqtt_context {
     /* Held while the library may free a message that it has handed to message-arrived: a failing publish
      * does. */
     std::mutex message_lock;
+    /* Since when a subscribe or an unsubscribe is inside the library, which frees messages as it begins or
+     * when it gives up, and takes too long for the lock. The epoch when none is. */
+    std::atomic<bridge_mqtt_moment> question_since;
 };
 
 extern bridge_mqtt_context mqtt_ctx;
@@ -79,6 +96,23 @@ class acknowledgement_wait
     }
     acknowledgement_wait(const acknowledgement_wait &) = delete;
     acknowledgement_wait &operator=(const acknowledgement_wait &) = delete;
+};
+
+/* Around each subscribe and unsubscribe of the library. Under ep_lock. */
+class server_question
+{
+  public:
+    server_question()
+    {
+        mqtt_ctx.question_since = std::chrono::steady_clock::now();
+        const std::lock_guard<std::mutex> guard(mqtt_ctx.message_lock); /* who has not seen it has left */
+    }
+    ~server_question()
+    {
+        mqtt_ctx.question_since = bridge_mqtt_moment();
+    }
+    server_question(const server_question &) = delete;
+    server_question &operator=(const server_question &) = delete;
 };
 
 constexpr uint32_t bridge_mqtt_ep_bit(uint32_t endpoint)

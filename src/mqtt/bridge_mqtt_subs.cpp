@@ -73,18 +73,30 @@ static void settle_pending_subscriptions(bool keep)
     }
 }
 
+static int ask_to_subscribe(MQTTClient handle, const char *topic)
+{
+    const server_question question;
+    return MQTTClient_subscribe(handle, topic, SUBSCRIBE_QOS);
+}
+
+static int ask_to_unsubscribe(MQTTClient handle, const char *topic)
+{
+    const server_question question;
+    return MQTTClient_unsubscribe(handle, topic);
+}
+
 static int subscribe_at_server(MQTTClient handle, std::span<const char *const> topics)
 {
     for (size_t i = 0; i < topics.size(); i++) {
         BRIDGE_TRACE("subscribing for [%s] topic", topics[i]);
-        const int result = MQTTClient_subscribe(handle, topics[i], SUBSCRIBE_QOS);
+        const int result = ask_to_subscribe(handle, topics[i]);
         if (result == 0) {
             BRIDGE_TRACE("subscribing for [%s] topic complete", topics[i]);
             continue;
         }
         BRIDGE_ERROR("failed to subscribe for topic: %s with error: [%d]", topics[i], result);
         for (const char *topic : topics.first(i))
-            MQTTClient_unsubscribe(handle, topic);
+            ask_to_unsubscribe(handle, topic);
         return -1;
     }
     return 0;
@@ -144,7 +156,7 @@ static int unsubscribe_topic(MQTTClient handle, bridge_mqtt_endpoint_t endpoint,
     for (bridge_mqtt_sub &sub : mqtt_ctx.subs) {
         if (!is_subscribed(sub, endpoint, topic))
             continue;
-        const int result = MQTTClient_unsubscribe(handle, topic);
+        const int result = ask_to_unsubscribe(handle, topic);
         if (result != 0)
             return result;
         release_subscription(&sub);

@@ -27,6 +27,7 @@ struct fake_client {
     bool destroyed;
     int callbacks;
     std::list<queued_message> queue;
+    std::set<void *> handed_over; /* off the queue, and the callback's own */
 };
 
 static struct {
@@ -37,6 +38,7 @@ static struct {
     std::map<std::string, std::deque<int>> scripts;
     std::map<std::string, std::function<void()>> hooks;
     std::set<void *> blocks;
+    std::set<void *> abandoned;
     fake_connect_options options;
     int connected_looks;
     int token_looks;
@@ -58,6 +60,11 @@ static void *new_block(size_t size)
 
 static void free_block(void *block, const char *what)
 {
+    if (block == nullptr)
+        return; /* as the C library's function */
+    fake.abandoned.erase(block);
+    for (const auto &client : fake.clients)
+        client->handed_over.erase(block);
     if (fake.blocks.erase(block) == 1)
         free(block);
     else
@@ -82,6 +89,8 @@ static void end_session(fake_client *client)
         free_message(entry.message);
     }
     client->queue.clear();
+    fake.abandoned.merge(client->handed_over);
+    client->handed_over.clear();
 }
 
 static fake_client *checked_client(MQTTClient handle, const std::string &verb)
@@ -314,6 +323,10 @@ void fake_mqtt_reset()
     fake.faults.clear();
     fake.scripts.clear();
     fake.hooks.clear();
+    for (void *block : std::exchange(fake.abandoned, {})) {
+        fake.blocks.erase(block);
+        free(block);
+    }
     fake.options = {};
     fake.connected_looks = 0;
     fake.token_looks = 0;
@@ -358,7 +371,13 @@ int fake_mqtt_running_callbacks()
 size_t fake_mqtt_live_blocks()
 {
     const locked guard(fake.lock);
-    return fake.blocks.size();
+    return fake.blocks.size() - fake.abandoned.size();
+}
+
+size_t fake_mqtt_abandoned_blocks()
+{
+    const locked guard(fake.lock);
+    return fake.abandoned.size();
 }
 
 void fake_mqtt_script(const std::string &verb, std::vector<int> results)
@@ -421,10 +440,12 @@ int fake_mqtt_arrive(int client, const std::string &topic, const std::string &pa
         owner->callbacks++;
     }
     const int result = owner->arrived(owner->context, entry.topic, 0, entry.message);
+    run_hook("returned");
     const locked guard(fake.lock);
     owner->callbacks--;
-    if (result != 0)
-        owner->queue.remove_if([&entry](const queued_message &other) { return other.topic == entry.topic; });
+    const auto is_it = [&entry](const queued_message &other) { return other.topic == entry.topic; };
+    if (result != 0 && owner->queue.remove_if(is_it) > 0)
+        owner->handed_over.merge(std::set<void *>{entry.topic, entry.message});
     return result;
 }
 

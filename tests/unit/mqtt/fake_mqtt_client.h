@@ -36,14 +36,17 @@ std::vector<std::string> fake_mqtt_faults();
 /* Callbacks of fake_mqtt_arrive that have not yet returned to it. */
 int fake_mqtt_running_callbacks();
 
-/* Blocks handed out by the library and not freed. */
+/* Blocks handed out by the library and not freed; beside them the ones of a session that has ended, which
+ * nobody need free. */
 size_t fake_mqtt_live_blocks();
+size_t fake_mqtt_abandoned_blocks();
 
 /* Results of the next calls of `verb` ("create", "callbacks", "connect", "subscribe", "unsubscribe",
  * "publish", "disconnect"); later ones succeed. */
 void fake_mqtt_script(const std::string &verb, std::vector<int> results);
 
-/* Runs inside each call of `verb`, without a lock, before it takes effect. Empty to remove. */
+/* Runs inside each call of `verb`, without a lock, before it takes effect; as "returned", when a callback has
+ * returned and its message is still on the queue. Empty to remove. */
 void fake_mqtt_on(const std::string &verb, std::function<void()> hook);
 
 /* The next publish finds the connection broken: the client's session ends inside the call, which succeeds all

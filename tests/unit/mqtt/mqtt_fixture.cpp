@@ -126,6 +126,11 @@ static void run_wait_action()
         action();
 }
 
+void test_question_began(std::chrono::milliseconds ago)
+{
+    mqtt_ctx.question_since = std::chrono::steady_clock::now() - ago;
+}
+
 uint32_t test_wait_rounds()
 {
     return wait_rounds;

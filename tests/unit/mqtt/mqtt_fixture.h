@@ -46,6 +46,9 @@ bool waits_on(const background &thread);
 std::vector<uint32_t> test_waits_us();
 void test_forget_waits_us();
 
+/* As if the subscribe or unsubscribe that is inside the library had begun so long ago. */
+void test_question_began(std::chrono::milliseconds ago);
+
 /* Runs inside each wait in milliseconds, on its thread. Empty to remove. */
 void test_on_wait(std::function<void()> action);
 

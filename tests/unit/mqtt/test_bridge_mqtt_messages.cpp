@@ -47,6 +47,9 @@ class BridgeMqttMessages : public BridgeMqttShared
     }
 };
 
+/* What is left of the last message until the next one: its topic and the rest without its payload. */
+static constexpr size_t SHELL = 2;
+
 /* ---- one message ---- */
 
 TEST_F(BridgeMqttMessages, MessageIsCopiedFreedAndHandedOn)
@@ -55,7 +58,7 @@ TEST_F(BridgeMqttMessages, MessageIsCopiedFreedAndHandedOn)
     log.lines();
     const std::string payload("a\0b", 3);
     EXPECT_EQ(fake_mqtt_arrive(1, "down", payload), 1);
-    EXPECT_EQ(fake_mqtt_live_blocks(), 0U);
+    EXPECT_EQ(fake_mqtt_live_blocks(), SHELL);
     ASSERT_TRUE(wait_for_deliveries(1));
     EXPECT_THAT(delivered(), ElementsAre("down=" + payload + "@ctx"));
     EXPECT_THAT(log.lines(), ElementsAre("TRACE received a publish on topic: down"));
@@ -110,11 +113,102 @@ TEST_F(BridgeMqttMessages, MessageForWhichThereIsNoMemoryIsDropped)
         *row.failure = false;
         EXPECT_EQ(result, 1);
         EXPECT_THAT(log.lines(), Contains(row.line));
-        EXPECT_EQ(fake_mqtt_live_blocks(), 0U);
+        EXPECT_EQ(fake_mqtt_live_blocks(), SHELL);
     }
     EXPECT_EQ(fake_mqtt_arrive(1, "down", "next"), 1);
     ASSERT_TRUE(wait_for_deliveries(1));
     EXPECT_THAT(delivered(), ElementsAre("down=next"));
+}
+
+/* ---- whose a message is ---- */
+
+TEST_F(BridgeMqttMessages, WhatIsLeftOfAMessageIsFreedWithTheNextOrWithTheConnection)
+{
+    for (int i = 0; i < 3; i++) {
+        EXPECT_EQ(fake_mqtt_arrive(1, "t", "a payload"), 1);
+        EXPECT_EQ(fake_mqtt_live_blocks(), SHELL);
+    }
+    ASSERT_EQ(bridge_mqtt_disconnect(NS), 0);
+    EXPECT_EQ(fake_mqtt_live_blocks(), SHELL);
+    fake_mqtt_on("disconnect", [] { EXPECT_EQ(fake_mqtt_live_blocks(), 0U); });
+    ASSERT_EQ(bridge_mqtt_disconnect(OAM), 0);
+    EXPECT_EQ(fake_mqtt_abandoned_blocks(), 0U);
+}
+
+/* The library has yet to take it off its queue then, and so frees it itself. */
+static void expect_librarys_own(const std::function<void()> &end_session)
+{
+    fake_mqtt_on("returned", end_session);
+    EXPECT_EQ(fake_mqtt_arrive(1, "t", "a payload"), 1);
+    fake_mqtt_on("returned", {});
+    EXPECT_EQ(fake_mqtt_live_blocks(), 0U);
+    ASSERT_EQ(bridge_mqtt_connect(BRIDGE_MQTT_EP_GEOLOC), 0);
+    EXPECT_EQ(fake_mqtt_arrive(1, "t", "of the next session"), 1);
+    EXPECT_EQ(fake_mqtt_live_blocks(), SHELL);
+    EXPECT_THAT(fake_mqtt_faults(), IsEmpty());
+}
+
+TEST_F(BridgeMqttMessages, AMessageWhoseConnectionIsLostBehindItsCallbackIsTheLibrarys)
+{
+    expect_librarys_own([] { fake_mqtt_lose(1, nullptr); });
+}
+
+TEST_F(BridgeMqttMessages, AMessageBehindWhoseCallbackAPublishBreaksTheConnectionIsTheLibrarys)
+{
+    expect_librarys_own([] {
+        fake_mqtt_break_on_publish();
+        background publisher([] { EXPECT_EQ(publish(OAM), 0); });
+        EXPECT_TRUE(publisher.ends());
+    });
+}
+
+TEST_F(BridgeMqttMessages, WhatIsLeftOfAMessageIsFreedThoughItsConnectionIsLostLater)
+{
+    EXPECT_EQ(fake_mqtt_arrive(1, "t", "a payload"), 1);
+    fake_mqtt_lose(1, nullptr);
+    EXPECT_EQ(fake_mqtt_abandoned_blocks(), SHELL) << "nobody knows whose it is";
+    ASSERT_EQ(bridge_mqtt_connect(BRIDGE_MQTT_EP_GEOLOC), 0);
+    EXPECT_EQ(fake_mqtt_arrive(1, "t", "a payload"), 1);
+    EXPECT_EQ(fake_mqtt_abandoned_blocks(), SHELL);
+    mqtt_ctx.ep_handles[0].taken.at -= std::chrono::milliseconds(50);
+    fake_mqtt_lose(1, nullptr);
+    EXPECT_EQ(fake_mqtt_abandoned_blocks(), 2 * SHELL);
+    ASSERT_EQ(bridge_mqtt_connect(NS), 0);
+    EXPECT_EQ(fake_mqtt_arrive(1, "t", "a payload"), 1);
+    EXPECT_EQ(fake_mqtt_abandoned_blocks(), SHELL) << "the second has been freed";
+}
+
+/* ---- beside a subscribe ---- */
+
+TEST_F(BridgeMqttMessages, AMessageWaitsUntilASubscribeIsSent)
+{
+    test_question_began(std::chrono::milliseconds(-3'600'000));
+    background library([] { EXPECT_EQ(fake_mqtt_arrive(1, "t", "x"), 1); });
+    EXPECT_TRUE(waits_on(library));
+    test_question_began(std::chrono::milliseconds(20));
+    EXPECT_TRUE(library.ends());
+    EXPECT_EQ(fake_mqtt_arrive(1, "t", "while its answer is waited for"), 1);
+    mqtt_ctx.question_since = bridge_mqtt_moment();
+}
+
+TEST_F(BridgeMqttMessages, AMessageIsLeftToTheLibraryWhenASubscribeIsAboutToGiveUp)
+{
+    test_question_began(std::chrono::milliseconds(9001));
+    EXPECT_EQ(fake_mqtt_arrive(1, "t", "x"), 0);
+    mqtt_ctx.question_since = bridge_mqtt_moment();
+    EXPECT_EQ(fake_mqtt_arrive(1, "t", "x"), 1);
+}
+
+TEST_F(BridgeMqttMessages, ASubscribeOrAnUnsubscribeOfTheLibraryIsMarked)
+{
+    int marked = 0;
+    for (const char *verb : {"subscribe", "unsubscribe"})
+        fake_mqtt_on(verb, [&marked] { marked += mqtt_ctx.question_since.load() > bridge_mqtt_moment(); });
+    ASSERT_EQ(subscribe(NS, "t"), 0);
+    EXPECT_EQ(marked, 1);
+    EXPECT_EQ(unsubscribe(NS, "t"), 0);
+    EXPECT_EQ(marked, 2);
+    EXPECT_EQ(mqtt_ctx.question_since.load(), bridge_mqtt_moment());
 }
 
 /* ---- order ---- */
@@ -290,7 +384,11 @@ TEST_F(BridgeMqttSeparate, FullQueueHoldsBackNoAcknowledgementThatIsWaitedFor)
     for (const auto &row : rows) {
         SCOPED_TRACE(row.verb);
         gate acknowledgement;
-        fake_mqtt_on(row.verb, [&acknowledgement] { EXPECT_TRUE(acknowledgement.wait()); });
+        fake_mqtt_on(row.verb, [&acknowledgement] {
+            if (mqtt_ctx.question_since.load() != bridge_mqtt_moment())
+                test_question_began(std::chrono::milliseconds(20)); /* and is sent */
+            EXPECT_TRUE(acknowledgement.wait());
+        });
         expect_passage(
             row.call, [&acknowledgement] { return acknowledgement.is_waited_for(); },
             [&acknowledgement] { acknowledgement.open(); });

@@ -149,6 +149,7 @@ TEST_F(BridgeMqttSubs, MessageThatOvertakesTheAnswerOfTheServerIsDelivered)
 TEST_F(BridgeMqttSubs, MessagesAreTakenAtOnceWhileTheServersAnswerIsAwaited)
 {
     const auto flood = [] {
+        test_question_began(std::chrono::milliseconds(20)); /* and is sent */
         background library([] {
             for (int i = 0; i < 50; i++)
                 EXPECT_EQ(fake_mqtt_arrive(1, "cfg", std::to_string(i)), 1);
