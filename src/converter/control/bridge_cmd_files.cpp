@@ -88,25 +88,30 @@ struct file_job {
     const char *still_running;
     const char *not_running;
     const char *invalid_id;
+    std::mutex *starting; /* held for a whole start: of two at once the second finds the first's job */
 };
+
+static std::mutex stream_starting;
+static std::mutex fetch_starting;
+static std::mutex execute_starting;
 
 /* clang-format off */
 static constexpr file_job STREAM = {
     &converter_ctx::stream_id, "xferId", bridge_fileops_stream_running, bridge_fileops_stream_stop,
     "file streaming is still running", "file streaming is not running, nothing to stop",
-    "invalid xfer ID received: %lld",
+    "invalid xfer ID received: %lld", &stream_starting,
 };
 
 static constexpr file_job FETCH = {
     &converter_ctx::fetch_id, "xferId", bridge_fileops_fetch_running, bridge_fileops_fetch_stop,
     "file fetching is still running", "file fetching is not running, nothing to stop",
-    "invalid xfer ID received: %lld",
+    "invalid xfer ID received: %lld", &fetch_starting,
 };
 
 static constexpr file_job EXECUTE = {
     &converter_ctx::execute_id, "exeId", bridge_fileops_execute_running, bridge_fileops_execute_stop,
     "file executing is still running", "file execution is not running, nothing to stop",
-    "invalid exe ID received: %lld",
+    "invalid exe ID received: %lld", &execute_starting,
 };
 /* clang-format on */
 
@@ -128,28 +133,20 @@ static int make_slot_free(converter_ctx *ctx, const file_job &job)
     return 0;
 }
 
-/* Two starts at once may both have found the slot free: the job that the other one overwrites is collected
- * all the same. */
-static void store_job(converter_ctx *ctx, const file_job &job, int64_t id)
-{
-    const int32_t lost = (ctx->*job.slot).exchange(static_cast<int32_t>(id));
-    if (lost > 0)
-        cmd_async_forget(lost);
-}
-
 /* Reads the request and starts the job; returns its identifier or a negative errno, after logging why. */
 using start_function = int (*)(json_object *request);
 
 static int start_job(converter_ctx *ctx, const file_job &job, start_function start, json_object *request,
                      json_object *answer)
 {
+    const std::lock_guard guard(*job.starting);
     const int result = make_slot_free(ctx, job);
     if (result < 0)
         return result;
     int64_t id = start(request);
     if (id < 0)
         return static_cast<int>(id);
-    store_job(ctx, job, id);
+    ctx->*job.slot = static_cast<int32_t>(id);
     return add_frame(answer, field_int(job.id_key, &id));
 }
 
@@ -287,7 +284,7 @@ static int start_script(converter_ctx *ctx, json_object *request, json_object *a
     int64_t id = bridge_fileops_execute_start(&fileops_root, path, "logs", token, req_id);
     if (id < 0)
         BRIDGE_ERROR("failed to start script execution");
-    store_job(ctx, EXECUTE, id);
+    ctx->*EXECUTE.slot = static_cast<int32_t>(id);
     return add_frame(answer, field_int(EXECUTE.id_key, &id));
 }
 
@@ -296,6 +293,7 @@ void bridge_cmd_execute_start(converter_ctx *ctx, json_object *request, json_obj
     json_owned answer(new_response());
     if (!answer)
         return;
+    const std::lock_guard guard(*EXECUTE.starting);
     int result = make_slot_free(ctx, EXECUTE);
     if (result == 0)
         result = start_script(ctx, request, answer.get());
