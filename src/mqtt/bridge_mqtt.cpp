@@ -29,10 +29,12 @@ static constexpr uint32_t STUCK_CALL_STEP_MS = 1;
 /* The library waits 10 s for the answer to a subscribe or an unsubscribe. It frees messages when that cannot
  * be sent, at once, or when none has come. */
 static constexpr auto QUESTION_SENT = std::chrono::milliseconds(20);
-static constexpr auto QUESTION_NEARLY_OVER = std::chrono::milliseconds(9000);
+static constexpr auto QUESTION_NEARLY_OVER = std::chrono::milliseconds(9500);
 
-/* In which the library's thread is surely back from a callback and has gone on. */
+/* In which the library's thread is back from a callback and has gone on: where it must be waited for, and on
+ * the busiest machine. */
 static constexpr uint32_t CALLBACK_RETURN_MS = 50;
+static constexpr auto CALLBACK_RETURNED = std::chrono::seconds(1);
 static constexpr uint32_t DEINIT_LIMIT_MS = 5000;
 static constexpr uint32_t DEINIT_STEP_MS = 10;
 
@@ -144,16 +146,17 @@ static void wait_for_delivery_room(const bridge_mqtt_ep_group *group, uint32_t s
     }
 }
 
-/* Under message_lock. While its session lasts, what was taken is ours once the library's thread is back: it
- * calls again, or no callback is under way. Of a session that has ended, that is so when it had the time for
- * it; otherwise nobody knows, and some bytes are left alone. */
+/* Behind the callback in which it was taken: in another one of this session, or once the session has ended or
+ * is about to. A session that the library's thread has ended, or the server, was ended behind the callback.
+ * One of our own calls may have ended it before the thread was back: then nobody knows whose the message is,
+ * and some bytes are left alone. */
 static void free_taken(bridge_mqtt_ep_group *group)
 {
     bridge_mqtt_taken taken = std::exchange(group->taken, {});
     if (taken.message == nullptr)
         return;
-    const bool is_whole = group->session == taken.session && MQTTClient_isConnected(group->handle);
-    if (!is_whole && group->lost_at.load() - taken.at < std::chrono::milliseconds(CALLBACK_RETURN_MS)) {
+    const bridge_mqtt_moment broken_by = group->broken_by;
+    if (broken_by != bridge_mqtt_moment() && broken_by - taken.at < CALLBACK_RETURNED) {
 #ifdef __SANITIZE_ADDRESS__
         __lsan_ignore_object(taken.topic);
         __lsan_ignore_object(taken.message);
@@ -170,22 +173,23 @@ enum question_risk {
     QUESTION_ENDS,
 };
 
-static question_risk risk_of_question()
+static question_risk risk_of_question(const bridge_mqtt_ep_group *group)
 {
-    const bridge_mqtt_moment since = mqtt_ctx.question_since;
+    const bridge_mqtt_moment since = group->question_since;
     const auto age = std::chrono::steady_clock::now() - since;
     if (since == bridge_mqtt_moment() || (age >= QUESTION_SENT && age < QUESTION_NEARLY_OVER))
         return QUESTION_HARMLESS;
     return age < QUESTION_SENT ? QUESTION_BEGINS : QUESTION_ENDS;
 }
 
-/* Locks the messages when no subscribe or unsubscribe can free one. False when one is about to give up: the
- * message then stays with the library. */
-static bool lock_messages_beside_questions(std::unique_lock<std::mutex> *guard)
+/* As lock_messages, when no subscribe or unsubscribe can free a message. False when one is about to give up:
+ * the message then stays with the library. */
+static bool lock_messages_beside_questions(const bridge_mqtt_ep_group *group,
+                                           std::unique_lock<std::mutex> *guard)
 {
     for (;;) {
         *guard = lock_messages();
-        const question_risk risk = risk_of_question();
+        const question_risk risk = risk_of_question(group);
         if (risk != QUESTION_BEGINS)
             return risk == QUESTION_HARMLESS;
         *guard = std::unique_lock<std::mutex>();
@@ -197,10 +201,12 @@ static bool lock_messages_beside_questions(std::unique_lock<std::mutex> *guard)
  * is freed here: the library finds none then. The rest waits for the next one. */
 static int take_message(bridge_mqtt_ep_group *group, char *topic, MQTTClient_message *message)
 {
+    if (group->connecting)
+        return 0;
     const uint32_t session = group->session;
     wait_for_delivery_room(group, session);
     std::unique_lock<std::mutex> guard;
-    if (!lock_messages_beside_questions(&guard) || !is_message_valid(group, session))
+    if (!lock_messages_beside_questions(group, &guard) || !is_message_valid(group, session))
         return 0;
     free_taken(group);
     BRIDGE_TRACE("received a publish on topic: %s", topic);
@@ -213,7 +219,7 @@ static int take_message(bridge_mqtt_ep_group *group, char *topic, MQTTClient_mes
     }
     MQTTClient_free(std::exchange(message->payload, nullptr));
     message->payloadlen = 0;
-    group->taken = {topic, message, session, std::chrono::steady_clock::now()};
+    group->taken = {topic, message, std::chrono::steady_clock::now()};
     return 1;
 }
 
@@ -239,7 +245,6 @@ static void on_connection_lost(void *context, char *cause)
         BRIDGE_WARN("mqtt connection lost due to: %s", cause);
     else
         BRIDGE_WARN("mqtt connection lost");
-    static_cast<bridge_mqtt_ep_group *>(context)->lost_at = std::chrono::steady_clock::now();
     const bridge_mqtt_connection_cb_t callback = mqtt_ctx.connection_cb;
     if (callback != nullptr)
         callback(0, context);
@@ -345,13 +350,6 @@ int bridge_mqtt_init(bridge_mqtt_connection_cb_t connection_cb)
     return 0;
 }
 
-/* With no callback under way, and before the session is ended. */
-static void forget_taken(bridge_mqtt_ep_group *group)
-{
-    const std::lock_guard<std::mutex> guard(mqtt_ctx.message_lock);
-    free_taken(group);
-}
-
 /* The library's thread touches the client once more after a callback has returned, so none may be under way
  * and the last one gets a moment to be back. */
 static void wait_for_callbacks(const bridge_mqtt_ep_group *group)
@@ -364,7 +362,7 @@ static void wait_for_callbacks(const bridge_mqtt_ep_group *group)
 static void destroy_client(bridge_mqtt_ep_group *group)
 {
     wait_for_callbacks(group);
-    forget_taken(group);
+    free_taken(group);
     MQTTClient_destroy(&group->handle);
     group->handle = nullptr;
 }
@@ -467,6 +465,18 @@ static const char *path_or_none(const char *path)
     return *path != '\0' ? path : nullptr;
 }
 
+/* What was taken of the session before is settled, and a new one begins. The library drops the messages that
+ * come before it has seen the server's answer, at any time: nobody reads them. */
+static void settle_session(bridge_mqtt_ep_group *group)
+{
+    group->connecting = true;
+    while (group->callbacks != 0)
+        bridge_wait_ms(STUCK_CALL_STEP_MS);
+    free_taken(group);
+    group->broken_by = bridge_mqtt_moment();
+    group->session++;
+}
+
 static int open_connection(bridge_mqtt_ep_group *group)
 {
     MQTTClient_SSLOptions tls = MQTTClient_SSLOptions_initializer;
@@ -487,8 +497,9 @@ static int open_connection(bridge_mqtt_ep_group *group)
     options.ssl = &tls;
 
     const acknowledgement_wait wait;
-    group->session++;
+    settle_session(group);
     const int result = MQTTClient_connect(group->handle, &options);
+    group->connecting = false;
     if (result != 0) {
         BRIDGE_ERROR("failed to connect with MQTT code: [%d]", result);
         return -1;
@@ -583,7 +594,7 @@ static int close_connection(bridge_mqtt_ep_group *group)
     BRIDGE_ASSERT_TEXT(group->handle, "ep_handle->handle");
     close_messages(group);
     wait_for_callbacks(group);
-    forget_taken(group);
+    free_taken(group);
     const acknowledgement_wait wait;
     const int result = MQTTClient_disconnect(group->handle, DISCONNECT_TIMEOUT_MS);
     if (result != 0)
@@ -691,6 +702,7 @@ static int publish_through(bridge_mqtt_ep_group *group, const char *topic, const
         return -1;
     const publish_call call;
     const std::lock_guard<std::mutex> guard(mqtt_ctx.message_lock);
+    const breaking_call breaking(group);
     return MQTTClient_publishMessage(group->handle, topic, &message, nullptr);
 }
 

@@ -21,7 +21,6 @@ using bridge_mqtt_moment = std::chrono::steady_clock::time_point;
 struct bridge_mqtt_taken {
     char *topic;
     MQTTClient_message *message;
-    uint32_t session;
     bridge_mqtt_moment at;
 };
 
@@ -38,10 +37,15 @@ struct bridge_mqtt_ep_group {
     bool validate_server_cert;
     uint32_t publish_room;         /* publishes that surely fit before the library's limit */
     std::atomic<bool> closing;     /* the client is being ended: its messages reach nobody */
+    std::atomic<bool> connecting;  /* the server has not answered yet */
     std::atomic<int> callbacks;    /* message-arrived calls under way */
     std::atomic<uint32_t> session; /* counts the connects: a message of an earlier one is gone */
-    bridge_mqtt_taken taken;       /* under message_lock */
-    std::atomic<bridge_mqtt_moment> lost_at;
+    bridge_mqtt_taken taken;       /* by message-arrived; by others with no callback under way */
+    /* When the call of ours began that found the session at its end, or ended it; the epoch when none did. */
+    std::atomic<bridge_mqtt_moment> broken_by;
+    /* Since when a subscribe or an unsubscribe is inside the library, which frees messages as it begins or
+     * when it gives up, and takes too long for the message lock. The epoch when none is. */
+    std::atomic<bridge_mqtt_moment> question_since;
 };
 
 struct bridge_mqtt_sub {
@@ -70,9 +74,6 @@ struct bridge_mqtt_context {
     /* Held while the library may free a message that it has handed to message-arrived: a failing publish
      * does. */
     std::mutex message_lock;
-    /* Since when a subscribe or an unsubscribe is inside the library, which frees messages as it begins or
-     * when it gives up, and takes too long for the lock. The epoch when none is. */
-    std::atomic<bridge_mqtt_moment> question_since;
 };
 
 extern bridge_mqtt_context mqtt_ctx;
@@ -98,21 +99,47 @@ class acknowledgement_wait
     acknowledgement_wait &operator=(const acknowledgement_wait &) = delete;
 };
 
+/* Around each call of the library that ends the session when it cannot send. Under ep_lock. */
+class breaking_call
+{
+  public:
+    explicit breaking_call(bridge_mqtt_ep_group *group)
+        : group_(group), began_(std::chrono::steady_clock::now())
+    {
+    }
+    ~breaking_call()
+    {
+        if (!MQTTClient_isConnected(group_->handle))
+            group_->broken_by = began_;
+    }
+    breaking_call(const breaking_call &) = delete;
+    breaking_call &operator=(const breaking_call &) = delete;
+
+  private:
+    bridge_mqtt_ep_group *group_;
+    bridge_mqtt_moment began_;
+};
+
 /* Around each subscribe and unsubscribe of the library. Under ep_lock. */
 class server_question
 {
   public:
-    server_question()
+    explicit server_question(bridge_mqtt_ep_group *group) : group_(group), breaking_(group)
     {
-        mqtt_ctx.question_since = std::chrono::steady_clock::now();
-        const std::lock_guard<std::mutex> guard(mqtt_ctx.message_lock); /* who has not seen it has left */
+        group_->question_since = std::chrono::steady_clock::now();
+        const std::lock_guard<std::mutex> guard(mqtt_ctx.message_lock); /* who holds it has not seen it */
+        group_->question_since = std::chrono::steady_clock::now();
     }
     ~server_question()
     {
-        mqtt_ctx.question_since = bridge_mqtt_moment();
+        group_->question_since = bridge_mqtt_moment();
     }
     server_question(const server_question &) = delete;
     server_question &operator=(const server_question &) = delete;
+
+  private:
+    bridge_mqtt_ep_group *group_;
+    breaking_call breaking_;
 };
 
 constexpr uint32_t bridge_mqtt_ep_bit(uint32_t endpoint)

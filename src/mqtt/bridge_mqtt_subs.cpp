@@ -73,30 +73,30 @@ static void settle_pending_subscriptions(bool keep)
     }
 }
 
-static int ask_to_subscribe(MQTTClient handle, const char *topic)
+static int ask_to_subscribe(bridge_mqtt_ep_group *group, const char *topic)
 {
-    const server_question question;
-    return MQTTClient_subscribe(handle, topic, SUBSCRIBE_QOS);
+    const server_question question(group);
+    return MQTTClient_subscribe(group->handle, topic, SUBSCRIBE_QOS);
 }
 
-static int ask_to_unsubscribe(MQTTClient handle, const char *topic)
+static int ask_to_unsubscribe(bridge_mqtt_ep_group *group, const char *topic)
 {
-    const server_question question;
-    return MQTTClient_unsubscribe(handle, topic);
+    const server_question question(group);
+    return MQTTClient_unsubscribe(group->handle, topic);
 }
 
-static int subscribe_at_server(MQTTClient handle, std::span<const char *const> topics)
+static int subscribe_at_server(bridge_mqtt_ep_group *group, std::span<const char *const> topics)
 {
     for (size_t i = 0; i < topics.size(); i++) {
         BRIDGE_TRACE("subscribing for [%s] topic", topics[i]);
-        const int result = ask_to_subscribe(handle, topics[i]);
+        const int result = ask_to_subscribe(group, topics[i]);
         if (result == 0) {
             BRIDGE_TRACE("subscribing for [%s] topic complete", topics[i]);
             continue;
         }
         BRIDGE_ERROR("failed to subscribe for topic: %s with error: [%d]", topics[i], result);
         for (const char *topic : topics.first(i))
-            ask_to_unsubscribe(handle, topic);
+            ask_to_unsubscribe(group, topic);
         return -1;
     }
     return 0;
@@ -123,14 +123,14 @@ int bridge_mqtt_subscribe(bridge_mqtt_endpoint_t endpoint, const char *const *to
         BRIDGE_ERROR("no free subsriptions available");
         return -1;
     }
-    const bridge_mqtt_ep_group *group = bridge_mqtt_find_connected_group(endpoint);
+    bridge_mqtt_ep_group *group = bridge_mqtt_find_connected_group(endpoint);
     if (group == nullptr)
         return -1;
     /* Rows go first: a retained message may arrive before the server's answer. */
     const std::span<const char *const> wanted(topics, topics_size);
     fill_subscriptions(endpoint, wanted, handler, context);
     const acknowledgement_wait wait;
-    const int result = subscribe_at_server(group->handle, wanted);
+    const int result = subscribe_at_server(group, wanted);
     settle_pending_subscriptions(result == 0);
     return result;
 }
@@ -150,13 +150,13 @@ static void release_subscription(bridge_mqtt_sub *sub)
     mqtt_ctx.free_subs++;
 }
 
-static int unsubscribe_topic(MQTTClient handle, bridge_mqtt_endpoint_t endpoint, const char *topic,
+static int unsubscribe_topic(bridge_mqtt_ep_group *group, bridge_mqtt_endpoint_t endpoint, const char *topic,
                              uint32_t *released)
 {
     for (bridge_mqtt_sub &sub : mqtt_ctx.subs) {
         if (!is_subscribed(sub, endpoint, topic))
             continue;
-        const int result = ask_to_unsubscribe(handle, topic);
+        const int result = ask_to_unsubscribe(group, topic);
         if (result != 0)
             return result;
         release_subscription(&sub);
@@ -177,12 +177,12 @@ int bridge_mqtt_unsubscribe(bridge_mqtt_endpoint_t endpoint, const char *const *
     const std::lock_guard<std::mutex> guard(mqtt_ctx.ep_lock);
     const std::span<const char *const> wanted(topics, *topics_size);
     *topics_size = 0;
-    const bridge_mqtt_ep_group *group = bridge_mqtt_find_connected_group(endpoint);
+    bridge_mqtt_ep_group *group = bridge_mqtt_find_connected_group(endpoint);
     if (group == nullptr)
         return -1;
     const acknowledgement_wait wait;
     for (const char *topic : wanted) {
-        const int result = unsubscribe_topic(group->handle, endpoint, topic, topics_size);
+        const int result = unsubscribe_topic(group, endpoint, topic, topics_size);
         if (result != 0)
             return result;
     }

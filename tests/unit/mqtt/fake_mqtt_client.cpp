@@ -197,7 +197,9 @@ int MQTTClient_setCallbacks(MQTTClient handle, void *context, MQTTClient_connect
 int MQTTClient_connect(MQTTClient handle, MQTTClient_connectOptions *options)
 {
     record("connect", handle, "");
-    const locked guard(fake.lock);
+    std::unique_lock<std::mutex> guard(fake.lock);
+    auto *client = static_cast<fake_client *>(handle);
+    end_session(client); /* what came before the server's answer goes with a clean session */
     fake.options = {};
     fake.options.plain = *options;
     fake.options.has_tls = options->ssl != nullptr;
@@ -209,7 +211,9 @@ int MQTTClient_connect(MQTTClient handle, MQTTClient_connectOptions *options)
         fake.options.private_key = text_of(options->ssl->privateKey);
     }
     const int result = next_result("connect", 0);
-    static_cast<fake_client *>(handle)->connected = result == 0;
+    client->connected = result == 0;
+    guard.unlock();
+    run_hook("connected");
     return result;
 }
 
@@ -259,8 +263,11 @@ int MQTTClient_publishMessage(MQTTClient handle, const char *topic, MQTTClient_m
     if (fake.breaks_on_publish) {
         fake.breaks_on_publish = false;
         end_session(client);
+        MQTTClient_connectionLost *lost = client->lost;
+        void *context = client->context;
         guard.unlock();
         wait_for_thread_end();
+        lost(context, nullptr);
         return MQTTCLIENT_SUCCESS;
     }
     const int result = next_result("publish", client->connected ? 0 : MQTTCLIENT_DISCONNECTED);

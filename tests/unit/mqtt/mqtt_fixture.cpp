@@ -128,7 +128,7 @@ static void run_wait_action()
 
 void test_question_began(std::chrono::milliseconds ago)
 {
-    mqtt_ctx.question_since = std::chrono::steady_clock::now() - ago;
+    mqtt_ctx.ep_handles[0].question_since = std::chrono::steady_clock::now() - ago;
 }
 
 uint32_t test_wait_rounds()

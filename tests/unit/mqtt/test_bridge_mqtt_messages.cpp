@@ -148,11 +148,6 @@ static void expect_librarys_own(const std::function<void()> &end_session)
     EXPECT_THAT(fake_mqtt_faults(), IsEmpty());
 }
 
-TEST_F(BridgeMqttMessages, AMessageWhoseConnectionIsLostBehindItsCallbackIsTheLibrarys)
-{
-    expect_librarys_own([] { fake_mqtt_lose(1, nullptr); });
-}
-
 TEST_F(BridgeMqttMessages, AMessageBehindWhoseCallbackAPublishBreaksTheConnectionIsTheLibrarys)
 {
     expect_librarys_own([] {
@@ -162,20 +157,55 @@ TEST_F(BridgeMqttMessages, AMessageBehindWhoseCallbackAPublishBreaksTheConnectio
     });
 }
 
-TEST_F(BridgeMqttMessages, WhatIsLeftOfAMessageIsFreedThoughItsConnectionIsLostLater)
+TEST_F(BridgeMqttMessages, AMessageBehindWhoseCallbackASubscribeBreaksTheConnectionIsTheLibrarys)
+{
+    fake_mqtt_on("subscribe", [] { fake_mqtt_lose(1, nullptr); });
+    fake_mqtt_script("subscribe", {-1});
+    expect_librarys_own([] {
+        background subscriber([] { EXPECT_EQ(subscribe(OAM, "u"), -1); });
+        EXPECT_TRUE(subscriber.ends());
+    });
+}
+
+TEST_F(BridgeMqttMessages, WhatIsLeftOfAMessageIsFreedThoughItsConnectionIsLost)
 {
     EXPECT_EQ(fake_mqtt_arrive(1, "t", "a payload"), 1);
     fake_mqtt_lose(1, nullptr);
-    EXPECT_EQ(fake_mqtt_abandoned_blocks(), SHELL) << "nobody knows whose it is";
-    ASSERT_EQ(bridge_mqtt_connect(BRIDGE_MQTT_EP_GEOLOC), 0);
-    EXPECT_EQ(fake_mqtt_arrive(1, "t", "a payload"), 1);
     EXPECT_EQ(fake_mqtt_abandoned_blocks(), SHELL);
-    mqtt_ctx.ep_handles[0].taken.at -= std::chrono::milliseconds(50);
-    fake_mqtt_lose(1, nullptr);
-    EXPECT_EQ(fake_mqtt_abandoned_blocks(), 2 * SHELL);
-    ASSERT_EQ(bridge_mqtt_connect(NS), 0);
+    ASSERT_EQ(bridge_mqtt_connect(BRIDGE_MQTT_EP_GEOLOC), 0);
+    EXPECT_EQ(fake_mqtt_abandoned_blocks(), 0U);
+}
+
+TEST_F(BridgeMqttMessages, WhatIsLeftOfAMessageIsFreedThoughAPublishBreaksTheConnectionLater)
+{
+    const struct {
+        std::chrono::milliseconds before;
+        bridge_mqtt_endpoint_t by;
+        bridge_mqtt_endpoint_t next;
+        size_t left;
+    } cases[] = {
+        {std::chrono::milliseconds(1000), OAM, BRIDGE_MQTT_EP_GEOLOC, 0},
+        {std::chrono::milliseconds(0), BRIDGE_MQTT_EP_GEOLOC, NS, SHELL},
+    };
+    for (const auto &row : cases) {
+        EXPECT_EQ(fake_mqtt_arrive(1, "t", "a payload"), 1);
+        mqtt_ctx.ep_handles[0].taken.at -= row.before;
+        fake_mqtt_break_on_publish();
+        EXPECT_EQ(publish(row.by), 0);
+        ASSERT_EQ(bridge_mqtt_connect(row.next), 0);
+        EXPECT_EQ(fake_mqtt_abandoned_blocks(), row.left) << "nobody knows whose a young one is";
+    }
     EXPECT_EQ(fake_mqtt_arrive(1, "t", "a payload"), 1);
-    EXPECT_EQ(fake_mqtt_abandoned_blocks(), SHELL) << "the second has been freed";
+}
+
+/* ---- beside a connect ---- */
+
+TEST_F(BridgeMqttMessages, AMessageAheadOfTheServersAnswerIsTheLibrarys)
+{
+    fake_mqtt_lose(1, nullptr);
+    fake_mqtt_on("connected", [] { EXPECT_EQ(fake_mqtt_arrive(1, "t", "early"), 0); });
+    ASSERT_EQ(bridge_mqtt_connect(BRIDGE_MQTT_EP_GEOLOC), 0);
+    EXPECT_EQ(fake_mqtt_arrive(1, "t", "in time"), 1);
 }
 
 /* ---- beside a subscribe ---- */
@@ -188,14 +218,14 @@ TEST_F(BridgeMqttMessages, AMessageWaitsUntilASubscribeIsSent)
     test_question_began(std::chrono::milliseconds(20));
     EXPECT_TRUE(library.ends());
     EXPECT_EQ(fake_mqtt_arrive(1, "t", "while its answer is waited for"), 1);
-    mqtt_ctx.question_since = bridge_mqtt_moment();
+    mqtt_ctx.ep_handles[0].question_since = bridge_mqtt_moment();
 }
 
 TEST_F(BridgeMqttMessages, AMessageIsLeftToTheLibraryWhenASubscribeIsAboutToGiveUp)
 {
-    test_question_began(std::chrono::milliseconds(9001));
+    test_question_began(std::chrono::milliseconds(9501));
     EXPECT_EQ(fake_mqtt_arrive(1, "t", "x"), 0);
-    mqtt_ctx.question_since = bridge_mqtt_moment();
+    mqtt_ctx.ep_handles[0].question_since = bridge_mqtt_moment();
     EXPECT_EQ(fake_mqtt_arrive(1, "t", "x"), 1);
 }
 
@@ -203,12 +233,14 @@ TEST_F(BridgeMqttMessages, ASubscribeOrAnUnsubscribeOfTheLibraryIsMarked)
 {
     int marked = 0;
     for (const char *verb : {"subscribe", "unsubscribe"})
-        fake_mqtt_on(verb, [&marked] { marked += mqtt_ctx.question_since.load() > bridge_mqtt_moment(); });
+        fake_mqtt_on(verb, [&marked] {
+            marked += mqtt_ctx.ep_handles[0].question_since.load() > bridge_mqtt_moment();
+        });
     ASSERT_EQ(subscribe(NS, "t"), 0);
     EXPECT_EQ(marked, 1);
     EXPECT_EQ(unsubscribe(NS, "t"), 0);
     EXPECT_EQ(marked, 2);
-    EXPECT_EQ(mqtt_ctx.question_since.load(), bridge_mqtt_moment());
+    EXPECT_EQ(mqtt_ctx.ep_handles[0].question_since.load(), bridge_mqtt_moment());
 }
 
 /* ---- order ---- */
@@ -385,7 +417,7 @@ TEST_F(BridgeMqttSeparate, FullQueueHoldsBackNoAcknowledgementThatIsWaitedFor)
         SCOPED_TRACE(row.verb);
         gate acknowledgement;
         fake_mqtt_on(row.verb, [&acknowledgement] {
-            if (mqtt_ctx.question_since.load() != bridge_mqtt_moment())
+            if (mqtt_ctx.ep_handles[0].question_since.load() != bridge_mqtt_moment())
                 test_question_began(std::chrono::milliseconds(20)); /* and is sent */
             EXPECT_TRUE(acknowledgement.wait());
         });
@@ -628,6 +660,23 @@ TEST_F(BridgeMqttMessages, NoPublishEntersTheLibraryWhileAMessageIsBeingRead)
     EXPECT_TRUE(publisher.ends());
     EXPECT_TRUE(wait_for_deliveries(1));
     EXPECT_THAT(delivered(), ElementsAre("t=1"));
+}
+
+TEST_F(BridgeMqttMessages, NoSubscribeEntersTheLibraryWhileAMessageIsBeingRead)
+{
+    fake_mqtt_take_calls();
+    gate reading;
+    background library([&reading] {
+        strdup_gate = &reading;
+        EXPECT_EQ(fake_mqtt_arrive(1, "t", "1"), 1);
+        strdup_gate = nullptr;
+    });
+    EXPECT_TRUE(wait_until([&reading] { return reading.is_waited_for(); }));
+    background subscriber([] { EXPECT_EQ(subscribe(NS, "u"), 0); });
+    EXPECT_TRUE(subscriber.blocks());
+    EXPECT_THAT(fake_mqtt_take_calls(), IsEmpty());
+    reading.open();
+    EXPECT_TRUE(subscriber.ends());
 }
 
 TEST_F(BridgeMqttMessages, NoClientIsEndedUnderItsCallback)
