@@ -161,12 +161,13 @@ static int config_timestamp_write(const int64_t *update_timestamp)
         BRIDGE_ERROR("Failed to open config timestamp file (%s) for writing, error: %m", path);
         return -EIO;
     }
-    if (lock_file(fd.get()) < 0)
-        return -EIO;
     static_assert(sizeof(*update_timestamp) == 8);
-    if (write(fd.get(), update_timestamp, sizeof(*update_timestamp)) !=
-        static_cast<ssize_t>(sizeof(*update_timestamp))) {
-        BRIDGE_ERROR("failed to write config timestamp");
+    const bool locked = lock_file(fd.get()) == 0;
+    const bool written = locked && write(fd.get(), update_timestamp, sizeof(*update_timestamp)) ==
+                                       static_cast<ssize_t>(sizeof(*update_timestamp));
+    if (!written) {
+        if (locked)
+            BRIDGE_ERROR("failed to write config timestamp");
         unlink(path); /* a short file would refuse every later document, also once there is room again */
         return -EIO;
     }

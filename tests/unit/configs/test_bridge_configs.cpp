@@ -257,6 +257,9 @@ TEST_F(BulkConfigs, ATimestampFileThatCannotBeLockedToBeWrittenHoldsNothingBack)
                                                       "ERROR config timestamp couldn't be written!!"));
     EXPECT_THAT(steps, ElementsAre("write", COMMIT_RUN));
     EXPECT_EQ(mqtt.publishes().size(), 2U);
+    steps.clear();
+    take(R"({"timestamp":6,"content":{}})");
+    EXPECT_THAT(steps, ElementsAre("write", COMMIT_RUN)) << "no empty file is left";
 }
 
 /* ---- the lock ---- */
