@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import re
 from collections.abc import Iterable
+from dataclasses import dataclass
 from pathlib import Path
 
 _REFERENCE = Path(__file__).resolve().parent.parent.parent / "docs" / "log-messages.md"
@@ -19,6 +20,14 @@ def _listed(heading: str) -> tuple[str, ...]:
 
 def _pattern(line: str) -> str:
     return re.sub(r"\b(N|NAME|PATH|TEXT|REASON)\b", ".*", re.escape(line))
+
+
+@dataclass(frozen=True)
+class Words:
+    """What a fault explains while it stays, and what it has begun tells of it a while later."""
+
+    now: tuple[str, ...] = ()
+    late: tuple[str, ...] = ()
 
 
 # A command that cannot ask the agent gives up: because it is silent, or because a restart closes the session to it.
@@ -147,14 +156,29 @@ ALWAYS = (
     r"no software operation was performed",
     r"curl: failed to open file for reading: No such file or directory",
     r"curl: failed to map a file: .*",  # of a file that is being fetched
+    r"Upgrade utility met with an error: Failed: an upgrade is under way",
+    r"ssh: error waiting for incoming connection: .*",  # the end of a tunnel that nobody uses
+    r"failed to get pubkey file information",  # the gateway has none
+    r"invalid blob size, expected: \[\d+\], actual: \[\d+\]",  # a scan that was not run, or run otherwise
 )
+_TRANSFERS = (r"(curl|ssh): .*", r"failed to (open pipe for sending|prepare and send) async response.*")
+_PROGRAMS = (
+    r"child process wasn't completed in time",
+    r"failed to extract .* configuration( (read|write))? response",
+    r"Upgrade utility met with an error: .*",
+    r"failed open log file .*",
+    r"failed to (open pipe for sending|prepare and send) async response.*",
+)
+_OLD_FILES = (r"config timestamp couldn't be (read|written!!)", r"failed to (write|read) config timestamp")
 # A publish may find the connection broken before the log says so.
-CONNECTION = (*_CONNECT_FAILS, *_REPORTS_FAIL, r"failed to subscribe for (topic: .*|NS topics)")
+CONNECTION = Words(
+    (*_CONNECT_FAILS, *_REPORTS_FAIL, r"failed to subscribe for (topic: .*|NS topics)"), _TRANSFERS
+)
 # From the loss of a connection, or from what has another restart begin, until both planes are up.
 RESTART = _RESTART
-AGENT = _UNASKED
-DISK = _FILES
-DESCRIPTORS = (
+AGENT = Words(_UNASKED, _UNASKED)
+DISK = Words(_FILES, (*_PROGRAMS, *_OLD_FILES))
+_DESCRIPTORS = (
     *_UNASKED,
     *_CONNECT_FAILS,
     *_REPORTS_FAIL,
@@ -170,32 +194,26 @@ DESCRIPTORS = (
     r"failed to add mibdir: .*",
     r"failed to start the (bulk configuration|bulk upgrade|performance management) service",
 )
-CLOCK = (
-    *_CONNECT_FAILS,  # certificates have their time
-    r"Failed to (start|stop) bsp upgrade schedule timer .*",
+DESCRIPTORS = Words(_DESCRIPTORS, (*_UNASKED, *_TRANSFERS, *_PROGRAMS, *_OLD_FILES))
+CLOCK = Words(
+    (
+        *_CONNECT_FAILS,  # certificates have their time
+        r"Failed to (start|stop) bsp upgrade schedule timer .*",
+    )
 )
-CHILDREN = (
-    r"failed to extract .* configuration( (read|write))? response",
-    r"Upgrade utility met with an error: .*",
-)
-# What a fault has begun and takes longer than it: transfers, programs that are waited for, requests in a silent agent.
-LATE = (
-    *_UNASKED,
-    r"curl: .*",
-    r"child process wasn't completed in time",
-    r"failed to extract .* configuration( (read|write))? response",
-    r"Upgrade utility met with an error: .*",
-    r"failed open log file .*",
-    r"failed to (open pipe for sending|prepare and send) async response.*",
-    r"config timestamp couldn't be (read|written!!)",
-    r"failed to (write|read) config timestamp",
+CHILDREN = Words(
+    (
+        r"failed to extract .* configuration( (read|write))? response",
+        r"Upgrade utility met with an error: .*",
+    ),
+    _PROGRAMS,
 )
 # Words of the C library and of sanitizers, without a level.
 BROKEN = (
     r".*(Sanitizer|runtime error:|Assertion|terminate called|free\(\)|malloc|corrupt|stack smashing|\*\*\*).*"
 )
-LOAD = ()
-JUNK = (
+NOTHING = LOAD = Words()
+_JUNK = (
     *_listed("The request cannot be read**"),
     r"Failed to parse incoming payload( for bsp upgrade)?",
     r"(request ID|parameters body|mac address) is missing",
@@ -213,6 +231,7 @@ JUNK = (
     r"failed to write to a file",
     r"Cannot find TrapOID in TRAP2 PDU",
 )
+JUNK = Words(_JUNK)
 
 
 def explains(patterns: Iterable[str], text: str) -> bool:

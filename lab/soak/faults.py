@@ -11,6 +11,7 @@ from collections.abc import Iterator
 from dataclasses import dataclass
 from typing import Callable, Protocol
 
+from lab.soak import notifications
 from lab.soak.explain import (
     AGENT,
     CHILDREN,
@@ -21,7 +22,9 @@ from lab.soak.explain import (
     FULL,
     JUNK,
     LOAD,
+    NOTHING,
     UNREADABLE,
+    Words,
 )
 from lab.soak.gateway import DISKS, MAC, STATE, STATUS_PORT, TRAP_PORT, UDP_PORT, Gateway
 from lab.soak.network import Network
@@ -91,10 +94,16 @@ def _server_with_another_certificate(world: World, rng: random.Random) -> Iterat
     server.start()
 
 
+# Of a stream, a fetch, a script, a tunnel and a modem's change, some are refused or over soon.
+_JOBS_AMID = 2
+
+
 def _server_restarted_amid_work(world: World, rng: random.Random) -> Iterator[None]:
     """Everything is begun, and the planes restart in the middle of it."""
     world.operations.start_all_kinds()
     yield
+    if len(world.gateway.children()) >= _JOBS_AMID:
+        world.bit("restart amid work")
     for server in world.servers:
         server.kill()
         server.start()
@@ -143,6 +152,7 @@ def _agent_silent(world: World, _rng: random.Random) -> Iterator[None]:
     world.gateway.agent.silence(False)
 
 
+_LATEST_MS = 8000  # the daemon asks again after 3 s
 _SLOW_OBJECTS = (
     "moduleName", "radioStatisticsNumTxPackets", "wmImsi", "hmAlarmCurrentStateId", "swVerName", "gpsLatitude",
 )  # fmt: skip
@@ -151,7 +161,7 @@ _SLOW_OBJECTS = (
 def _agent_slow(world: World, rng: random.Random) -> Iterator[None]:
     assert world.gateway.agent
     for name in _SLOW_OBJECTS:
-        world.gateway.agent.fault(name, late_ms=rng.randrange(500, 2500))
+        world.gateway.agent.fault(name, late_ms=rng.randrange(500, _LATEST_MS))
     yield
     world.gateway.agent.clear_faults()
 
@@ -233,7 +243,7 @@ def _children_killed(world: World, rng: random.Random) -> Iterator[None]:
 
 # --- load ---
 
-_FLOOD_DOWNLINKS, _FLOOD_COMMANDS, _FLOOD_JUNK = 3000, 150, 400
+_FLOOD_DOWNLINKS, _FLOOD_COMMANDS, _FLOOD_JUNK, _FLOOD_CLIENTS = 3000, 150, 400, 30
 
 
 def _flood_of_downlinks(world: World, _rng: random.Random) -> Iterator[None]:
@@ -284,21 +294,31 @@ def _junk_on_topics(world: World, rng: random.Random) -> Iterator[None]:
     world.publish_to_operations(CAPABILITIES_TOPIC, world.operations.capabilities())
 
 
+def _flood_port(world: World, port: int, datagrams: Iterator[bytes]) -> None:
+    with world.gateway.connect(socket.SOCK_DGRAM, port) as sender:
+        for datagram in datagrams:
+            try:
+                sender.send(datagram)
+            except OSError:
+                break  # nobody listens there
+
+
 def _junk_on_ports(world: World, rng: random.Random) -> Iterator[None]:
     """No PULL_DATA, which would take the forwarder's downlinks."""
-    for port in (UDP_PORT, TRAP_PORT):
-        with world.gateway.connect(socket.SOCK_DGRAM, port) as sender:
-            for _ in range(_FLOOD_JUNK):
-                try:
-                    sender.send(_datagram(rng))
-                except OSError:
-                    break  # nobody listens there
-    try:
-        with world.gateway.connect(socket.SOCK_STREAM, STATUS_PORT) as client:
-            client.sendall(rng.randbytes(5000))
-    except ConnectionError:
-        pass  # it need not hear all of it
+    _flood_port(world, UDP_PORT, (_datagram(rng) for _ in range(_FLOOD_JUNK)))
+    of_traps = (notifications.notification, notifications.broken, notifications.broken, _datagram)
+    _flood_port(world, TRAP_PORT, (rng.choice(of_traps)(rng) for _ in range(_FLOOD_JUNK)))
+    clients = []
+    for place in range(_FLOOD_CLIENTS):
+        try:
+            clients.append(world.gateway.connect(socket.SOCK_STREAM, STATUS_PORT))
+            if place % 2:
+                clients[-1].sendall(rng.randbytes(5000))
+        except OSError:
+            continue  # it need not hear all of them, nor all of one
     yield
+    for client in clients:
+        client.close()
 
 
 @dataclass(frozen=True)
@@ -308,7 +328,7 @@ class Kind:
     seconds: tuple[float, float]  # how long it stays
     touches: str  # what need not go on while it stays: "connection", "agent" or nothing
     recovery: float  # within so many seconds of its end both planes are up
-    explains: tuple[str, ...]
+    explains: Words
     bites: tuple[str, ...]  # lines that show that it has broken something; none where nothing shows
 
     @property
@@ -316,9 +336,23 @@ class Kind:
         return self.touches == "connection"
 
     @property
+    def may_lose(self) -> bool:
+        """A connection."""
+        return self.touches_connection or self.explains is DESCRIPTORS
+
+    @property
     def may_restart(self) -> bool:
         """A service that cannot start asks for a restart as well as a lost connection does."""
-        return self.touches_connection or self.explains in (DESCRIPTORS, DISK, AGENT, JUNK)
+        return self.may_lose or self.explains in (DISK, AGENT, JUNK)
+
+    @property
+    def carries(self) -> bool:
+        """What is sent meanwhile arrives, unless the log tells that a connection was lost."""
+        return not self.touches_connection or self.name == "network slow"
+
+    @property
+    def moves_clock(self) -> bool:
+        return self.explains is CLOCK
 
 
 # A plane that lost its server: up to 10 s to the next tick; up to 120 s for the longest wait of a command that
@@ -335,13 +369,13 @@ _SILENT = (r"no response from SNMP agent",)
 # fmt: off
 KINDS = (
     Kind("flood of commands",       _flood_of_commands,               (2, 5),   "agent",      _AGENT,   LOAD,        ()),
-    Kind("junk on topics",          _junk_on_topics,                  (2, 5),   "agent",      _RESTART, JUNK,        JUNK),
+    Kind("junk on topics",          _junk_on_topics,                  (2, 5),   "agent",      _RESTART, JUNK,        JUNK.now),
     Kind("flood of downlinks",      _flood_of_downlinks,              (2, 5),   "agent",      _BUSY,    LOAD,        ()),
-    Kind("junk on ports",           _junk_on_ports,                   (2, 5),   "agent",      _BUSY,    JUNK,        JUNK),
+    Kind("junk on ports",           _junk_on_ports,                   (2, 5),   "agent",      _BUSY,    JUNK,        JUNK.now),
     Kind("server killed",           _server_killed,                   (2, 90),  "connection", _RESTART, CONNECTION,  _LOST),
     Kind("server stopped",          _server_frozen,                   (2, 90),  "connection", _RESTART, CONNECTION,  _LOST),
     Kind("another certificate",     _server_with_another_certificate, (45, 80), "connection", _RESTART, CONNECTION,  _REFUSED),
-    Kind("restart amid work",       _server_restarted_amid_work,      (1, 4),   "connection", _RESTART, CONNECTION,  _LOST),
+    Kind("restart amid work",       _server_restarted_amid_work,      (1, 4),   "connection", _RESTART, CONNECTION,  ()),
     Kind("network cut",             _network_cut,                     (2, 90),  "connection", _RESTART, CONNECTION,  _LOST),
     Kind("cable pulled",            _cable_pulled,                    (2, 90),  "connection", _RESTART, CONNECTION,  _LOST),
     Kind("network slow",            _network_slow,                    (5, 30),  "connection", _RESTART, CONNECTION,  ()),
@@ -349,7 +383,7 @@ KINDS = (
     Kind("agent killed",            _agent_killed,                    (2, 60),  "agent",      _AGENT,   AGENT,       _SILENT),
     Kind("agent silent",            _agent_silent,                    (2, 60),  "agent",      _AGENT,   AGENT,       _SILENT),
     Kind("agent slow",              _agent_slow,                      (5, 20),  "agent",      _AGENT,   AGENT,       ()),
-    Kind("forwarder restarted",     _forwarder_restarted,             (1, 2),   "",           _BUSY,    (),          ()),
+    Kind("forwarder restarted",     _forwarder_restarted,             (1, 2),   "",           _BUSY,    NOTHING,     ()),
     Kind("disk full",               _disk_full,                       (5, 30),  "",           _BUSY,    DISK,        FULL),
     Kind("state read-only",         _state_read_only,                 (5, 30),  "",           _BUSY,    DISK,        UNREADABLE),
     Kind("descriptors exhausted",   _descriptors_exhausted,           (5, 20),  "agent",      _RESTART, DESCRIPTORS, UNREADABLE),
@@ -360,7 +394,7 @@ KINDS = (
 )
 # fmt: on
 # It tells by itself whether it has broken something.
-TELLS = ("children killed",)
+TELLS = ("children killed", "restart amid work", "clock ahead", "clock back")
 
 # A fault may come while another one stays, but for those that would undo each other.
 _SERVERS = ("server killed", "server stopped", "another certificate", "restart amid work")

@@ -64,6 +64,10 @@ def _excused(soaks: list[dict[str, Any]]) -> list[str]:
     return _table(("acknowledged and not published: the connection was broken by", "uplinks"), rows)
 
 
+def _ends(soak: dict[str, Any]) -> list[dict[str, int]]:
+    return [soak["looks"][0], soak["looks"][-1]]
+
+
 def _resources(soaks: list[dict[str, Any]]) -> list[str]:
     names = (
         "threads",
@@ -77,7 +81,7 @@ def _resources(soaks: list[dict[str, Any]]) -> list[str]:
     )
     rows = []
     for soak in soaks:
-        pairs = (f"{soak['first'][name]} / {soak['last'][name]}" for name in names)
+        pairs = (" / ".join(dict.fromkeys(str(look[name]) for look in _ends(soak))) for name in names)
         rows.append((str(soak["seed"]), *pairs, str(soak["highest anonymous KiB"])))
     head = (
         "seed", "threads", "descriptors", "children", "uncollected", "of children", "queues", "RssAnon, KiB", "VmRSS, KiB",
@@ -91,6 +95,11 @@ def _traffic(soaks: list[dict[str, Any]]) -> list[str]:
         (name, [soak[part] for soak in soaks]) for part in ("operations", "other") for name in soaks[0][part]
     ]
     rows = [(name, *(str(each[name]) for each in counted)) for name, counted in parts]
+    for part in ("upgrades", "restarts"):
+        names = sorted({name for soak in soaks for name in soak[part]})
+        rows += [(name, *(str(soak[part].get(name, 0)) for soak in soaks)) for name in names]
+    rows.append(("tunnels", *(str(soak["tunnels"]) for soak in soaks)))
+    rows.append(("looks at the services", *(str(soak["looks at services"]) for soak in soaks)))
     rows.append(("ERROR lines", *(str(soak["error lines"]) for soak in soaks)))
     return _table(("", *(f"seed {soak['seed']}" for soak in soaks)), rows)
 
@@ -102,7 +111,9 @@ def machine() -> str:
 
 def page_of(soaks: list[dict[str, Any]]) -> str:
     lines = [f"{machine()}; {len(soaks)} side by side.", ""]
-    lines += [f"- {soak['plan']}; {soak['seconds'] / 60:.0f} minutes" for soak in soaks]
+    for soak in soaks:
+        outcome = "clean" if soak["clean"] else "not clean"
+        lines.append(f"- {soak['plan']}; {soak['seconds'] / 60:.0f} minutes; {outcome}")
     for part in (_faults(soaks), _uplinks(soaks), _excused(soaks), _resources(soaks), _traffic(soaks)):
         lines += ["", *part]
     for soak in soaks:

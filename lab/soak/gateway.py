@@ -10,10 +10,11 @@ import socket
 import subprocess
 import time
 from dataclasses import dataclass
+from datetime import datetime
 from pathlib import Path
 from typing import Callable
 
-from lab.agent.process import MIBS, LabAgent
+from lab.agent.process import MIBS, LabAgent, Refused
 from lab.demo.build import Programs
 from lab.demo.children import Child
 from lab.sandboxed import GATEWAY_PROGRAMS, sandboxed
@@ -27,9 +28,11 @@ STATE = "/var/lib/sarnivel-mqtt-bridge"
 KEEPALIVE_SECONDS = 10
 _FAKETIME = "/usr/lib/*/faketime/libfaketimeMT.so.1"
 _NAMESPACES = ("--mount", "--ipc")
+_UPGRADES = "/var/lib/dist-upgrade"
 DISKS = ("/var", "/tmp", "/dev/shm")
 _DISK_KIB = 32 * 1024  # of each
-_LINE = re.compile(r"\d{4}-\d\d-\d\d [\d:.]{12}\S+ \[\d+\]\[(\w+) *\] (\S+?):\d+ (.*)")
+_LINE = re.compile(r"(\d{4}-\d\d-\d\d [\d:.]{12}\S+) \[\d+\]\[(\w+) *\] (\S+?):\d+ (.*)")
+_DATE = "%Y-%m-%d %H:%M:%S.%f%z"
 
 _CONFIG = """\
 [ns]
@@ -52,6 +55,9 @@ gw_events_interval = {events}
 private_key = "/var/lib/gateway.key"
 bridge_cert = "/var/lib/gateway.crt"
 
+[rev_ssh]
+timeout = 60
+
 [performance_management]
 battery_reporting_period_mins = 1
 
@@ -69,6 +75,7 @@ class LogLine:
     level: str
     file: str
     text: str
+    beside: float = 0.0  # seconds of its time of day beside the right one
 
 
 @dataclass(frozen=True)
@@ -176,7 +183,8 @@ class Gateway:
         at = time.monotonic()
         self._log.write(f"{at:.3f} {line}\n")
         if found := _LINE.search(line):
-            self._on_line(LogLine(at, found[1], found[2], found[3]))
+            beside = datetime.strptime(found[1], _DATE).timestamp() - time.time()
+            self._on_line(LogLine(at, found[2], found[3], found[4], beside))
         else:
             self._on_line(LogLine(at, "", "", line))
 
@@ -293,6 +301,21 @@ class Gateway:
         file = Path(f"/proc/{self.pid}/root{path}")
         file.write_bytes(content)
         file.chmod(mode)
+
+    def renew_upgrade(self) -> None:
+        """Its upgrade utility has something to install, and has done nothing yet."""
+        self.inside(
+            "sh",
+            "-c",
+            f"mkdir -p {_UPGRADES} && cd {_UPGRADES} && rm -f schedule requested calls && echo 3.4.0 3.5.1 >available",
+        )
+
+    def move_alarm(self, number: int, is_raised: bool) -> None:
+        """Raises or clears one at the agent. Raises Refused or OSError when there is none."""
+        if not self.agent:
+            raise Refused("no agent")
+        raised = {"raise": "alarm", "id": number, "severity": 1, "text": "of the soak"}
+        self.agent.do(raised if is_raised else {"clear": "alarm", "id": number})
 
     def connect(self, kind: socket.SocketKind, port: int) -> socket.socket:
         """A socket of the gateway's network, to one of its ports."""

@@ -18,6 +18,8 @@ SHORT_ECHO_SECONDS = 5.0
 ECHO_SECONDS = 60.0
 # A connection may be found broken so long after what has broken it.
 LATE_BREAK_SECONDS = 45.0
+# The daemon's time of day is another one when it differs by more.
+_CLOCK_SECONDS = 30.0
 _FOREVER = float("inf")
 _LOST = "mqtt connection lost"
 _RECONNECTED = "dataplane partial restart requested"
@@ -27,6 +29,19 @@ _STOPPED = (
     "control plane restart is requested before data plane connection could be established",
 )
 _STARTED = "dataplane is started"
+# What else asks for a restart, and is acted on with the next tick, or behind the commands that still run.
+_CAUSES = (
+    r"failed to start the (bulk configuration|bulk upgrade|performance management) service",
+    r"Exiting bsp upgrade thread",
+    r"stopping performance management thread",
+    r"failed to publish (status )?response",
+    r"failed to publish configuration",
+    r"Failed to publish to topic .*",
+    r"failed to send (fileops response|bsp upgrade response.*|battery performance measures.*)",
+    r"can't publish event",
+    r"send to (NS|GeoLoc) has failed: initiating service restart",
+)
+_CAUSE_SECONDS = 150.0
 
 
 def _tells_a_restart(line: LogLine) -> bool:
@@ -65,6 +80,7 @@ class Judge:
         self._stays: list[Stay] = []
         self._restart_since: float | None = None  # a restart may bring lines of its own from then on
         self._restart_until = 0.0
+        self._cause_at = float("-inf")  # of a line that tells why a restart is asked for
         # Since when nothing touches them.
         self._free = {"connection": begin, "agent": begin}
 
@@ -92,7 +108,10 @@ class Judge:
     def take(self, line: LogLine) -> None:
         self._follow_restart(line)
         for stay in self._stays:
-            if stay.covers(line.at, SHORT_ECHO_SECONDS) and explain.explains(stay.kind.bites, line.text):
+            if not stay.covers(line.at, SHORT_ECHO_SECONDS):
+                continue
+            is_off = stay.kind.moves_clock and abs(line.beside) > _CLOCK_SECONDS
+            if is_off or explain.explains(stay.kind.bites, line.text):
                 self._report.bit(stay.kind.name, stay.begin)
         if line.level == "ERROR" or (not line.level and explain.explains((explain.BROKEN,), line.text)):
             self._report.error_lines += 1
@@ -104,9 +123,9 @@ class Judge:
         patterns = set(explain.ALWAYS)
         for stay in self._stays:
             if stay.covers(line.at, SHORT_ECHO_SECONDS):
-                patterns.update(stay.kind.explains)
-            if stay.kind.explains and stay.covers(line.at, ECHO_SECONDS):
-                patterns.update(explain.LATE)
+                patterns.update(stay.kind.explains.now)
+            if stay.covers(line.at, ECHO_SECONDS):
+                patterns.update(stay.kind.explains.late)
         if self._restart_since is not None and line.at >= self._restart_since:
             patterns.update(explain.RESTART)
         return explain.explains(patterns, line.text)
@@ -115,12 +134,16 @@ class Judge:
         """A restart is one that a fault explains, and explains lines itself until the planes are up."""
         if self._restart_since is not None and line.at > self._restart_until:
             self._restart_since = None
+        if explain.explains(_CAUSES, line.text):
+            self._cause_at = line.at
         if not _tells_a_restart(line) or self._restart_since is not None:
             return
         self._restart_begins(line.at)
-        causes = [stay for stay in self._stays if stay.covers(line.at, LATE_BREAK_SECONDS)]
-        if not any(stay.kind.may_restart for stay in causes):
+        is_asked = line.text.startswith(_STOPPED) and line.at <= self._cause_at + _CAUSE_SECONDS
+        causes = [stay.kind for stay in self._stays if stay.covers(line.at, LATE_BREAK_SECONDS)]
+        if not any(kind.may_lose or (kind.may_restart and is_asked) for kind in causes):
             self._report.fail(f"a restart that nothing explains: {line.text}")
+        self._report.restarts[line.text.partition(" due to")[0]] += 1
 
     def check_silence(self, now: float, last_uplink: float, last_answer: float) -> None:
         """What no fault touches goes on, also while one stays."""

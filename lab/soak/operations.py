@@ -6,15 +6,19 @@ import base64
 import itertools
 import json
 import random
+import re
 import threading
 import time
 from collections import Counter
 from dataclasses import dataclass
-from typing import Any, Callable
+from typing import Any, Callable, Protocol
 
-from lab.http.server import FileServer
+from lab.agent.process import Refused
+from lab.http.server import Fault, FileServer
 from lab.operations.client import COMMAND_TOPIC, LATE_TOPIC, LateAnswers, is_answer, parsed
 from lab.soak.gateway import MAC
+from lab.soak.network import SERVERS
+from lab.sshd import PASSWORD, USER
 
 EVENTS_TOPIC = "api/v1/gateway/events"
 CAPABILITIES_TOPIC = "api/capabilities"
@@ -23,6 +27,17 @@ _CAPABILITIES = {"capabilities": ["bulk_cfg", "bulk_upgr", "performance_manageme
 _PROBE = "getGatewayInfo"
 
 Publish = Callable[[str, bytes], None]
+
+
+class Work(Protocol):
+    """What is done at the gateway itself. All raise OSError or Refused when it cannot be done."""
+
+    def renew_upgrade(self) -> None:
+        ...
+
+    def move_alarm(self, number: int, is_raised: bool) -> None:
+        ...
+
 
 # What only asks. "reboot" is in no list: it ends the daemon, as it should.
 _QUESTIONS: tuple[tuple[str, Any], ...] = (
@@ -56,6 +71,9 @@ _QUESTIONS: tuple[tuple[str, Any], ...] = (
     ("getFirewallConfiguration", {}),
     ("getPreferredPingIpAddress", {}),
     ("fopsScanDir", {"path": "logs"}),
+    ("getSpectrumAnalyzerOutput", {"antenna": 0}),
+    ("getSpectralScanResults", {}),
+    ("getPublicKey", {}),
     ("fopsScanDir", {"path": "/"}),
     ("nobodyKnowsThis", {}),
 )
@@ -63,6 +81,30 @@ _QUESTIONS: tuple[tuple[str, Any], ...] = (
 _CHANGES: tuple[tuple[str, Any], ...] = (
     ("resetRadioStatisticsCounters", {}),
     ("createBackup", {"description": "of the soak"}),
+    ("restoreBackup", {"index": 0}),
+    ("addWmApn", {"name": "soak.example"}),
+    ("updateWmApn", {"idx": 1, "name": "soak.example"}),
+    ("deleteWmApn", 2),
+    ("setWmPreferredNetwork", {"mcc": 228, "mnc": 2}),
+    (
+        "modifyWmPDP_Profiles",
+        {"existingPDPs": [{"idx": 0, "cid": 1, "profileName": "first", "apnName": "iot.example", "authType": 1}]},
+    ),
+    (
+        "setSpectrumAnalyzerParams",
+        {
+            "samplePeriod": 1000, "sampleCount": 64, "startFrequencykHz": 863000, "stopFrequencykHz": 870000,
+            "binSpacingkHz": 200,
+        },
+    ),
+    (
+        "setFirewallConfiguration",
+        {
+            "enabled": True, "doSPrevention": {"enabled": True, "perMinLimit": 61, "burstLimit": 21}, "ssh": {"enabled": True},
+            "ping": {"enabled": True, "limit": {"enabled": False, "pingPerMinLimit": 31, "pingBurstLimit": 11}},
+            "filters": [],
+        },
+    ),
     ("ping", {"destination": "192.0.2.1", "packetsCount": 2}),
     ("setPreferredFallbackConnectivityType", {"preferredIdx": 1, "fallbackIdx": 3}),
     ("setPreferredPingIpAddress", {"ipAddr": "192.0.2.7", "connectionType": "TCP", "connectionPort": 443}),
@@ -83,6 +125,9 @@ _CHANGES: tuple[tuple[str, Any], ...] = (
 # For the gateway's folder of scripts.
 SCRIPTS = {"short.sh": b"#!/bin/sh\necho works\n", "long.sh": b"#!/bin/sh\nsleep 8\n"}
 _UPLOAD_PIECE = 3000
+# Alarms of the work's own, and those that a look at the services raises.
+_ALARMS, _FIRST_ALARM_ASKED = (7, 8, 9), 1000
+_SLOW_SECONDS = 0.3  # between the pieces of a slow transfer, which then takes some seconds
 
 
 @dataclass
@@ -93,12 +138,30 @@ class _Asked:
     late: int = 0
 
 
+@dataclass(frozen=True)
+class Service:
+    name: str
+    ask: Callable[[], object]
+    has_answered: Callable[[], bool]
+    finish: Callable[[], object] = lambda: None
+
+
 class Operations:
     """`publish` drops what comes while its server is away. Callbacks on any thread; `tick` on one."""
 
     def __init__(
-        self, seed: int, is_native: bool, publish: Publish, fail: Callable[[str], None], files: FileServer
+        self,
+        seed: int,
+        is_native: bool,
+        publish: Publish,
+        fail: Callable[[str], None],
+        files: FileServer,
+        gateway: Work,
+        ssh_port: int | None = None,  # of a server that lets tunnels in
     ) -> None:
+        self._gateway = gateway
+        self._ssh_port = ssh_port
+        files.pause = _SLOW_SECONDS
         self._rng = random.Random(seed)
         self._publish = publish
         self._fail = fail
@@ -124,11 +187,17 @@ class Operations:
         self._dated_topics = f"{self._firmware}/reported", f"{topic}/performance"
         self._dated: set[bytes] = set()  # what came on them, of which each has its time
         self.reports: Counter[str] = Counter()
+        self.states: Counter[str] = Counter()  # of upgrades, as they were told
+        self._told: dict[str, float] = {}  # when a topic got something last
+        self._alarms: dict[int, float] = {}  # when an alarm was told last
+        self._scripts: list[float] = []  # when those were asked for that have ended
+        self._next_alarm = _FIRST_ALARM_ASKED
         self._upload: list[str] = []
         self._upload_number = 0
         self._jobs = (
             self._start_stream, self._start_fetch, self._start_script, self._stop_a_job, self._start_upload,
             self._retrieve_logs, self._desire_configuration, self._desire_upgrade, self._older_exchange,
+            self._move_an_alarm, self._open_tunnel,
         )  # fmt: skip
         self._url = files.offer("/large.bin", self._rng.randbytes(300_000))
         self._ids: dict[str, int] = {}  # of the jobs that were started last
@@ -175,6 +244,7 @@ class Operations:
             job()
         for change in _CHANGES:
             self.ask(*change)
+        self._files.fault = Fault.SLOW
 
     def flood(self, count: int) -> None:
         for _ in range(count):
@@ -182,11 +252,16 @@ class Operations:
 
     # Kinds of work.
 
+    def _draw_pace(self) -> None:
+        self._files.fault = self._rng.choice((Fault.NONE, Fault.SLOW, Fault.SLOW))
+
     def _start_stream(self) -> None:
+        self._draw_pace()
         path, size = self._rng.choice((("logs/soak.log", 20_000), ("modem/large.bin", 300_000)))
         self.ask("fopsStreamStart", {"url": f"{self._files.url}/", "path": path, "offset": 0, "size": size})
 
     def _start_fetch(self) -> None:
+        self._draw_pace()
         target = self._rng.choice(("modem/large.bin", "shm/large.bin"))
         self.ask("fopsFetchStart", {"path": target, "url": self._url})
 
@@ -241,7 +316,29 @@ class Operations:
         body = {"timestamp": time.time_ns() // 1_000_000, "content": chosen}
         self._publish(f"{self._configuration}/desired", json.dumps(body).encode())
 
+    def _open_tunnel(self) -> None:
+        if self._ssh_port is None:
+            return
+        port = self._rng.randrange(20_000, 20_100)
+        target = {"sshHost": SERVERS, "sshPort": self._ssh_port, "sshRevPort": port}
+        self.ask("reverseSsh", {"username": USER, "password": PASSWORD, **target})
+
+    def _move_an_alarm(self) -> None:
+        self._at_gateway(
+            lambda: self._gateway.move_alarm(self._rng.choice(_ALARMS), self._rng.random() < 0.6)
+        )
+
+    @staticmethod
+    def _at_gateway(work: Callable[[], None]) -> bool:
+        try:
+            work()
+        except (OSError, ValueError, Refused):
+            return False  # a fault is in the way
+        return True
+
     def _desire_upgrade(self) -> None:
+        if self._rng.random() < 0.3:
+            self._at_gateway(self._gateway.renew_upgrade)
         now = time.time_ns() // 1_000_000
         at = {"timestamp": now + self._rng.randrange(2000, 15000), "maxRandomDelay": 1000}
         body = {"updateTs": now, "update": {**at, "force": self._rng.random() < 0.5}}
@@ -271,7 +368,15 @@ class Operations:
                 self._answer(body)
 
     def _report(self, topic: str, payload: bytes) -> None:
-        self.reports[topic.rpartition("/mac/")[2]] += 1
+        now = time.monotonic()
+        with self._lock:
+            self.reports[topic.rpartition("/mac/")[2]] += 1
+            self._told[topic] = now
+            if topic == EVENTS_TOPIC:
+                for number in re.findall(rb'"typeId":(\d+)', payload):
+                    self._alarms[int(number)] = now
+            elif topic == f"{self._firmware}/reported":
+                self.states.update(state.decode() for state in re.findall(rb'"state":"([^"]+)"', payload))
         # Alarms that stand are told again and again, and one configuration may be like another.
         if topic in self._dated_topics:
             if payload in self._dated:
@@ -305,8 +410,42 @@ class Operations:
             if asked is None:
                 return
             asked.late += 1
+            if asked.name == "fopsExecuteStart":
+                self._scripts.append(asked.at)
             if asked.late > 1:
                 self._fail(f"{asked.name}, request {number}, was answered late {asked.late} times")
+
+    # The services beside the commands.
+
+    def services(self) -> list[Service]:
+        """Each is asked until it has answered."""
+        begin, self._next_alarm = time.monotonic(), self._next_alarm + 1
+        number = self._next_alarm
+
+        def told(topic: str) -> Callable[[], bool]:
+            return lambda: self._told.get(topic, 0.0) > begin
+
+        return [
+            Service("a configuration", self._desire_configuration, told(f"{self._configuration}/reported")),
+            Service("a state of an upgrade", self._desire_upgrade, told(f"{self._firmware}/reported")),
+            Service(
+                "a battery report", lambda: None, told(f"{self._firmware.rpartition('/')[0]}/performance")
+            ),
+            Service(
+                "the end of a script",
+                self._start_short_script,
+                lambda: max(self._scripts, default=0.0) > begin,
+            ),
+            Service(
+                "an alarm",
+                lambda: self._at_gateway(lambda: self._gateway.move_alarm(number, True)),
+                lambda: number in self._alarms,
+                lambda: self._at_gateway(lambda: self._gateway.move_alarm(number, False)),
+            ),
+        ]
+
+    def _start_short_script(self) -> None:
+        self.ask("fopsExecuteStart", {"path": "scripts/short.sh", "exeToken": "soak"})
 
     def first_answer_since(self, moment: float) -> float | None:
         """When the first probe that was asked after it was answered with the agent's values."""

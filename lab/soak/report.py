@@ -17,12 +17,14 @@ from lab.soak.plan import Plan
 from lab.soak.uplinks import UplinkFigures, Uplinks
 
 # Of memory that no file backs: what one run of the allocator's free lists differs from another.
-GROWTH_KIB = 1024
+GROWTH_KIB = 512
 # A shorter run has not seen every kind of work before its first look.
 SETTLED_SECONDS = 1200
 # The forwarder waits a second for an acknowledgement, which a busy machine may miss.
 IGNORED_SHARE = 0.002
 _SHOWN = 40
+# Such a state shows that the work was met by faults.
+_UNDER_WAY = {"UPDATE SCHEDULED", "DOWNLOADING", "DOWNLOADED", "INSTALLING"}
 
 
 @dataclass(frozen=True)
@@ -41,13 +43,18 @@ class Report:
     bites: dict[str, set[float]] = field(
         default_factory=dict
     )  # the begins of those that broke something, by kind
+    restarts: Counter[str] = field(default_factory=Counter)  # by the line that told of it first
+    tunnels: int | None = None  # logins, where a server lets them in
+    services: int = 0  # looks at those beside the commands
     error_lines: int = 0
-    first: Resources | None = None
-    last: Resources | None = None
+    looks: list[Resources] = field(default_factory=list)  # while nothing was to do: the fifth minute's first
     highest_anonymous_kib: int = 0
+    most_threads: int = 0
+    most_descriptors: int = 0
     uplinks: UplinkFigures = field(default_factory=UplinkFigures)
     operations: dict[str, int] = field(default_factory=dict)
     other: dict[str, int] = field(default_factory=dict)
+    states: dict[str, int] = field(default_factory=dict)  # of upgrades
     seconds: float = 0.0
     _lock: threading.Lock = field(default_factory=threading.Lock)
 
@@ -68,6 +75,11 @@ class Report:
         uplinks.check_doubles()
         self.uplinks = uplinks.figures()
         self.operations = operations.figures()
+        self.states = dict(operations.states)
+        if self.seconds >= SETTLED_SECONDS and not _UNDER_WAY & self.states.keys():
+            self.fail("no upgrade was under way")
+        if self.seconds >= SETTLED_SECONDS and self.tunnels == 0:
+            self.fail("no tunnel was opened")
         self.other = {
             "downlinks sent": uplinks.downlinks_sent,
             "downlinks received": uplinks.downlinks_received,
@@ -96,14 +108,18 @@ class Report:
                 self.fail(f"{kind.name} came {times} times and broke nothing")
 
     def _compare(self) -> None:
-        if self.first is None or self.last is None:
+        if len(self.looks) < 2:
             self.fail("the resources were not counted twice")
             return
-        first, last = asdict(self.first), asdict(self.last)
-        for name in ("threads", "descriptors", "children", "uncollected", "others", "queues"):
-            if last[name] != first[name]:
-                self.fail(f"{name}: {first[name]} at first, {last[name]} at the end")
-        growth = self.last.anonymous_kib - self.first.anonymous_kib
+        first = asdict(self.looks[0])
+        for place, look in enumerate(self.looks[1:], 2):
+            seen = asdict(look)
+            for name in ("threads", "descriptors", "children", "uncollected", "others", "queues"):
+                if seen[name] != first[name]:
+                    self.fail(
+                        f"{name}: {first[name]} at first, {seen[name]} at look {place} of {len(self.looks)}"
+                    )
+        growth = self.looks[-1].anonymous_kib - self.looks[0].anonymous_kib
         if growth > GROWTH_KIB and self.seconds >= SETTLED_SECONDS:
             self.fail(f"memory has grown by {growth} KiB")
 
@@ -123,12 +139,17 @@ class Report:
             "kinds": {name: kinds[name] for name in sorted(kinds)},
             "bit": {name: len(begins) for name, begins in self.bites.items()},
             "uplinks": asdict(self.uplinks),
+            "restarts": dict(self.restarts),
+            "tunnels": self.tunnels,
+            "looks at services": self.services,
             "operations": self.operations,
+            "upgrades": self.states,
             "other": self.other,
             "error lines": self.error_lines,
-            "first": asdict(self.first) if self.first else None,
-            "last": asdict(self.last) if self.last else None,
+            "looks": [asdict(look) for look in self.looks],
             "highest anonymous KiB": self.highest_anonymous_kib,
+            "most threads": self.most_threads,
+            "most descriptors": self.most_descriptors,
             "failures": dict(self.failures),
         }
 
@@ -143,8 +164,18 @@ class Report:
             print(
                 f"  {name:<24} {len(seconds):3} times, {told['bit'].get(name, 0):3} seen, up again after {middle:5.1f} s, longest {longest:5.1f} s"
             )
-        for part in ("uplinks", "operations", "other", "first", "last"):
+        for part in (
+            "uplinks",
+            "operations",
+            "upgrades",
+            "restarts",
+            "other",
+            "tunnels",
+            "looks at services",
+        ):
             print(f"  {part}: {told[part]}")
+        for look in self.looks:
+            print(f"  {look}")
         print(f"  {self.error_lines} ERROR lines; most memory {self.highest_anonymous_kib} KiB")
         for words, count in self.failures.most_common(_SHOWN):
             print(f"FAILED {count} times: {words}")

@@ -13,6 +13,7 @@ from pathlib import Path
 
 from lab.demo.children import Child, free_port
 from lab.soak.network import SERVERS
+from lab.sshd import prepare_server
 
 _MOSQUITTO = shutil.which("mosquitto") or "/usr/sbin/mosquitto"
 _START_SECONDS = 20.0
@@ -89,3 +90,19 @@ class MqttServer:
 
     def thaw(self) -> None:
         self.signal(signal.SIGCONT)
+
+
+class SshServer:
+    """What tunnels lead to."""
+
+    def __init__(self, folder: Path) -> None:
+        self.port = free_port(socket.SOCK_STREAM)
+        self.logins = 0
+        command = prepare_server(folder / "sshd", self.port, SERVERS)
+        self._child = Child("the SSH server", command, self._take_line)
+
+    def _take_line(self, line: str) -> None:
+        self.logins += line.startswith("Accepted password")
+
+    def close(self) -> None:
+        self._child.stop(signal.SIGKILL, 5.0)

@@ -25,13 +25,18 @@ from lab.soak.operations import CAPABILITIES_TOPIC, SCRIPTS, Operations
 from lab.soak.peers import Peer
 from lab.soak.plan import Plan
 from lab.soak.report import Episode, Report
-from lab.soak.servers import MqttServer, make_certificate
+from lab.soak.servers import MqttServer, SshServer, make_certificate
 from lab.soak.uplinks import LATE_SECONDS, Uplinks
 
 _START_SECONDS = 60.0
 _RATE = 20.0  # uplinks a second
 _STAT_SECONDS = 10.0
 _FIRST_CALM_SECONDS = 300.0
+_NEXT_CALM_SECONDS = 900.0
+# The services beside the commands are looked at behind every so many faults.
+_FAULTS_PER_SERVICES = 6
+_SERVICES_SECONDS = 120.0
+_ASK_AGAIN_SECONDS = 10.0
 _LOOK_SECONDS = 5.0
 # What a keep-alive takes to find a connection's end, and a little more.
 _STEADY_SECONDS = KEEPALIVE_SECONDS * 1.5
@@ -40,10 +45,23 @@ _CALM_SECONDS = 200.0
 _SETTLED_LOOKS = 15  # a second each
 _STATES = (
     (f"{STATE}/last_sw_status", re.compile(rb"(\d:\w+\n(-?\d+:req\n)?)?")),
-    (f"{STATE}/last_wm_fw_status", re.compile(rb"(\d:[\w-]+\n(-?\d+:req\n)?)?")),
-    (f"{STATE}/config_update_timestamp", re.compile(rb"(.{8})?", re.DOTALL)),
+    (f"{STATE}/config_update_timestamp", re.compile(rb".{8}", re.DOTALL)),
+    (
+        "/var/lib/gateway.key",
+        re.compile(rb"-----BEGIN [A-Z ]*PRIVATE KEY-----\n.*-----END [A-Z ]*PRIVATE KEY-----\n", re.DOTALL),
+    ),
+    (
+        "/var/lib/gateway.crt",
+        re.compile(rb"-----BEGIN CERTIFICATE-----\n.*-----END CERTIFICATE-----\n", re.DOTALL),
+    ),
 )
 _FILTERS = "/var/lib/sarnivel-lora-hal/uplink-filter-list"
+
+
+def _has_accounts() -> bool:
+    """A user's own namespace has one account alone, and the SSH server needs two."""
+    _, _, count = Path("/proc/self/uid_map").read_text().split()[:3]
+    return int(count) > 1
 
 
 class Soak:
@@ -61,15 +79,18 @@ class Soak:
         names = ("network", "operations") if plan.has_two_servers else ("both",)
         self.servers = [MqttServer(name, folder) for name in names]
         self._files = FileServer(host=SERVERS)
+        self._ssh = SshServer(folder) if _has_accounts() else None
         self.uplinks = Uplinks(plan.dialect, MAC, plan.seed, self.report.fail)
+        self.gateway = Gateway(programs, folder, self.network, plan, self._log_line)
         self.operations = Operations(
             plan.seed,
             plan.dialect.name == "native",
             self.publish_to_operations,
             self.report.fail,
             self._files,
+            self.gateway,
+            self._ssh.port if self._ssh else None,
         )
-        self.gateway = Gateway(programs, folder, self.network, plan, self._log_line)
         topic_mac = MAC.upper() if plan.dialect.name == "native" else MAC
         self.downlink_topic = plan.dialect.downlink_topic.format(mac=topic_mac)
         self._radio = Radio(lab_devices(), plan.seed)
@@ -80,7 +101,7 @@ class Soak:
         self._turn: list[Kind] = []
         self._is_loaded = True  # uplinks and probes go on
         self._next_look = 0.0
-        self._filters_whole = True
+        self._broken_states: set[str] = set()  # as the last look has found them
 
     def _say(self, text: str) -> None:
         print(f"{time.monotonic() - self._begin:7.1f} {text}", flush=True)
@@ -150,12 +171,15 @@ class Soak:
 
     def _break_things(self) -> None:
         end = self._begin + self._seconds
-        first_calm = self._begin + min(_FIRST_CALM_SECONDS, self._seconds / 4)
+        next_calm = self._begin + min(_FIRST_CALM_SECONDS, self._seconds / 4)
         while time.monotonic() < end and not self._is_over():
             self._episode()
             self._stay(self._rng.uniform(2, 8))
-            if self.report.first is None and time.monotonic() >= first_calm:
-                self.report.first = self._calm()
+            if len(self.report.episodes) % _FAULTS_PER_SERVICES == 0:
+                self._ask_services()
+            if time.monotonic() >= next_calm:
+                next_calm = time.monotonic() + _NEXT_CALM_SECONDS
+                self._calm()
 
     def _next_kind(self) -> Kind:
         """Each kind once, in an order that the seed gives, then anew; the floods first, so that the first look at the
@@ -193,7 +217,7 @@ class Soak:
         self._recover(stays)
 
     def _begin_stay(self, kind: Kind) -> Stay:
-        if kind.touches_connection:
+        if not kind.carries:
             self.uplinks.touched(kind.name)
         return self._judge.begin(kind, time.monotonic())
 
@@ -252,6 +276,24 @@ class Soak:
                 return max(moment for moment in came if moment)
         return None
 
+    def _ask_services(self) -> None:
+        """What the probes do not ask has recovered, too."""
+        left = self.operations.services()
+        end = time.monotonic() + _SERVICES_SECONDS
+        next_time = 0.0
+        while left and time.monotonic() < end and not self._is_over():
+            if time.monotonic() >= next_time:
+                next_time = time.monotonic() + _ASK_AGAIN_SECONDS
+                for service in left:
+                    service.ask()
+            self._work(0.1)
+            for service in [each for each in left if each.has_answered()]:
+                service.finish()
+                left.remove(service)
+        self.report.services += 1
+        for service in left if not self._is_over() else ():
+            self.report.fail(f"{service.name} was not told within {_SERVICES_SECONDS:.0f} s")
+
     def _stay(self, seconds: float) -> None:
         end = time.monotonic() + seconds
         while (left := end - time.monotonic()) > 0 and not self._is_over():
@@ -289,34 +331,38 @@ class Soak:
         except (OSError, KeyError):
             return  # it has just ended
         self.report.highest_anonymous_kib = max(self.report.highest_anonymous_kib, seen.anonymous_kib)
+        self.report.most_threads = max(self.report.most_threads, seen.threads)
+        self.report.most_descriptors = max(self.report.most_descriptors, seen.descriptors)
         self._check_states()
         if self._is_loaded and self.report.episodes:
             self._judge.check_silence(now, self.uplinks.last_round(), self.operations.last_answer())
 
     def _check_states(self) -> None:
+        """A file that is emptied and written anew may be met between by one look, and not by two in a row."""
+        broken = {}
         for path, form in _STATES:
             content = self.gateway.read(path)
             if content is not None and not form.fullmatch(content):
-                self.report.fail(f"{path} holds {content[:80]!r}")
+                broken[path] = content
         filters = self.gateway.read(_FILTERS)
-        is_whole = True
         if filters is not None:
             try:
                 json.loads(filters)
             except ValueError:
-                is_whole = False
-        # The file is emptied and written anew: one look may fall between, two in a row do not.
-        if not is_whole and not self._filters_whole:
-            self.report.fail(f"{_FILTERS} holds {filters[:80]!r}" if filters else f"{_FILTERS} is empty")
-        self._filters_whole = is_whole
+                broken[_FILTERS] = filters
+        for path, content in broken.items():
+            if content and path != _FILTERS or path in self._broken_states:
+                self.report.fail(f"{path} holds {content[:80]!r}")
+        self._broken_states = set(broken)
 
     # Resources.
 
-    def _calm(self) -> Resources | None:
-        """What the daemon holds behind a restart of both planes with nothing else to do."""
+    def _calm(self) -> None:
+        """Counts what the daemon holds behind a restart of both planes with nothing else to do."""
         self.operations.works = False
         self._say("calm: the planes are restarted, and what the daemon holds is counted")
         self.operations.ask("logRetrieveStop", {})  # else its watcher stays
+        self.operations.ask("stopReverseSsh", {})
         self._wait_for_children()
         stay = self._begin_stay(
             Kind("calm", KINDS[0].run, (0, 0), "connection", _CALM_SECONDS, explain.CONNECTION, ())
@@ -328,8 +374,9 @@ class Soak:
         del self.report.episodes[-1]
         seen = self._settled_resources()
         self._say(f"    {seen}")
+        if seen:
+            self.report.looks.append(seen)
         self.operations.works = True
-        return seen
 
     def _wait_for_children(self) -> None:
         end = time.monotonic() + _CALM_SECONDS
@@ -357,7 +404,8 @@ class Soak:
 
     def _end(self) -> None:
         if not self._is_over():
-            self.report.last = self._calm()
+            self._ask_services()
+            self._calm()
         self._is_loaded = False
         if self._forwarder:
             self._forwarder.stop_pushing()
@@ -372,6 +420,8 @@ class Soak:
 
     def _conclude(self) -> None:
         self._judge_lines()
+        if self._ssh:
+            self.report.tunnels = self._ssh.logins
         self.report.conclude(self.uplinks, self.operations, time.monotonic() - self._begin)
 
     def _close(self) -> None:
@@ -383,4 +433,6 @@ class Soak:
         for server in self.servers:
             server.kill()
         self._files.close()
+        if self._ssh:
+            self._ssh.close()
         self.network.close()

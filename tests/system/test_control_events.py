@@ -1,17 +1,23 @@
 """Alarms and faults: what is published of the agent's tables, polled and upon notifications."""
+import random
 import socket
+import sys
 from pathlib import Path
 from typing import Any, Callable
 
 import pytest
 
 from conftest import Cleanup
-from harness.bridge import log_time
+from harness.bridge import REPOSITORY, log_time
 from harness.config import GW_MAC
 from harness.control import COMMANDS, EVENTS, ControlRoad
 from harness.lab import LabAgent
 from harness.ports import free_port
 from harness.waiting import wait_until
+
+sys.path.append(str(REPOSITORY))
+
+from lab.soak.notifications import broken, notification  # noqa: E402
 
 MakeRoad = Callable[..., ControlRoad]
 
@@ -220,3 +226,17 @@ def test_a_taken_port_for_notifications_is_tried_again(
         road.bridge.wait_for_log("ctrlplane initialization failed: restarting")
     road.wait_ready()
     assert next_events(road, 1, 0) == [TEMPERATURE]
+
+
+def test_whatever_a_neighbour_sends_to_the_port_the_next_notification_counts(notified: ControlRoad) -> None:
+    (listening,) = notified.bridge.log.find("Listening SNMP trap on: ")
+    rng, port = random.Random(1), int(listening.rpartition(":")[2])
+    log = notified.bridge.log.mark()
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sender:
+        for _ in range(30):
+            for datagram in (notification(rng), broken(rng)):
+                sender.sendto(datagram, ("127.0.0.1", port))
+    notified.bridge.wait_for_log(TAKEN, after=log)
+    notified.bridge.wait_for_log(NOT_TAKEN[1][1], after=log)
+    notified.agent.do({"raise": "alarm", "id": 7, "severity": 0, "text": "Enclosure door is open"})
+    notified.wait_event('"typeId":7', '"CRITICAL"', '"RAISED"')

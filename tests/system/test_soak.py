@@ -11,7 +11,7 @@ import sys
 import time
 from dataclasses import replace
 from pathlib import Path
-from typing import Any, Iterator
+from typing import Any, Callable, Iterator
 
 import pytest
 from harness.bridge import BINARY, REPOSITORY
@@ -21,7 +21,7 @@ sys.path.append(str(REPOSITORY))
 from lab.demo.dialects import DIALECTS  # noqa: E402
 from lab.gateway import forwarder  # noqa: E402
 from lab.gateway.devices import Radio, lab_devices  # noqa: E402
-from lab.operations.client import LateAnswers  # noqa: E402
+from lab.operations.client import LATE_TOPIC, LateAnswers  # noqa: E402
 from lab.soak import explain, figures, judge, uplinks  # noqa: E402
 from lab.soak.faults import KINDS, go_together  # noqa: E402
 from lab.soak.gateway import LogLine, Resources  # noqa: E402
@@ -233,12 +233,34 @@ class _NoFiles:
         return path
 
 
+class _NoGateway:
+    def renew_upgrade(self) -> None:
+        raise OSError
+
+    def move_alarm(self, _number: int, _is_raised: bool) -> None:
+        raise OSError
+
+
+def operations_of(
+    fail: Callable[[str], None], publish: Callable[[str, bytes], None] = lambda *_: None
+) -> Operations:
+    return Operations(1, True, publish, fail, _NoFiles(), _NoGateway())  # type: ignore[arg-type]
+
+
+UPGRADE = f"gateway/mac/{MAC.upper()}/firmware/reported"
+
+
+def concluded_operations() -> Operations:
+    """Of a soak in which an upgrade was under way."""
+    operations = operations_of(lambda _: None)
+    operations.message(UPGRADE, b'{"content":{"state":"INSTALLING"}}')
+    return operations
+
+
 def test_an_answer_that_comes_twice_is_told() -> None:
     failures: list[str] = []
     sent: list[dict[str, Any]] = []
-    operations = Operations(
-        1, True, lambda _, payload: sent.append(json.loads(payload)), failures.append, _NoFiles()  # type: ignore[arg-type]
-    )
+    operations = operations_of(failures.append, lambda _, payload: sent.append(json.loads(payload)))
     operations.ask("getBackups", {})
     answer = json.dumps({"mac": MAC, "requestId": sent[0]["requestId"], "response": []}).encode() + b"\0"
     operations.message("api/v1/gateway/commands", answer)
@@ -249,8 +271,8 @@ def test_an_answer_that_comes_twice_is_told() -> None:
 
 def test_a_dated_report_that_comes_twice_is_told() -> None:
     failures: list[str] = []
-    operations = Operations(1, True, lambda *_: None, failures.append, _NoFiles())  # type: ignore[arg-type]
-    topic = f"gateway/mac/{MAC.upper()}/firmware/reported"
+    operations = operations_of(failures.append)
+    topic = UPGRADE
     operations.message(topic, b'{"lastStateUpdateTs":1}')
     operations.message(topic, b'{"lastStateUpdateTs":2}')
     for _ in range(2):
@@ -263,17 +285,17 @@ def test_a_dated_report_that_comes_twice_is_told() -> None:
 @pytest.mark.parametrize(
     ("patterns", "text", "is_explained"),
     [
-        (explain.AGENT, "no response from SNMP agent", True),
-        (explain.AGENT, "failed to get backup information", True),
-        (explain.AGENT, "Error getting SIM status for slot: 1", True),
-        (explain.AGENT, "failed to connect to NS", False),
-        (explain.CONNECTION, "failed to connect with MQTT code: [-1]", True),
-        (explain.CONNECTION, "uplink packet filter file is not present", False),
-        (explain.DISK, "failed to open a state file", True),
-        (explain.JUNK, "failed to open a state file", False),
+        (explain.AGENT.now, "no response from SNMP agent", True),
+        (explain.AGENT.now, "failed to get backup information", True),
+        (explain.AGENT.now, "Error getting SIM status for slot: 1", True),
+        (explain.AGENT.now, "failed to connect to NS", False),
+        (explain.CONNECTION.now, "failed to connect with MQTT code: [-1]", True),
+        (explain.CONNECTION.now, "uplink packet filter file is not present", False),
+        (explain.DISK.now, "failed to open a state file", True),
+        (explain.JUNK.now, "failed to open a state file", False),
         (explain.ALWAYS, "command string is missing", True),
         (explain.ALWAYS, "command string is missing!", False),
-        (explain.LOAD, "no response from SNMP agent", False),
+        (explain.LOAD.now, "no response from SNMP agent", False),
     ],
 )
 def test_a_line_is_explained_by_its_own_fault_alone(
@@ -307,12 +329,12 @@ HELD = Resources(23, 22, 0, 0, 0, 2, 5000, 18000)
         (HELD, None),
         (replace(HELD, anonymous_kib=HELD.anonymous_kib + GROWTH_KIB, resident_kib=30000), None),
         (replace(HELD, anonymous_kib=HELD.anonymous_kib + GROWTH_KIB + 1), "memory has grown by"),
-        (replace(HELD, threads=24), "threads: 23 at first, 24 at the end"),
-        (replace(HELD, descriptors=23), "descriptors: 22 at first, 23 at the end"),
-        (replace(HELD, children=1), "children: 0 at first, 1 at the end"),
-        (replace(HELD, uncollected=1), "uncollected: 0 at first, 1 at the end"),
-        (replace(HELD, others=2), "others: 0 at first, 2 at the end"),
-        (replace(HELD, queues=1), "queues: 2 at first, 1 at the end"),
+        (replace(HELD, threads=24), "threads: 23 at first, 24 at look 2 of 2"),
+        (replace(HELD, descriptors=23), "descriptors: 22 at first, 23 at look 2 of 2"),
+        (replace(HELD, children=1), "children: 0 at first, 1 at look 2 of 2"),
+        (replace(HELD, uncollected=1), "uncollected: 0 at first, 1 at look 2 of 2"),
+        (replace(HELD, others=2), "others: 0 at first, 2 at look 2 of 2"),
+        (replace(HELD, queues=1), "queues: 2 at first, 1 at look 2 of 2"),
         (None, "the resources were not counted twice"),
     ],
 )
@@ -322,19 +344,71 @@ def test_what_is_held_at_the_end_is_what_was_held_at_first(
     books.send()
     books.clock.now += uplinks.LATE_SECONDS + 1
     report = Report(plan_of(1), lambda _: None)
-    report.first, report.last = HELD, last
-    report.conclude(books.uplinks, Operations(1, True, lambda *_: None, lambda _: None, _NoFiles()), SETTLED_SECONDS)  # type: ignore[arg-type]
+    report.looks = [HELD, last] if last else [HELD]
+    report.conclude(books.uplinks, concluded_operations(), SETTLED_SECONDS)
     assert report.is_clean() is (complaint is None)
     if complaint:
         (told,) = report.failures
         assert told.startswith(complaint)
 
 
-def concluded(books: Books, report: Report) -> Report:
-    report.first = report.last = HELD
-    operations = Operations(1, True, lambda *_: None, lambda _: None, _NoFiles())  # type: ignore[arg-type]
+def test_an_hour_without_an_upgrade_under_way_is_told(books: Books) -> None:
+    books.send()
     books.clock.now += uplinks.LATE_SECONDS + 1
+    report = Report(plan_of(1), lambda _: None)
+    report.looks = [HELD, HELD]
+    operations = operations_of(lambda _: None)
+    operations.message(UPGRADE, b'{"content":{"state":"NO BSP UPGRADE AVAILABLE"}}')
     report.conclude(books.uplinks, operations, SETTLED_SECONDS)
+    assert list(report.failures) == ["no upgrade was under way"]
+
+
+def test_a_service_has_answered_when_something_newer_than_the_question_comes() -> None:
+    operations = operations_of(lambda _: None)
+    topics = {
+        "a configuration": f"gateway/mac/{MAC.upper()}/configuration/reported",
+        "a state of an upgrade": UPGRADE,
+        "a battery report": f"gateway/mac/{MAC.upper()}/performance",
+        "an alarm": "api/v1/gateway/events",
+    }
+    payload = b'{"type":"ALARM","typeId":1001}'
+    for topic in list(topics.values())[:-1]:
+        operations.message(topic, b"before")
+    services = {service.name: service for service in operations.services()}
+    assert services.keys() == {*topics, "the end of a script"}
+    assert not any(service.has_answered() for service in services.values())
+    for name, topic in topics.items():
+        operations.message(topic, payload)
+        assert [each.name for each in services.values() if each.has_answered()] == [*topics][
+            : [*topics].index(name) + 1
+        ]
+
+
+def test_the_end_of_a_script_is_that_of_one_that_was_asked_for_since() -> None:
+    sent: list[dict[str, Any]] = []
+    operations = operations_of(lambda _: None, lambda _, payload: sent.append(json.loads(payload)))
+
+    def end_last() -> None:
+        late = {"requestId": str(sent[-1]["requestId"]), "mac": MAC, "response": {}}
+        operations.message(LATE_TOPIC, json.dumps(late, separators=(",", ":")).encode())
+
+    operations.ask("fopsExecuteStart", {})
+    (script,) = [each for each in operations.services() if each.name == "the end of a script"]
+    end_last()
+    assert not script.has_answered()
+    script.ask()
+    end_last()
+    assert script.has_answered()
+
+
+def test_the_books_of_a_slow_network_stay_open() -> None:
+    assert [kind.name for kind in KINDS if kind.touches_connection and kind.carries] == ["network slow"]
+
+
+def concluded(books: Books, report: Report) -> Report:
+    report.looks = [HELD, HELD]
+    books.clock.now += uplinks.LATE_SECONDS + 1
+    report.conclude(books.uplinks, concluded_operations(), SETTLED_SECONDS)
     return report
 
 
@@ -353,7 +427,7 @@ def test_uplinks_that_a_whole_connection_does_not_acknowledge_are_told(books: Bo
 def test_a_fault_that_breaks_nothing_is_told(books: Books, times: int, bitten: int, is_clean: bool) -> None:
     books.send()
     report = Report(plan_of(1), lambda _: None)
-    report.episodes = [Episode(("server killed", "clock back"), 1.0, True)] * times
+    report.episodes = [Episode(("server killed", "network slow"), 1.0, True)] * times
     for begin in range(bitten):
         report.bit("server killed", float(begin))
     concluded(books, report)

@@ -18,6 +18,7 @@ from lab.soak.report import Report  # noqa: E402
 BEGIN = 1000.0
 KIND = {kind.name: kind for kind in KINDS}
 LOST, RESTART = "mqtt connection lost", "dataplane restart requested"
+ASKED = "ctrlplane restart requested"
 NO_AGENT = "no response from SNMP agent"
 NO_UPLINK, NO_ANSWER = "no uplink came through", "no command was answered"
 
@@ -73,6 +74,19 @@ def test_what_a_fault_has_begun_may_tell_of_it_later(court: Court) -> None:
     assert len(court.told()) == 1
 
 
+@pytest.mark.parametrize("name", ["server killed", "clock ahead", "disk full", "junk on topics"])
+def test_what_a_fault_cannot_have_begun_is_told(court: Court, name: str) -> None:
+    court.stay(name, 10, 20)
+    court.line(21, NO_AGENT)
+    assert court.told() == [f"ERROR line that nothing explains, beside [{name}]: {NO_AGENT}"]
+
+
+def test_a_transfer_may_tell_later_of_a_network_that_was_cut(court: Court) -> None:
+    court.stay("network cut", 10, 20)
+    court.line(60, "curl: Timeout was reached")
+    assert not court.told()
+
+
 def test_load_alone_explains_no_late_line(court: Court) -> None:
     court.stay("flood of commands", 10, 20)
     court.line(21, NO_AGENT)
@@ -108,11 +122,42 @@ def test_a_restart_without_a_cause_is_told(court: Court, text: str) -> None:
     assert court.told() == [f"a restart that nothing explains: {text}"]
 
 
-@pytest.mark.parametrize("name", ["server killed", "network cut", "disk full", "junk on topics"])
+@pytest.mark.parametrize("name", ["server killed", "network cut", "descriptors exhausted"])
 def test_a_restart_has_its_cause(court: Court, name: str) -> None:
     court.stay(name, 10, 20)
     court.line(20 + judge.LATE_BREAK_SECONDS, RESTART, "WARN")
-    assert not court.told()
+    assert not court.told() and court.report.restarts == {RESTART: 1}
+
+
+@pytest.mark.parametrize("name", ["disk full", "agent silent", "junk on topics"])
+def test_a_restart_that_a_service_has_asked_for_has_its_line_before(court: Court, name: str) -> None:
+    court.stay(name, 10, 20)
+    court.line(15, "failed to start the bulk upgrade service")
+    court.line(20, ASKED, "WARN")
+    assert not [told for told in court.told() if told.startswith("a restart")]
+
+
+@pytest.mark.parametrize("name", ["disk full", "agent silent", "junk on topics"])
+@pytest.mark.parametrize("text", [ASKED, LOST])
+def test_a_fault_beside_the_connection_ends_none_by_itself(court: Court, name: str, text: str) -> None:
+    court.stay(name, 10, 20)
+    court.line(15, text, "WARN")
+    assert court.told() == [f"a restart that nothing explains: {text}"]
+
+
+def test_a_service_that_asks_for_a_restart_explains_no_lost_connection(court: Court) -> None:
+    court.stay("disk full", 10, 20)
+    court.line(15, "failed to start the bulk upgrade service")
+    court.line(16, LOST, "WARN")
+    assert court.told()[-1] == f"a restart that nothing explains: {LOST}"
+
+
+def test_a_clock_that_is_moved_shows_in_the_lines(court: Court) -> None:
+    court.stay("clock back", 10)
+    court.judge.take(LogLine(BEGIN + 11, "INFO", "a_file.cpp", "a word", -20.0))
+    assert not court.report.bites
+    court.judge.take(LogLine(BEGIN + 12, "INFO", "a_file.cpp", "a word", -61.0))
+    assert court.report.bites == {"clock back": {BEGIN + 10}}
 
 
 def test_a_restart_long_after_its_cause_is_told(court: Court) -> None:
@@ -200,6 +245,7 @@ def test_silence_is_counted_from_the_end_of_what_was_in_the_way(court: Court) ->
 
 def test_a_restart_keeps_silent_until_the_planes_are_up(court: Court) -> None:
     stay = court.stay("disk full", 0)
+    court.line(0.5, "failed to publish configuration", "WARN")
     court.line(1, RESTART, "WARN")
     silent_for(court, 200)
     assert not court.told()

@@ -1,83 +1,30 @@
-"""An OpenSSH server with an account of its own, in namespaces of its own: the host's accounts, logs and
-processes are neither read nor written, and no process of the server outlives it. Needs root."""
+"""The lab's OpenSSH server, and a client for it."""
 import os
 import signal
 import subprocess
+import sys
 from pathlib import Path
 from typing import Optional
 
+from .bridge import REPOSITORY
 from .log_reader import LogReader
 from .ports import free_port
 
-USER = "operator"
-PASSWORD = "open:Sesame 7"
-USER_ID = 61999
+sys.path.append(str(REPOSITORY))
 
-CONFIG = """\
-Port {port}
-ListenAddress 127.0.0.1
-HostKey {work}/host_key
-PidFile none
-LogLevel DEBUG1
-UsePAM no
-UseDNS no
-StrictModes no
-PermitRootLogin no
-PasswordAuthentication yes
-KbdInteractiveAuthentication no
-PubkeyAuthentication no
-PrintMotd no
-PrintLastLog no
-AllowTcpForwarding yes
-GatewayPorts no
-"""
+from lab.sshd import PASSWORD, USER, USER_ID, prepare_server  # noqa: E402
 
-# What sshd opens under fixed paths is its own: the accounts, its folder, the records of logins.
-PREPARE = """\
-set -e
-for folder in /etc /run /var/log; do mount -t tmpfs tmpfs "$folder"; done
-mkdir -m 755 /run/sshd
-cp -r "$1"/etc/. /etc
-exec /usr/sbin/sshd -D -e -f "$1/sshd_config"
-"""
-
-
-def _crypted(password: str) -> str:
-    done = subprocess.run(
-        ["openssl", "passwd", "-6", "-stdin"], input=password, capture_output=True, text=True, check=True
-    )
-    return done.stdout.strip()
-
-
-def _write_accounts(etc: Path) -> None:
-    etc.mkdir()
-    (etc / "passwd").write_text(
-        "root:x:0:0::/:/bin/false\n"
-        "sshd:x:61998:61998::/run/sshd:/bin/false\n"
-        f"{USER}:x:{USER_ID}:{USER_ID}::/:/bin/sh\n"
-    )
-    (etc / "group").write_text(f"root:x:0:\nsshd:x:61998:\n{USER}:x:{USER_ID}:\n")
-    (etc / "shadow").write_text(f"root:*:1::::::\nsshd:*:1::::::\n{USER}:{_crypted(PASSWORD)}:19000::::::\n")
-    (etc / "hosts").write_text("127.0.0.1 localhost\n")
+__all__ = ["PASSWORD", "USER", "USER_ID", "SshServer", "client_command", "run_at"]
 
 
 class SshServer:
     """Starts at once; its lines on standard error are in `log`."""
 
     def __init__(self, work: Path, port: Optional[int] = None) -> None:
-        work.mkdir(parents=True)
         self.work = work
         self.port = free_port() if port is None else port
-        key = ["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", str(work / "host_key")]
-        subprocess.run(key, check=True, stdin=subprocess.DEVNULL)
-        _write_accounts(work / "etc")
-        (work / "sshd_config").write_text(CONFIG.format(port=self.port, work=work))
         self.process = subprocess.Popen(
-            [
-                *("unshare", "--mount", "--propagation", "private"),
-                *("--pid", "--fork", "--mount-proc", "--kill-child=KILL", "--"),
-                *("/bin/sh", "-c", PREPARE, "sh", str(work)),
-            ],
+            prepare_server(work, self.port),
             env={"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C"},
             stdin=subprocess.DEVNULL,
             stdout=subprocess.DEVNULL,
