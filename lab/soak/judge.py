@@ -136,7 +136,8 @@ class Judge:
             self._restart_since = None
         if explain.explains(_CAUSES, line.text):
             self._cause_at = line.at
-        if not _tells_a_restart(line) or self._restart_since is not None:
+        is_under_way = self._restart_since is not None and self._restart_until == _FOREVER
+        if not _tells_a_restart(line) or is_under_way:
             return
         self._restart_begins(line.at)
         is_asked = line.text.startswith(_STOPPED) and line.at <= self._cause_at + _CAUSE_SECONDS

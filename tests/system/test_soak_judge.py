@@ -194,6 +194,16 @@ def test_a_restart_just_behind_a_recovery_is_one_of_its_own(court: Court) -> Non
     assert not court.told()
 
 
+def test_a_restart_in_the_last_words_of_another_goes_on_behind_them(court: Court) -> None:
+    stay = court.stay("server killed", 10)
+    court.line(11, LOST, "WARN")
+    court.judge.end([stay], BEGIN + 20)
+    court.stay("restart, no descriptors", 22)
+    court.line(20 + judge.SHORT_ECHO_SECONDS - 0.1, LOST, "WARN")
+    court.line(20 + judge.SHORT_ECHO_SECONDS + 1, "failed to unsubscribe: api/v1/gateway/commands")
+    assert not court.told() and court.report.restarts == {LOST: 2}
+
+
 def test_a_stop_explains_what_a_restart_does(court: Court) -> None:
     court.judge.stopping(BEGIN + 5)
     court.line(5000, "synch request failed")
