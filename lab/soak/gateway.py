@@ -314,8 +314,10 @@ class Gateway:
         """Raises or clears one at the agent. Raises Refused or OSError when there is none."""
         if not self.agent:
             raise Refused("no agent")
-        raised = {"raise": "alarm", "id": number, "severity": 1, "text": "of the soak"}
-        self.agent.do(raised if is_raised else {"clear": "alarm", "id": number})
+        # With a severity, also where it clears one that was never raised: a row without it would end the table.
+        self.agent.do(
+            {"raise" if is_raised else "clear": "alarm", "id": number, "severity": 1, "text": "of the soak"}
+        )
 
     def connect(self, kind: socket.SocketKind, port: int) -> socket.socket:
         """A socket of the gateway's network, to one of its ports."""

@@ -34,7 +34,7 @@ static constexpr auto QUESTION_NEARLY_OVER = std::chrono::milliseconds(9500);
 /* In which the library's thread is back from a callback and has gone on: where it must be waited for, and on
  * the busiest machine. */
 static constexpr uint32_t CALLBACK_RETURN_MS = 50;
-static constexpr auto CALLBACK_RETURNED = std::chrono::seconds(1);
+static constexpr auto CALLBACK_RETURNED = std::chrono::seconds(10);
 static constexpr uint32_t DEINIT_LIMIT_MS = 5000;
 static constexpr uint32_t DEINIT_STEP_MS = 10;
 
@@ -115,7 +115,8 @@ static std::unique_lock<std::mutex> lock_messages()
  * connection succeeds, so only the client tells. */
 static bool is_message_valid(const bridge_mqtt_ep_group *group, uint32_t session)
 {
-    return !group->closing && group->session == session && MQTTClient_isConnected(group->handle);
+    return !group->closing && !group->connecting && group->session == session &&
+           MQTTClient_isConnected(group->handle);
 }
 
 static bool must_wait_for_delivery()
@@ -356,7 +357,10 @@ static void wait_for_callbacks(const bridge_mqtt_ep_group *group)
 {
     while (group->callbacks != 0)
         bridge_wait_ms(STUCK_CALL_STEP_MS);
-    bridge_wait_ms(CALLBACK_RETURN_MS);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(CALLBACK_RETURN_MS);
+    do
+        bridge_wait_ms(CALLBACK_RETURN_MS); /* a signal may end it */
+    while (std::chrono::steady_clock::now() < end);
 }
 
 static void destroy_client(bridge_mqtt_ep_group *group)

@@ -41,7 +41,8 @@ struct bridge_mqtt_ep_group {
     std::atomic<int> callbacks;    /* message-arrived calls under way */
     std::atomic<uint32_t> session; /* counts the connects: a message of an earlier one is gone */
     bridge_mqtt_taken taken;       /* by message-arrived; by others with no callback under way */
-    /* When the call of ours began that found the session at its end, or ended it; the epoch when none did. */
+    /* When the first call of ours began that found the session at its end, or ended it; the epoch when none
+     * did. Under ep_lock. */
     std::atomic<bridge_mqtt_moment> broken_by;
     /* Since when a subscribe or an unsubscribe is inside the library, which frees messages as it begins or
      * when it gives up, and takes too long for the message lock. The epoch when none is. */
@@ -109,7 +110,7 @@ class breaking_call
     }
     ~breaking_call()
     {
-        if (!MQTTClient_isConnected(group_->handle))
+        if (group_->broken_by.load() == bridge_mqtt_moment() && !MQTTClient_isConnected(group_->handle))
             group_->broken_by = began_;
     }
     breaking_call(const breaking_call &) = delete;

@@ -167,6 +167,23 @@ TEST_F(BridgeMqttMessages, AMessageBehindWhoseCallbackASubscribeBreaksTheConnect
     });
 }
 
+TEST_F(BridgeMqttMessages, AMessageStaysTheLibrarysHoweverLateACallFindsItsConnectionBroken)
+{
+    fake_mqtt_on("returned", [] {
+        fake_mqtt_break_on_publish();
+        background publisher([] { EXPECT_EQ(publish(OAM), 0); });
+        EXPECT_TRUE(publisher.ends());
+    });
+    EXPECT_EQ(fake_mqtt_arrive(1, "t", "a payload"), 1);
+    fake_mqtt_on("returned", {});
+    bridge_mqtt_ep_group *group = &mqtt_ctx.ep_handles[0];
+    group->taken.at -= std::chrono::hours(1);
+    group->broken_by = group->broken_by.load() - std::chrono::hours(1);
+    EXPECT_NE(publish(OAM), 0);
+    ASSERT_EQ(bridge_mqtt_connect(BRIDGE_MQTT_EP_GEOLOC), 0);
+    EXPECT_THAT(fake_mqtt_faults(), IsEmpty());
+}
+
 TEST_F(BridgeMqttMessages, WhatIsLeftOfAMessageIsFreedThoughItsConnectionIsLost)
 {
     EXPECT_EQ(fake_mqtt_arrive(1, "t", "a payload"), 1);
@@ -184,7 +201,7 @@ TEST_F(BridgeMqttMessages, WhatIsLeftOfAMessageIsFreedThoughAPublishBreaksTheCon
         bridge_mqtt_endpoint_t next;
         size_t left;
     } cases[] = {
-        {std::chrono::milliseconds(1000), OAM, BRIDGE_MQTT_EP_GEOLOC, 0},
+        {std::chrono::seconds(10), OAM, BRIDGE_MQTT_EP_GEOLOC, 0},
         {std::chrono::milliseconds(0), BRIDGE_MQTT_EP_GEOLOC, NS, SHELL},
     };
     for (const auto &row : cases) {
