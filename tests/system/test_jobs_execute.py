@@ -28,6 +28,7 @@ from file_jobs import (
     file_gateway,
     is_ended,
     refusal,
+    state,
 )
 from harness.waiting import wait_until
 
@@ -317,6 +318,7 @@ def test_a_job_that_ends_long_after_its_stop_is_collected(gateway: FileGateway) 
     job = start(gateway, put_script(gateway, "exec sleep 1000"))
     wait_until(lambda: children(job.pid), "the script")
     os.kill(job.pid, signal.SIGSTOP)
+    wait_until(lambda: state(job.pid) == "T", "that it stands still: the stop's signal would go before")
     assert gateway.stop(EXECUTE, job.pid) == refusal("ok")
     assert not is_ended(job.pid)
     os.kill(job.pid, signal.SIGCONT)
