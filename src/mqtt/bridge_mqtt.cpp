@@ -34,7 +34,7 @@ static constexpr auto QUESTION_NEARLY_OVER = std::chrono::milliseconds(9500);
 /* In which the library's thread is back from a callback and has gone on: where it must be waited for, and on
  * the busiest machine. */
 static constexpr uint32_t CALLBACK_RETURN_MS = 50;
-static constexpr auto CALLBACK_RETURNED = std::chrono::seconds(10);
+static constexpr auto CALLBACK_RETURNED = std::chrono::milliseconds(200);
 static constexpr uint32_t DEINIT_LIMIT_MS = 5000;
 static constexpr uint32_t DEINIT_STEP_MS = 10;
 

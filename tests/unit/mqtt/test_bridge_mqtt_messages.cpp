@@ -201,7 +201,7 @@ TEST_F(BridgeMqttMessages, WhatIsLeftOfAMessageIsFreedThoughAPublishBreaksTheCon
         bridge_mqtt_endpoint_t next;
         size_t left;
     } cases[] = {
-        {std::chrono::seconds(10), OAM, BRIDGE_MQTT_EP_GEOLOC, 0},
+        {std::chrono::milliseconds(200), OAM, BRIDGE_MQTT_EP_GEOLOC, 0},
         {std::chrono::milliseconds(0), BRIDGE_MQTT_EP_GEOLOC, NS, SHELL},
     };
     for (const auto &row : cases) {
