@@ -32,8 +32,6 @@ _STARTED = "dataplane is started"
 # What else asks for a restart, and is acted on with the next tick, or behind the commands that still run.
 _CAUSES = (
     r"failed to start the (bulk configuration|bulk upgrade|performance management) service",
-    r"Exiting bsp upgrade thread",
-    r"stopping performance management thread",
     r"failed to publish (status )?response",
     r"failed to publish configuration",
     r"Failed to publish to topic .*",

@@ -219,6 +219,8 @@ class Soak:
     def _begin_stay(self, kind: Kind) -> Stay:
         if not kind.carries:
             self.uplinks.touched(kind.name)
+        elif kind.touches_connection:
+            self.uplinks.jammed()
         return self._judge.begin(kind, time.monotonic())
 
     def bit(self, kind: str) -> None:

@@ -19,6 +19,8 @@ from lab.gateway.lorawan import UNCONFIRMED_DOWN, build_frame, parse_frame
 MARGIN_SECONDS = 1.0
 # The forwarder waits no longer for one.
 _ACK_SECONDS = 1.0
+# What has waited behind a slow network goes on its way within so long.
+_JAM_ECHO_SECONDS = 5.0
 # Tokens of TX_ACK from here on are those of junk, in either order of their bytes.
 FIRST_TOKEN_OF_JUNK = 0xF000
 # From the acknowledgement to the server, over a slow cable too.
@@ -71,6 +73,7 @@ class Uplinks:
         # The connection is whole from the arrival of an uplink that was sent after the last break.
         self._spans = [Span(time.monotonic(), reason="start")]
         self._is_touched = self._is_stopping = False
+        self._jams: list[tuple[float, float]] = []  # while less is carried than is sent
         self._proof_from = time.monotonic()
         self._broken_at = 0.0
         self._last: Uplink | None = None
@@ -93,8 +96,15 @@ class Uplinks:
             self._break(reason)
             self._is_touched = True
 
+    def jammed(self) -> None:
+        """Until `released` and a little longer, what is sent may find no room and get no acknowledgement."""
+        with self._lock:
+            self._jams.append((time.monotonic(), float("inf")))
+
     def released(self) -> None:
         with self._lock:
+            if self._jams and self._jams[-1][1] == float("inf"):
+                self._jams[-1] = self._jams[-1][0], time.monotonic() + _JAM_ECHO_SECONDS
             self._is_touched = False
             self._proof_from = time.monotonic()
 
@@ -260,7 +270,8 @@ class Uplinks:
                 told.acknowledged += bool(sent.acked)
                 told.unanswered += not sent.acked
                 if not sent.acked:
-                    told.ignored += self._was_whole(sent.at)
+                    is_jammed = any(begin <= sent.at < end for begin, end in self._jams)
+                    told.ignored += self._was_whole(sent.at) and not is_jammed
                 if not sent.acked or sent.arrived:
                     continue
                 while spans[place].end <= sent.acked:

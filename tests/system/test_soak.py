@@ -412,6 +412,20 @@ def concluded(books: Books, report: Report) -> Report:
     return report
 
 
+def test_uplinks_that_find_no_room_in_a_jam_are_not_told_and_lost_ones_are(books: Books) -> None:
+    books.send()
+    books.uplinks.jammed()
+    for _ in range(6):
+        books.send(acked=False, published=0)
+    books.send(published=0)
+    books.uplinks.released()
+    books.clock.now += 10
+    books.send()
+    assert list(concluded(books, Report(plan_of(1), lambda _: None)).failures) == [
+        "1 uplinks were acknowledged on a whole connection and never published"
+    ]
+
+
 def test_uplinks_that_a_whole_connection_does_not_acknowledge_are_told(books: Books) -> None:
     for _ in range(10):
         books.send()
