@@ -208,6 +208,13 @@ CHILDREN = Words(
     ),
     _PROGRAMS,
 )
+# The end of a thread whose service rests from then on, until the control plane is restarted for another reason.
+RESTS = (
+    r"Exiting (bsp upgrade|performance management) thread",
+    r"Can't open message queue for reading .*",
+    r"Can't create timer for .*",
+    r"failed to read from the pipe: .*",
+)
 # Words of the C library and of sanitizers, without a level.
 BROKEN = (
     r".*(Sanitizer|runtime error:|Assertion|terminate called|free\(\)|malloc|corrupt|stack smashing|\*\*\*).*"

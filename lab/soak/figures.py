@@ -13,6 +13,7 @@ from pathlib import Path
 from typing import Any
 
 from lab.soak.faults import KINDS, TELLS
+from lab.soak.report import RESTING
 
 _BEGIN, _END = "<!-- soak figures: begin -->", "<!-- soak figures: end -->"
 
@@ -100,6 +101,7 @@ def _traffic(soaks: list[dict[str, Any]]) -> list[str]:
         rows += [(name, *(str(soak[part].get(name, 0)) for soak in soaks)) for name in names]
     rows.append(("tunnels", *(str(soak["tunnels"]) for soak in soaks)))
     rows.append(("looks at the services", *(str(soak["looks at services"]) for soak in soaks)))
+    rows.append(("- behind a restart for a service that rested", *(str(soak[RESTING]) for soak in soaks)))
     rows.append(("ERROR lines", *(str(soak["error lines"]) for soak in soaks)))
     return _table(("", *(f"seed {soak['seed']}" for soak in soaks)), rows)
 

@@ -23,11 +23,11 @@ _CLOCK_SECONDS = 30.0
 _FOREVER = float("inf")
 _LOST = "mqtt connection lost"
 _RECONNECTED = "dataplane partial restart requested"
-_STOPPED = (
+_CONTROL_STOPPED = (
     "ctrlplane restart requested",
-    "dataplane restart requested",
     "control plane restart is requested before data plane connection could be established",
 )
+_STOPPED = (*_CONTROL_STOPPED, "dataplane restart requested")
 _STARTED = "dataplane is started"
 # What else asks for a restart, and is acted on with the next tick, or behind the commands that still run.
 _CAUSES = (
@@ -79,6 +79,7 @@ class Judge:
         self._restart_since: float | None = None  # a restart may bring lines of its own from then on
         self._restart_until = 0.0
         self._cause_at = float("-inf")  # of a line that tells why a restart is asked for
+        self.has_resting_service = False  # it needs a restart of the control plane
         # Since when nothing touches them.
         self._free = {"connection": begin, "agent": begin}
 
@@ -105,6 +106,10 @@ class Judge:
 
     def take(self, line: LogLine) -> None:
         self._follow_restart(line)
+        if line.text.startswith(_CONTROL_STOPPED):
+            self.has_resting_service = False
+        elif explain.explains(explain.RESTS, line.text):
+            self.has_resting_service = True
         for stay in self._stays:
             if not stay.covers(line.at, SHORT_ECHO_SECONDS):
                 continue

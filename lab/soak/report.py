@@ -23,6 +23,7 @@ SETTLED_SECONDS = 1200
 # The forwarder waits a second for an acknowledgement, which a busy machine may miss.
 IGNORED_SHARE = 0.002
 _SHOWN = 40
+RESTING = "of them behind a restart for a service that rested"
 # Such a state shows that the work was met by faults.
 _UNDER_WAY = {"UPDATE SCHEDULED", "DOWNLOADING", "DOWNLOADED", "INSTALLING"}
 
@@ -46,6 +47,7 @@ class Report:
     restarts: Counter[str] = field(default_factory=Counter)  # by the line that told of it first
     tunnels: int | None = None  # logins, where a server lets them in
     services: int = 0  # looks at those beside the commands
+    resting: int = 0  # such a look found the thread of one ended, and the planes were restarted for it
     error_lines: int = 0
     looks: list[Resources] = field(default_factory=list)  # while nothing was to do: the fifth minute's first
     highest_anonymous_kib: int = 0
@@ -142,6 +144,7 @@ class Report:
             "restarts": dict(self.restarts),
             "tunnels": self.tunnels,
             "looks at services": self.services,
+            RESTING: self.resting,
             "operations": self.operations,
             "upgrades": self.states,
             "other": self.other,
@@ -172,6 +175,7 @@ class Report:
             "other",
             "tunnels",
             "looks at services",
+            RESTING,
         ):
             print(f"  {part}: {told[part]}")
         for look in self.looks:

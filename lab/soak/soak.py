@@ -279,7 +279,13 @@ class Soak:
         return None
 
     def _ask_services(self) -> None:
-        """What the probes do not ask has recovered, too."""
+        """What the probes do not ask has recovered, too. A service whose thread has ended asks for no restart: that is
+        the operator's to do."""
+        self._judge_lines()
+        if self._judge.has_resting_service:
+            self._say("a service rests: the planes are restarted")
+            self.report.resting += 1
+            self._restart_planes("restart for a service")
         left = self.operations.services()
         end = time.monotonic() + _SERVICES_SECONDS
         next_time = 0.0
@@ -366,19 +372,22 @@ class Soak:
         self.operations.ask("logRetrieveStop", {})  # else its watcher stays
         self.operations.ask("stopReverseSsh", {})
         self._wait_for_children()
+        self._restart_planes("calm")
+        seen = self._settled_resources()
+        self._say(f"    {seen}")
+        if seen:
+            self.report.looks.append(seen)
+        self.operations.works = True
+
+    def _restart_planes(self, why: str) -> None:
         stay = self._begin_stay(
-            Kind("calm", KINDS[0].run, (0, 0), "connection", _CALM_SECONDS, explain.CONNECTION, ())
+            Kind(why, KINDS[0].run, (0, 0), "connection", _CALM_SECONDS, explain.CONNECTION, ())
         )
         for server in self.servers:
             server.kill()
             server.start()
         self._recover([stay])
         del self.report.episodes[-1]
-        seen = self._settled_resources()
-        self._say(f"    {seen}")
-        if seen:
-            self.report.looks.append(seen)
-        self.operations.works = True
 
     def _wait_for_children(self) -> None:
         end = time.monotonic() + _CALM_SECONDS

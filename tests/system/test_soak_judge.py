@@ -152,6 +152,27 @@ def test_a_service_that_asks_for_a_restart_explains_no_lost_connection(court: Co
     assert court.told()[-1] == f"a restart that nothing explains: {LOST}"
 
 
+@pytest.mark.parametrize(
+    "text",
+    [
+        "Exiting bsp upgrade thread",
+        "Exiting performance management thread",
+        "Can't create timer for battery performance",
+        "failed to read from the pipe: Bad file descriptor",
+    ],
+)
+def test_a_service_rests_from_its_threads_end_to_the_next_restart_of_the_control_plane(
+    court: Court, text: str
+) -> None:
+    court.stay("descriptors exhausted", 10)
+    assert not court.judge.has_resting_service
+    court.line(11, text)
+    court.line(12, "dataplane restart requested", "WARN")
+    assert court.judge.has_resting_service
+    court.line(13, ASKED, "WARN")
+    assert not court.judge.has_resting_service
+
+
 def test_a_clock_that_is_moved_shows_in_the_lines(court: Court) -> None:
     court.stay("clock back", 10)
     court.judge.take(LogLine(BEGIN + 11, "INFO", "a_file.cpp", "a word", -20.0))
