@@ -98,12 +98,12 @@ bridge_mqtt_ep_group *bridge_mqtt_find_connected_group(bridge_mqtt_endpoint_t en
 
 /* ---- messages ---- */
 
-/* Waits until no publish is inside the library. A publish that stays there waits for the library's thread,
- * which is the caller: for an acknowledgement, or, once its connection broke, for the end of that thread. The
- * caller then goes on without the lock. */
-static std::unique_lock<std::mutex> lock_messages()
+/* Waits until no publish of this client is inside the library. A publish that stays there waits for the
+ * library's thread, which is the caller: for an acknowledgement, or, once its connection broke, for the end
+ * of that thread. The caller then goes on without the lock. */
+static std::unique_lock<std::mutex> lock_messages(bridge_mqtt_ep_group *group)
 {
-    std::unique_lock<std::mutex> guard(mqtt_ctx.message_lock, std::try_to_lock);
+    std::unique_lock<std::mutex> guard(group->message_lock, std::try_to_lock);
     for (uint32_t waited = 0; !guard.owns_lock() && waited < STUCK_CALL_MS; waited += STUCK_CALL_STEP_MS) {
         bridge_wait_ms(STUCK_CALL_STEP_MS);
         guard.try_lock();
@@ -185,11 +185,10 @@ static question_risk risk_of_question(const bridge_mqtt_ep_group *group)
 
 /* As lock_messages, when no subscribe or unsubscribe can free a message. False when one is about to give up:
  * the message then stays with the library. */
-static bool lock_messages_beside_questions(const bridge_mqtt_ep_group *group,
-                                           std::unique_lock<std::mutex> *guard)
+static bool lock_messages_beside_questions(bridge_mqtt_ep_group *group, std::unique_lock<std::mutex> *guard)
 {
     for (;;) {
-        *guard = lock_messages();
+        *guard = lock_messages(group);
         const question_risk risk = risk_of_question(group);
         if (risk != QUESTION_BEGINS)
             return risk == QUESTION_HARMLESS;
@@ -375,7 +374,7 @@ static void destroy_client(bridge_mqtt_ep_group *group)
 static void close_messages(bridge_mqtt_ep_group *group)
 {
     group->closing = true;
-    const std::lock_guard<std::mutex> guard(mqtt_ctx.message_lock);
+    const std::lock_guard<std::mutex> guard(group->message_lock);
 }
 
 static void clear_group(bridge_mqtt_ep_group *group)
@@ -705,7 +704,7 @@ static int publish_through(bridge_mqtt_ep_group *group, const char *topic, const
     if (mqtt_ctx.torn_down)
         return -1;
     const publish_call call;
-    const std::lock_guard<std::mutex> guard(mqtt_ctx.message_lock);
+    const std::lock_guard<std::mutex> guard(group->message_lock);
     const breaking_call breaking(group);
     return MQTTClient_publishMessage(group->handle, topic, &message, nullptr);
 }

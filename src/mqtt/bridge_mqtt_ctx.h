@@ -40,7 +40,10 @@ struct bridge_mqtt_ep_group {
     std::atomic<bool> connecting;  /* the server has not answered yet */
     std::atomic<int> callbacks;    /* message-arrived calls under way */
     std::atomic<uint32_t> session; /* counts the connects: a message of an earlier one is gone */
-    bridge_mqtt_taken taken;       /* by message-arrived; by others with no callback under way */
+    /* Held while the library may free a message of this client that it has handed to message-arrived: a
+     * failing publish does. */
+    std::mutex message_lock;
+    bridge_mqtt_taken taken; /* by message-arrived; by others with no callback under way */
     /* When the first call of ours began that found the session at its end, or ended it; the epoch when none
      * did. Under ep_lock. */
     std::atomic<bridge_mqtt_moment> broken_by;
@@ -72,9 +75,6 @@ struct bridge_mqtt_context {
     std::atomic<uint32_t> acknowledgement_waits;
     /* Odd while the library publishes; ep_lock serialises the calls. */
     std::atomic<uint32_t> publish_calls;
-    /* Held while the library may free a message that it has handed to message-arrived: a failing publish
-     * does. */
-    std::mutex message_lock;
 };
 
 extern bridge_mqtt_context mqtt_ctx;
@@ -128,7 +128,7 @@ class server_question
     explicit server_question(bridge_mqtt_ep_group *group) : group_(group), breaking_(group)
     {
         group_->question_since = std::chrono::steady_clock::now();
-        const std::lock_guard<std::mutex> guard(mqtt_ctx.message_lock); /* who holds it has not seen it */
+        const std::lock_guard<std::mutex> guard(group_->message_lock); /* who holds it has not seen it */
         group_->question_since = std::chrono::steady_clock::now();
     }
     ~server_question()
