@@ -386,13 +386,15 @@ static int shut_down()
     return result;
 }
 
-/* What no socket can take is refused here, where the operator sees it. */
+/* What no socket can take is refused here, where the operator sees it. A gateway without servers for its
+ * data opens no UDP port. */
 static int check_ports()
 {
     const bridge_config_root *root = bridge_config_get_root_checked();
     const uint32_t udp_port = root->generic.semtech_udp_listen_port;
     const uint32_t status_port = root->generic.status_http_port;
-    if (udp_port >= 1 && udp_port <= MAX_PORT && status_port <= MAX_PORT)
+    const bool needs_udp = root->ns.ns_enabled || root->geoloc.geoloc_enabled;
+    if ((!needs_udp || (udp_port >= 1 && udp_port <= MAX_PORT)) && status_port <= MAX_PORT)
         return 0;
     BRIDGE_ERROR("invalid port in the configuration: semtech_udp_listen_port %u, status_http_port %u",
                  udp_port, status_port);

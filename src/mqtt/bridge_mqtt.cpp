@@ -214,7 +214,6 @@ static int take_message(bridge_mqtt_ep_group *group, char *topic, MQTTClient_mes
         bridge_mqtt_delivery_item_new(topic, message->payload, static_cast<uint32_t>(message->payloadlen));
     if (item != nullptr) {
         item->group = group;
-        item->endpoints = group->connected_bits;
         bridge_mqtt_delivery_push(item);
     }
     MQTTClient_free(std::exchange(message->payload, nullptr));

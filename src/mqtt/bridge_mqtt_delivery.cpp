@@ -4,6 +4,7 @@
 #include "common/bridge_log.h"
 #include "common/bridge_release.h"
 #include "common/bridge_wait.h"
+#include "mqtt/bridge_mqtt_ctx.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -162,7 +163,8 @@ bool bridge_mqtt_delivery_is_full(bridge_mqtt_delivery_limit limit)
 
 void bridge_mqtt_delivery_push(bridge_mqtt_delivery_item *item)
 {
-    const queue_guard guard;
+    const queue_guard guard; /* a bit that goes after this is taken from the item, too */
+    item->endpoints = item->group->connected_bits;
     item->next = nullptr;
     (queue.rear != nullptr ? queue.rear->next : queue.front) = item;
     queue.rear = item;

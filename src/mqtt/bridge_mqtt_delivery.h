@@ -47,11 +47,12 @@ bridge_mqtt_delivery_item *bridge_mqtt_delivery_item_new(const char *topic, cons
 
 bool bridge_mqtt_delivery_is_full(bridge_mqtt_delivery_limit limit);
 
-/* Takes over the item, at whatever length of the queue: waiting for room is the caller's. */
+/* Takes over the item, for those endpoints of its group that are connected, at whatever length of the queue:
+ * waiting for room is the caller's. */
 void bridge_mqtt_delivery_push(bridge_mqtt_delivery_item *item);
 
-/* Takes an endpoint's bit from the queued messages of a group: they are not for whoever connects as it next.
- * A handler that runs already is not waited for. */
+/* To be called behind the disconnect of an endpoint. Takes its bit from the queued messages of a group: they
+ * are not for whoever connects as it next. A handler that runs already is not waited for. */
 void bridge_mqtt_delivery_forget(const bridge_mqtt_ep_group *group, uint32_t endpoint_bits);
 
 #endif

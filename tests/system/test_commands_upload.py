@@ -429,6 +429,13 @@ def test_a_link_in_the_staging_directory_is_not_followed(road: ControlRoad) -> N
     victim.unlink()
 
 
+def test_a_pipe_in_the_staging_directory_is_not_waited_for(road: ControlRoad) -> None:
+    os.mkfifo(staged(road))
+    assert start(road).response == ""
+    staged(road).unlink()
+    assert start(road) == OK
+
+
 def test_a_file_that_cannot_be_made_ends_the_transaction(road: ControlRoad) -> None:
     assert start(road) == OK
     staged(road).mkdir()

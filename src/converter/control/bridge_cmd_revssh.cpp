@@ -321,9 +321,17 @@ static void keep_alive(int socket)
     setsockopt(socket, IPPROTO_TCP, TCP_KEEPINTVL, &seconds, sizeof(seconds));
 }
 
-static int log_in(ssh_session session, const char *host, const char *user, const char *password, int ssh_port)
+/* The library cuts a greater number down to a port that nobody has asked for; -1 it refuses. */
+static int as_port(int64_t number)
+{
+    return number >= 0 && number <= MAX_PORT ? static_cast<int>(number) : -1;
+}
+
+static int log_in(ssh_session session, const char *host, const char *user, const char *password,
+                  int64_t ssh_port)
 {
     const int verbosity = SSH_VERBOSITY;
+    const int port = as_port(ssh_port);
     const int on = 1;
     const bool reads_files = false; /* nobody has set one up for a tunnel, and one could run programs */
     ssh_options_set(session, SSH_OPTIONS_PROCESS_CONFIG, &reads_files);
@@ -331,8 +339,9 @@ static int log_in(ssh_session session, const char *host, const char *user, const
     ssh_options_set(session, SSH_OPTIONS_LOG_VERBOSITY, &verbosity);
     ssh_options_set(session, SSH_OPTIONS_USER, user);
     ssh_options_set(session, SSH_OPTIONS_NODELAY, &on);
-    if (ssh_options_set(session, SSH_OPTIONS_PORT, &ssh_port) != SSH_OK || ssh_connect(session) != SSH_OK) {
-        BRIDGE_ERROR("ssh: error connecting to %s:%d: %s", host, ssh_port, ssh_get_error(session));
+    if (ssh_options_set(session, SSH_OPTIONS_PORT, &port) != SSH_OK || ssh_connect(session) != SSH_OK) {
+        BRIDGE_ERROR("ssh: error connecting to %s:%lld: %s", host, static_cast<long long>(ssh_port),
+                     ssh_get_error(session));
         return -EIO;
     }
     keep_alive(ssh_get_fd(session));
@@ -347,12 +356,12 @@ static int log_in(ssh_session session, const char *host, const char *user, const
 }
 
 static int run_session(ssh_session session, const char *host, const char *user, const char *password,
-                       int local_port, int ssh_port, int reverse_port)
+                       int local_port, int64_t ssh_port, int64_t reverse_port)
 {
     const int result = log_in(session, host, user, password, ssh_port);
     if (result < 0)
         return result;
-    if (ssh_channel_listen_forward(session, nullptr, reverse_port, nullptr) != SSH_OK) {
+    if (ssh_channel_listen_forward(session, nullptr, as_port(reverse_port), nullptr) != SSH_OK) {
         BRIDGE_ERROR("ssh: Error opening remote port: %s", ssh_get_error(session));
         return -EIO;
     }
@@ -360,7 +369,7 @@ static int run_session(ssh_session session, const char *host, const char *user, 
 }
 
 int bridge_cmd_reverse_ssh_session(const char *host, const char *user, const char *password, int local_port,
-                                   int ssh_port, int reverse_port)
+                                   int64_t ssh_port, int64_t reverse_port)
 {
     BRIDGE_DEBUG("ssh: starting reverse session");
     session_owned session(ssh_new());
@@ -400,12 +409,6 @@ static int read_params(json_object *params, tunnel_params *tunnel)
     return 0;
 }
 
-/* The library cuts a greater number down to a port that nobody has asked for; -1 it refuses. */
-static int as_port(int64_t number)
-{
-    return number >= 0 && number <= MAX_PORT ? static_cast<int>(number) : -1;
-}
-
 /* Under the context mutex. Returns 0 when no tunnel runs, or the negated errno value. A child that has ended
  * is forgotten here: its number may soon be another's. */
 static int check_no_tunnel(converter_ctx *ctx)
@@ -434,8 +437,8 @@ static int check_no_tunnel(converter_ctx *ctx)
     bridge_child_drop_descriptors();
     BRIDGE_INFO("revssh: starting client");
     const auto local_port = static_cast<int>(bridge_config_get_root_checked()->rev_ssh.local_port);
-    bridge_cmd_reverse_ssh_session(tunnel.host, tunnel.username, tunnel.password, local_port,
-                                   as_port(tunnel.ssh_port), as_port(tunnel.reverse_port));
+    bridge_cmd_reverse_ssh_session(tunnel.host, tunnel.username, tunnel.password, local_port, tunnel.ssh_port,
+                                   tunnel.reverse_port);
     exit(0);
 }
 

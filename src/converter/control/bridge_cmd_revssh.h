@@ -4,6 +4,8 @@
 #ifndef BRIDGE_CMD_REVSSH_H
 #define BRIDGE_CMD_REVSSH_H
 
+#include <cstdint>
+
 struct converter_ctx;
 struct json_object;
 
@@ -18,6 +20,6 @@ void bridge_cmd_stop_reverse_ssh(converter_ctx *ctx, json_object *params, json_o
  * the other, to `local_port` of the loopback. Ends when none arrives for the configured time, or with the
  * first failure that is not a connection's own. Returns 0 or a negative error. */
 int bridge_cmd_reverse_ssh_session(const char *host, const char *user, const char *password, int local_port,
-                                   int ssh_port, int reverse_port);
+                                   int64_t ssh_port, int64_t reverse_port);
 
 #endif

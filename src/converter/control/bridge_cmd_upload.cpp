@@ -26,6 +26,8 @@ static constexpr const char *FIRMWARE = "/lib/firmware/";
 static constexpr const char *MODEM_FIRMWARE = "/dev/shm/modem/";
 static constexpr mode_t DIRECTORY_MODE = 0755;
 static constexpr size_t PATH_SIZE = 4096;
+/* Neither through a link that lies where the file should, nor waiting for the reader of a pipe. */
+static constexpr int ONLY_A_FILE = O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
 
 using file_owned = std::unique_ptr<FILE, bridge_release<fclose>>;
 using bytes_owned = std::unique_ptr<char, bridge_release<free>>;
@@ -148,7 +150,7 @@ void bridge_cmd_file_upload_start(converter_ctx *ctx, json_object *params, json_
     }
     BRIDGE_DEBUG("starting uploading a file: %s, chunk len: %lld, overall size: %lld", path,
                  static_cast<long long>(request.chunk_length), static_cast<long long>(request.size));
-    const bridge_fd staged(open(path, O_WRONLY | O_TRUNC | O_NOFOLLOW | O_CLOEXEC));
+    const bridge_fd staged(open(path, O_WRONLY | O_TRUNC | ONLY_A_FILE));
     if (staged.get() < 0 && errno != ENOENT) {
         BRIDGE_ERROR("failed to truncate a file: %m");
         return;
@@ -159,17 +161,16 @@ void bridge_cmd_file_upload_start(converter_ctx *ctx, json_object *params, json_
 
 /* ---- chunk ---- */
 
-/* Returns the failure's text, or null. */
-/* Never through a link that lies where the file should. */
 static FILE *open_staged(const char *path, int flags, const char *mode)
 {
-    bridge_fd fd(open(path, O_WRONLY | O_NOFOLLOW | O_CLOEXEC | flags, 0666));
+    bridge_fd fd(open(path, O_WRONLY | ONLY_A_FILE | flags, 0666));
     FILE *file = fd.get() >= 0 ? fdopen(fd.get(), mode) : nullptr;
     if (file != nullptr)
         (void)fd.release();
     return file;
 }
 
+/* Returns the failure's text, or null. */
 static const char *append_chunk(const converter_ctx *ctx)
 {
     const char *text = reinterpret_cast<const char *>(ctx->upload_chunk);

@@ -141,6 +141,7 @@ TEST_F(AppMain, FailureBeforeTheLoopEndsTheProcess)
 
 TEST_F(AppMain, PortThatNoSocketTakesIsRefused)
 {
+    stubs.root.ns.ns_enabled = true;
     static constexpr struct {
         uint32_t udp;
         uint32_t status;
@@ -159,6 +160,19 @@ TEST_F(AppMain, PortThatNoSocketTakesIsRefused)
     stubs.on("wait", send_stop_signal);
     EXPECT_EQ(run({"-d", "-c", "x"}), 0);
     EXPECT_THAT(stubs.take(), Contains("status_server_start 65535"));
+}
+
+TEST_F(AppMain, ForwardersPortIsFreeWithoutServersForItsData)
+{
+    for (const uint32_t port : {0U, 65536U}) {
+        for (const bool for_geolocation : {false, true}) {
+            stubs.root.ns.ns_enabled = false;
+            stubs.root.geoloc.geoloc_enabled = for_geolocation;
+            stubs.root.generic.semtech_udp_listen_port = port;
+            stubs.on("wait", send_stop_signal);
+            EXPECT_EQ(run({"-d", "-c", "x"}), for_geolocation ? 1 : 0);
+        }
+    }
 }
 
 TEST_F(AppMain, FailureOfTheKeyManagerIsNone)
