@@ -105,6 +105,17 @@ bool queue_exists(const char *name)
     return mq >= 0;
 }
 
+void empty_queue(const char *name)
+{
+    const mqd_t mq = __real_mq_open(own_queue_name(name).c_str(), O_RDONLY | O_NONBLOCK);
+    ASSERT_GE(mq, 0);
+    char text[8192];
+    while (__real_mq_receive(mq, text, sizeof(text), nullptr) >= 0)
+        continue;
+    EXPECT_EQ(errno, EAGAIN);
+    mq_close(mq);
+}
+
 void leave_queue(const char *name, size_t message_size, const std::vector<std::string> &messages)
 {
     mq_attr attributes = {};

@@ -21,6 +21,9 @@ void leave_queue(const char *name, size_t message_size, const std::vector<std::s
 
 bool queue_exists(const char *name);
 
+/* Takes the messages that nobody reads any more. */
+void empty_queue(const char *name);
+
 /* The next so many receives are ended by a signal. */
 void interrupt_receives(int count);
 
